@@ -1,0 +1,46 @@
+// What every message operation shares: the guarded block with its three
+// exception clauses, and the report of a failed platform call.
+#pragma once
+
+#include <stdexcept>
+
+#include "atl.h"
+#include "bvsapssf_api.h"
+#include "kernel32/kernel32.h"
+#include "reporter.h"
+#include "trace/trace.h"
+
+namespace bv::frame {
+
+// "#error#: %08x" with the last error, then its text.  The caller writes the
+// failure banner after releasing what it holds.
+#define BV_TRACE_LAST_ERROR()                                 \
+  do {                                                        \
+    BV_TRACE(TRACE_NORMAL, "#error#: %08x\n", GetLastError()); \
+    ReportError(trace_file, __LINE__, -1);                    \
+  } while (0)
+
+// Runs `body` inside the clauses every operation has: CAtlException and any
+// other exception end in 13, std::runtime_error in 4.  `exception_line`, if
+// not null, opens the shared tail (SsfVerify and SsfAddSign have one).
+template <typename Body>
+SSF_RC guarded(const char* trace_function, const char* exception_line, Body&& body) {
+  constexpr const char* trace_file = "ssfxxmain";
+  try {
+    return body();
+  } catch (const CAtlException& e) {
+    SetLastError(static_cast<DWORD>(e.m_hr));
+  } catch (const std::runtime_error&) {
+    BV_TRACE_LAST_ERROR();
+    BV_TRACE_FAILURE();
+    return SSF_ERR_NOMEMORY;
+  } catch (...) {
+    SetLastError(static_cast<DWORD>(E_UNEXPECTED));
+  }
+  if (exception_line != nullptr) BV_TRACE(TRACE_ALWAYS, "%s", exception_line);
+  BV_TRACE_LAST_ERROR();
+  BV_TRACE_FAILURE();
+  return SSF_ERR_INTERNAL;
+}
+
+}  // namespace bv::frame

@@ -1,0 +1,78 @@
+// Everything that runs between the host's load of the library and its first
+// call, in one translation unit so that the order of the steps is the order
+// of the definitions below.
+#include <dlfcn.h>
+#include <libgen.h>
+
+#include <clocale>
+#include <cstring>
+#include <string>
+
+#include "atl.h"
+#include "bvsapssf/bvsapssf.h"
+#include "bvsapssf_api.h"
+#include "trace/output.h"
+#include "trace/settings.h"
+#include "trace/table.h"
+#include "trace/trace.h"
+
+namespace {
+
+std::string this_module_path() {
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<void*>(&this_module_path), &info) != 0 && info.dli_fname != nullptr)
+    return info.dli_fname;
+  return "libbvsapssf.so";
+}
+
+struct TraceModule {
+  TraceModule() {
+    if (!bv::trace::attach()) throw CAtlException(E_OUTOFMEMORY);
+    path = this_module_path();
+    const char* slash = std::strrchr(path.c_str(), '/');
+    file_name = slash != nullptr ? slash + 1 : path;
+    id = bv::trace::register_module(file_name.c_str(), path.c_str());
+    bv::trace::set_module_identity(id);
+  }
+  std::string path;
+  std::string file_name;
+  int id = bv::trace::kNoId;
+};
+
+struct TraceCategory {
+  TraceCategory(const TraceModule& module, const char* name, uint32_t& id) {
+    id = static_cast<uint32_t>(bv::trace::register_category(module.id, name));
+  }
+};
+
+// 2. the trace table and this module's entry
+TraceModule g_trace_module;
+// 3. the two categories
+TraceCategory g_general(g_trace_module, "BVTraceGeneral", BVTraceGeneral);
+TraceCategory g_snapin(g_trace_module, "BVTraceSnapin", BVTraceSnapin);
+}  // namespace
+
+// 4. the settings object
+Config config;
+
+namespace {
+// 5. the trace settings; the flag is kept and read by nobody
+bool g_trace_settings_loaded = bv::trace::load_settings();
+
+// 6. what DllMain does on DLL_PROCESS_ATTACH; there is no loader callback
+// here, so the last initialiser does it.
+struct ProcessAttach {
+  ProcessAttach() { DllMain(nullptr, 1, nullptr); }
+} g_process_attach;
+}  // namespace
+
+extern "C" int DllMain(void* /*module*/, uint32_t reason, void* /*reserved*/) {
+  static bool attached = false;
+  if (reason == 1 && !attached) {
+    attached = true;
+    // The process's locale follows the platform's ANSI code page, 1251.
+    std::setlocale(LC_ALL, "ru_RU.CP1251");
+    config.print_Config();
+  }
+  return 1;
+}

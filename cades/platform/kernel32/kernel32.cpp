@@ -1,0 +1,228 @@
+#include "kernel32/kernel32.h"
+
+#include <iconv.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "kernel32/message_texts.h"
+
+namespace {
+thread_local DWORD t_last_error = 0;
+
+// Marks the one module handle this platform hands out besides null.
+char g_wininet_module_tag;
+}  // namespace
+
+DWORD GetLastError() { return t_last_error; }
+void SetLastError(DWORD error) { t_last_error = error; }
+
+HLOCAL LocalAlloc(UINT /*flags*/, size_t bytes) { return std::calloc(1, bytes ? bytes : 1); }
+
+HLOCAL LocalFree(HLOCAL memory) {
+  std::free(memory);
+  return nullptr;
+}
+
+HMODULE GetModuleHandleA(LPCSTR moduleName) {
+  if (moduleName != nullptr && strcasecmp(moduleName, "wininet.dll") == 0) return &g_wininet_module_tag;
+  SetLastError(ERROR_MOD_NOT_FOUND);
+  return nullptr;
+}
+
+DWORD FormatMessageA(DWORD flags, LPCVOID source, DWORD messageId, DWORD /*languageId*/, LPSTR buffer,
+                     DWORD size, va_list* /*arguments*/) {
+  const char* text = nullptr;
+  if ((flags & FORMAT_MESSAGE_FROM_HMODULE) != 0 && source == &g_wininet_module_tag) {
+    text = bv::platform::wininet_message_text(messageId);
+  } else if ((flags & FORMAT_MESSAGE_FROM_SYSTEM) != 0) {
+    text = bv::platform::system_message_text(messageId);
+  }
+  if (text == nullptr) {
+    SetLastError(317);  // ERROR_MR_MID_NOT_FOUND
+    return 0;
+  }
+  const size_t length = std::strlen(text);
+  if ((flags & FORMAT_MESSAGE_ALLOCATE_BUFFER) != 0) {
+    auto* block = static_cast<char*>(LocalAlloc(0, length + 1));
+    if (block == nullptr) {
+      SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+      return 0;
+    }
+    std::memcpy(block, text, length + 1);
+    *reinterpret_cast<char**>(buffer) = block;
+    return static_cast<DWORD>(length);
+  }
+  if (buffer == nullptr || size <= length) {
+    SetLastError(ERROR_INSUFFICIENT_BUFFER);
+    return 0;
+  }
+  std::memcpy(buffer, text, length + 1);
+  return static_cast<DWORD>(length);
+}
+
+void GetLocalTime(SYSTEMTIME* time) {
+  timespec now{};
+  clock_gettime(CLOCK_REALTIME, &now);
+  tm local{};
+  localtime_r(&now.tv_sec, &local);
+  time->wYear = static_cast<WORD>(local.tm_year + 1900);
+  time->wMonth = static_cast<WORD>(local.tm_mon + 1);
+  time->wDayOfWeek = static_cast<WORD>(local.tm_wday);
+  time->wDay = static_cast<WORD>(local.tm_mday);
+  time->wHour = static_cast<WORD>(local.tm_hour);
+  time->wMinute = static_cast<WORD>(local.tm_min);
+  time->wSecond = static_cast<WORD>(local.tm_sec);
+  time->wMilliseconds = static_cast<WORD>(now.tv_nsec / 1000000);
+}
+
+namespace {
+// 100-ns intervals between 1601-01-01 and 1970-01-01.
+constexpr uint64_t kEpochDifference = 116444736000000000ULL;
+
+uint64_t to_u64(const FILETIME& t) { return (uint64_t{t.dwHighDateTime} << 32) | t.dwLowDateTime; }
+FILETIME from_u64(uint64_t v) { return FILETIME{static_cast<DWORD>(v), static_cast<DWORD>(v >> 32)}; }
+}  // namespace
+
+BOOL FileTimeToLocalFileTime(const FILETIME* utc, FILETIME* local) {
+  if (utc == nullptr || local == nullptr) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  const uint64_t ticks = to_u64(*utc);
+  const time_t seconds = static_cast<time_t>((static_cast<int64_t>(ticks) - static_cast<int64_t>(kEpochDifference)) / 10000000);
+  tm local_tm{};
+  localtime_r(&seconds, &local_tm);
+  *local = from_u64(ticks + static_cast<int64_t>(local_tm.tm_gmtoff) * 10000000);
+  return TRUE;
+}
+
+BOOL FileTimeToSystemTime(const FILETIME* time, SYSTEMTIME* system) {
+  if (time == nullptr || system == nullptr || (time->dwHighDateTime & 0x80000000u) != 0) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  const uint64_t ticks = to_u64(*time);
+  const int64_t since_epoch = static_cast<int64_t>(ticks) - static_cast<int64_t>(kEpochDifference);
+  int64_t seconds = since_epoch / 10000000;
+  int64_t rest = since_epoch % 10000000;
+  if (rest < 0) {
+    rest += 10000000;
+    --seconds;
+  }
+  const time_t t = static_cast<time_t>(seconds);
+  tm utc{};
+  gmtime_r(&t, &utc);
+  system->wYear = static_cast<WORD>(utc.tm_year + 1900);
+  system->wMonth = static_cast<WORD>(utc.tm_mon + 1);
+  system->wDayOfWeek = static_cast<WORD>(utc.tm_wday);
+  system->wDay = static_cast<WORD>(utc.tm_mday);
+  system->wHour = static_cast<WORD>(utc.tm_hour);
+  system->wMinute = static_cast<WORD>(utc.tm_min);
+  system->wSecond = static_cast<WORD>(utc.tm_sec);
+  system->wMilliseconds = static_cast<WORD>(rest / 10000);
+  return TRUE;
+}
+
+namespace {
+const char* iconv_name(UINT codePage) {
+  switch (codePage) {
+    case CP_ACP:
+    case CP_THREAD_ACP:
+    case 1251:
+      return "CP1251";
+    case CP_UTF8:
+      return "UTF-8";
+    default:
+      return nullptr;
+  }
+}
+
+class Iconv {
+ public:
+  Iconv(const char* to, const char* from) : handle_(iconv_open(to, from)) {}
+  ~Iconv() {
+    if (ok()) iconv_close(handle_);
+  }
+  Iconv(const Iconv&) = delete;
+  Iconv& operator=(const Iconv&) = delete;
+  bool ok() const { return handle_ != reinterpret_cast<iconv_t>(-1); }
+  // Converts all of `in`; unconvertible input becomes '?'-like replacement by
+  // skipping, as the platform does with its default character.
+  bool convert(const char* in, size_t in_bytes, std::string& out) {
+    out.clear();
+    char chunk[256];
+    char* src = const_cast<char*>(in);
+    while (in_bytes > 0) {
+      char* dst = chunk;
+      size_t room = sizeof chunk;
+      const size_t rc = iconv(handle_, &src, &in_bytes, &dst, &room);
+      out.append(chunk, sizeof chunk - room);
+      if (rc == static_cast<size_t>(-1) && errno != E2BIG) return false;
+    }
+    return true;
+  }
+
+ private:
+  iconv_t handle_;
+};
+}  // namespace
+
+int MultiByteToWideChar(UINT codePage, DWORD /*flags*/, LPCSTR text, int textLength, LPWSTR wide,
+                        int wideLength) {
+  const char* from = iconv_name(codePage);
+  if (from == nullptr || text == nullptr || wideLength < 0) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
+  const size_t bytes = textLength < 0 ? std::strlen(text) + 1 : static_cast<size_t>(textLength);
+  Iconv cd("UTF-16LE", from);
+  std::string converted;
+  if (!cd.ok() || !cd.convert(text, bytes, converted)) {
+    SetLastError(1113);  // ERROR_NO_UNICODE_TRANSLATION
+    return 0;
+  }
+  const int units = static_cast<int>(converted.size() / 2);
+  if (wideLength == 0) return units;
+  if (units > wideLength) {
+    SetLastError(ERROR_INSUFFICIENT_BUFFER);
+    return 0;
+  }
+  std::memcpy(wide, converted.data(), converted.size());
+  return units;
+}
+
+int WideCharToMultiByte(UINT codePage, DWORD /*flags*/, LPCWSTR wide, int wideLength, LPSTR text,
+                        int textLength, LPCSTR /*defaultChar*/, BOOL* usedDefaultChar) {
+  const char* to = iconv_name(codePage);
+  if (to == nullptr || wide == nullptr || textLength < 0) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return 0;
+  }
+  size_t units = 0;
+  if (wideLength < 0) {
+    while (wide[units] != 0) ++units;
+    ++units;
+  } else {
+    units = static_cast<size_t>(wideLength);
+  }
+  std::string target = std::string(to) + "//TRANSLIT";
+  Iconv cd(target.c_str(), "UTF-16LE");
+  std::string converted;
+  if (!cd.ok() || !cd.convert(reinterpret_cast<const char*>(wide), units * 2, converted)) {
+    SetLastError(1113);
+    return 0;
+  }
+  if (usedDefaultChar != nullptr) *usedDefaultChar = FALSE;
+  const int bytes = static_cast<int>(converted.size());
+  if (textLength == 0) return bytes;
+  if (bytes > textLength) {
+    SetLastError(ERROR_INSUFFICIENT_BUFFER);
+    return 0;
+  }
+  std::memcpy(text, converted.data(), converted.size());
+  return bytes;
+}

@@ -1,0 +1,86 @@
+// Owning handles for OpenSSL objects, the library's GOST engine, and the one
+// place where OpenSSL's error queue becomes the thread's last error.
+#pragma once
+
+#include <openssl/bio.h>
+#include <openssl/cms.h>
+#include <openssl/engine.h>
+#include <openssl/evp.h>
+#include <openssl/ocsp.h>
+#include <openssl/pkcs12.h>
+#include <openssl/ts.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+
+#include <memory>
+#include <string>
+
+#include "wintypes.h"
+
+namespace bv::ossl {
+
+template <typename T>
+struct Deleter;
+
+#define BV_OSSL_DELETER(type, free_fn)                   \
+  template <>                                            \
+  struct Deleter<type> {                                 \
+    void operator()(type* p) const noexcept { free_fn(p); } \
+  }
+
+BV_OSSL_DELETER(BIO, BIO_free_all);
+BV_OSSL_DELETER(EVP_PKEY, EVP_PKEY_free);
+BV_OSSL_DELETER(EVP_PKEY_CTX, EVP_PKEY_CTX_free);
+BV_OSSL_DELETER(EVP_MD_CTX, EVP_MD_CTX_free);
+BV_OSSL_DELETER(EVP_CIPHER_CTX, EVP_CIPHER_CTX_free);
+BV_OSSL_DELETER(X509, X509_free);
+BV_OSSL_DELETER(X509_CRL, X509_CRL_free);
+BV_OSSL_DELETER(X509_STORE, X509_STORE_free);
+BV_OSSL_DELETER(X509_STORE_CTX, X509_STORE_CTX_free);
+BV_OSSL_DELETER(X509_NAME, X509_NAME_free);
+BV_OSSL_DELETER(X509_ALGOR, X509_ALGOR_free);
+BV_OSSL_DELETER(CMS_ContentInfo, CMS_ContentInfo_free);
+BV_OSSL_DELETER(ASN1_OBJECT, ASN1_OBJECT_free);
+BV_OSSL_DELETER(ASN1_STRING, ASN1_STRING_free);  // also ASN1_INTEGER, ASN1_OCTET_STRING, ASN1_TIME
+BV_OSSL_DELETER(BIGNUM, BN_free);
+BV_OSSL_DELETER(PKCS8_PRIV_KEY_INFO, PKCS8_PRIV_KEY_INFO_free);
+BV_OSSL_DELETER(X509_SIG, X509_SIG_free);
+BV_OSSL_DELETER(OCSP_REQUEST, OCSP_REQUEST_free);
+BV_OSSL_DELETER(OCSP_RESPONSE, OCSP_RESPONSE_free);
+BV_OSSL_DELETER(OCSP_BASICRESP, OCSP_BASICRESP_free);
+BV_OSSL_DELETER(OCSP_CERTID, OCSP_CERTID_free);
+BV_OSSL_DELETER(TS_REQ, TS_REQ_free);
+BV_OSSL_DELETER(TS_RESP, TS_RESP_free);
+BV_OSSL_DELETER(TS_TST_INFO, TS_TST_INFO_free);
+BV_OSSL_DELETER(TS_MSG_IMPRINT, TS_MSG_IMPRINT_free);
+BV_OSSL_DELETER(TS_VERIFY_CTX, TS_VERIFY_CTX_free);
+BV_OSSL_DELETER(PKCS12, PKCS12_free);
+BV_OSSL_DELETER(ENGINE, ENGINE_free);
+#undef BV_OSSL_DELETER
+
+template <>
+struct Deleter<STACK_OF(X509)> {
+  void operator()(STACK_OF(X509) * p) const noexcept { sk_X509_pop_free(p, X509_free); }
+};
+
+template <typename T>
+using UniquePtr = std::unique_ptr<T, Deleter<T>>;
+
+// The GOST engine, loaded once by the library itself (no openssl.cnf needed)
+// and registered for its key and algorithm methods.  Null if the engine is
+// not installed; callers then fail with NTE_BAD_ALGID-like errors of their own.
+ENGINE* gost_engine();
+
+// Looks up a digest by OpenSSL name or NID, the GOST ones through the engine.
+const EVP_MD* digest_by_nid(int nid);
+const EVP_CIPHER* cipher_by_nid(int nid);
+
+// The text of the first error on OpenSSL's queue (for trace lines), emptying
+// the queue.  Empty if the queue was empty.
+std::string take_error_text();
+
+// Sets the thread's last error to `win_error` and empties OpenSSL's queue.
+// Returns false so call sites can write `return fail(NTE_BAD_SIGNATURE);`.
+bool fail(DWORD win_error);
+
+}  // namespace bv::ossl

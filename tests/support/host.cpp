@@ -1,0 +1,120 @@
+#include "host.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace bv::test {
+
+const SsfApi& SsfApi::get() {
+  static const SsfApi api = [] {
+    void* handle = dlopen(BV_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) throw std::runtime_error(std::string("dlopen: ") + dlerror());
+    auto resolve = [handle](const char* name) {
+      void* symbol = dlsym(handle, name);
+      if (symbol == nullptr) throw std::runtime_error(std::string("missing export ") + name);
+      return symbol;
+    };
+    SsfApi a{};
+#define BV_RESOLVE(name) a.name = reinterpret_cast<decltype(a.name)>(resolve(#name))
+    BV_RESOLVE(SsfVersion);
+    BV_RESOLVE(SsfQueryProperties);
+    BV_RESOLVE(SsfEncode);
+    BV_RESOLVE(SsfDecode);
+    BV_RESOLVE(SsfSign);
+    BV_RESOLVE(SsfVerify);
+    BV_RESOLVE(SsfEnvelope);
+    BV_RESOLVE(SsfDevelope);
+    BV_RESOLVE(SsfAddSign);
+    BV_RESOLVE(SsfDigest);
+    BV_RESOLVE(SsfDELSsfOctetstring);
+    BV_RESOLVE(SsfNEWSigRcpSsfInfo);
+    BV_RESOLVE(SsfDELSigRcpSsfInfo);
+    BV_RESOLVE(SsfINSSigRcpSsfInfo);
+    BV_RESOLVE(SsfDELSigRcpSsfInfoList);
+    BV_RESOLVE(SsfPRISigRcpSsfInfo);
+    BV_RESOLVE(SsfPRISigRcpSsfInfoList);
+    BV_RESOLVE(DllMain);
+#undef BV_RESOLVE
+    return a;
+  }();
+  return api;
+}
+
+TempDir::TempDir() {
+  char pattern[] = "/tmp/bvsapssf-test-XXXXXX";
+  const char* made = mkdtemp(pattern);
+  if (made == nullptr) throw std::runtime_error("mkdtemp failed");
+  path_ = made;
+}
+
+TempDir::~TempDir() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+void write_file(const std::string& path, const std::string& content) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+ChildResult run_isolated(const std::map<std::string, std::string>& env, const std::function<void()>& fn) {
+  std::fflush(nullptr);
+  int pipe_fds[2];
+  if (pipe(pipe_fds) != 0) throw std::runtime_error("pipe failed");
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(pipe_fds[0]);
+    dup2(pipe_fds[1], STDERR_FILENO);
+    close(pipe_fds[1]);
+    for (const auto& [name, value] : env) {
+      if (value.empty())
+        unsetenv(name.c_str());
+      else
+        setenv(name.c_str(), value.c_str(), 1);
+    }
+    fn();
+    const bool failed = ::testing::Test::HasFailure();
+    std::fflush(nullptr);
+    _exit(failed ? 1 : 0);
+  }
+  close(pipe_fds[1]);
+  ChildResult result;
+  char chunk[4096];
+  ssize_t n;
+  while ((n = read(pipe_fds[0], chunk, sizeof chunk)) > 0) result.stderr_text.append(chunk, static_cast<size_t>(n));
+  close(pipe_fds[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return result;
+}
+
+std::string run_command(const std::string& command, int* status) {
+  std::string output;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) throw std::runtime_error("popen failed");
+  char chunk[4096];
+  size_t n;
+  while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) output.append(chunk, n);
+  const int rc = pclose(pipe);
+  if (status != nullptr) *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+  return output;
+}
+
+}  // namespace bv::test

@@ -1,0 +1,71 @@
+// The test side of the host boundary: the shipped library loaded with
+// dlopen as a host loads it, temporary folders, and isolated child runs.
+#pragma once
+
+#include <dlfcn.h>
+
+#include <functional>
+#include <map>
+#include <string>
+
+#include "bvsapssf_api.h"
+
+namespace bv::test {
+
+// The eighteen exports, resolved from build/libbvsapssf.so.
+struct SsfApi {
+  decltype(&::SsfVersion) SsfVersion;
+  decltype(&::SsfQueryProperties) SsfQueryProperties;
+  decltype(&::SsfEncode) SsfEncode;
+  decltype(&::SsfDecode) SsfDecode;
+  decltype(&::SsfSign) SsfSign;
+  decltype(&::SsfVerify) SsfVerify;
+  decltype(&::SsfEnvelope) SsfEnvelope;
+  decltype(&::SsfDevelope) SsfDevelope;
+  decltype(&::SsfAddSign) SsfAddSign;
+  decltype(&::SsfDigest) SsfDigest;
+  decltype(&::SsfDELSsfOctetstring) SsfDELSsfOctetstring;
+  decltype(&::SsfNEWSigRcpSsfInfo) SsfNEWSigRcpSsfInfo;
+  decltype(&::SsfDELSigRcpSsfInfo) SsfDELSigRcpSsfInfo;
+  decltype(&::SsfINSSigRcpSsfInfo) SsfINSSigRcpSsfInfo;
+  decltype(&::SsfDELSigRcpSsfInfoList) SsfDELSigRcpSsfInfoList;
+  decltype(&::SsfPRISigRcpSsfInfo) SsfPRISigRcpSsfInfo;
+  decltype(&::SsfPRISigRcpSsfInfoList) SsfPRISigRcpSsfInfoList;
+  decltype(&::DllMain) DllMain;
+
+  // Loads the library once per process and resolves every export; a
+  // missing one fails the test that asked.
+  static const SsfApi& get();
+};
+
+// A folder under /tmp removed with everything in it at scope exit.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+void write_file(const std::string& path, const std::string& content);  // creates parent folders
+std::string read_file(const std::string& path);
+
+struct ChildResult {
+  int exit_code = -1;
+  std::string stderr_text;  // what the child wrote to standard error
+};
+
+// Forks, applies `env` (an empty value unsets), runs `fn` and exits.  The
+// library is loaded only inside the child, so its load-time work sees `env`.
+// A failed gtest assertion in `fn` makes the exit code 1.
+ChildResult run_isolated(const std::map<std::string, std::string>& env, const std::function<void()>& fn);
+
+// Runs a shell command and returns its standard output; exit code in *status.
+std::string run_command(const std::string& command, int* status = nullptr);
+
+}  // namespace bv::test

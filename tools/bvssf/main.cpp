@@ -1,0 +1,142 @@
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+
+#include "bvssf.h"
+
+namespace bvssf {
+namespace {
+
+std::map<std::string, Command>& commands() {
+  static std::map<std::string, Command> table;
+  return table;
+}
+
+std::string library_path() {
+  if (const char* path = std::getenv("BVSSF_LIBRARY")) return path;
+  char self[4096];
+  const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n > 0) {
+    self[n] = '\0';
+    std::string dir(self);
+    dir.resize(dir.rfind('/') + 1);
+    return dir + "libbvsapssf.so";
+  }
+  return "libbvsapssf.so";
+}
+
+[[noreturn]] void die(const std::string& message) {
+  std::fprintf(stderr, "bvssf: %s\n", message.c_str());
+  std::exit(2);
+}
+
+}  // namespace
+
+const Library& library() {
+  static const Library lib = [] {
+    const std::string path = library_path();
+    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) die(std::string("cannot load ") + path + ": " + dlerror());
+    auto resolve = [handle](const char* name) {
+      void* symbol = dlsym(handle, name);
+      if (symbol == nullptr) die(std::string("the library does not export ") + name);
+      return symbol;
+    };
+    Library l{};
+#define BVSSF_RESOLVE(name) l.name = reinterpret_cast<decltype(l.name)>(resolve(#name))
+    BVSSF_RESOLVE(SsfVersion);
+    BVSSF_RESOLVE(SsfQueryProperties);
+    BVSSF_RESOLVE(SsfEncode);
+    BVSSF_RESOLVE(SsfDecode);
+    BVSSF_RESOLVE(SsfSign);
+    BVSSF_RESOLVE(SsfVerify);
+    BVSSF_RESOLVE(SsfEnvelope);
+    BVSSF_RESOLVE(SsfDevelope);
+    BVSSF_RESOLVE(SsfAddSign);
+    BVSSF_RESOLVE(SsfDigest);
+    BVSSF_RESOLVE(SsfDELSsfOctetstring);
+    BVSSF_RESOLVE(SsfNEWSigRcpSsfInfo);
+    BVSSF_RESOLVE(SsfDELSigRcpSsfInfo);
+    BVSSF_RESOLVE(SsfINSSigRcpSsfInfo);
+    BVSSF_RESOLVE(SsfDELSigRcpSsfInfoList);
+    BVSSF_RESOLVE(SsfPRISigRcpSsfInfo);
+    BVSSF_RESOLVE(SsfPRISigRcpSsfInfoList);
+#undef BVSSF_RESOLVE
+    return l;
+  }();
+  return lib;
+}
+
+std::string rc_name(SSF_RC rc) {
+  switch (rc) {
+    case SSF_OK: return "SSF_OK";
+    case SSF_ERR_FORMAT: return "SSF_ERR_FORMAT";
+    case SSF_ERR_INPUT: return "SSF_ERR_INPUT";
+    case SSF_ERR_NOMEMORY: return "SSF_ERR_NOMEMORY";
+    case SSF_ERR_SIGNER: return "SSF_ERR_SIGNER";
+    case SSF_ERR_SIGNERINFO: return "SSF_ERR_SIGNERINFO";
+    case SSF_ERR_PAB: return "SSF_ERR_PAB";
+    case SSF_ERR_RECIPIENT: return "SSF_ERR_RECIPIENT";
+    case SSF_ERR_HASHALG: return "SSF_ERR_HASHALG";
+    case SSF_ERR_ENCODE: return "SSF_ERR_ENCODE";
+    case SSF_ERR_DECODE: return "SSF_ERR_DECODE";
+    case SSF_ERR_INTERNAL: return "SSF_ERR_INTERNAL";
+    case SSF_ERR_ENCRALG: return "SSF_ERR_ENCRALG";
+    case SSF_REC_NOMEMORY: return "SSF_REC_NOMEMORY";
+    case SSF_REC_INVALID_LENGTH: return "SSF_REC_INVALID_LENGTH";
+    case SSF_REC_NULL_INFO: return "SSF_REC_NULL_INFO";
+    case SSF_REC_NULL_LIST: return "SSF_REC_NULL_LIST";
+    default: return std::to_string(rc);
+  }
+}
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) die("cannot read " + path);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+void write_file(const std::string& path, const unsigned char* data, uint32_t length) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  if (!out) die("cannot write " + path);
+  out.write(reinterpret_cast<const char*>(data), length);
+  if (!out) die("cannot write " + path);
+}
+
+int report(SSF_RC rc) {
+  std::printf("%s (%u)\n", rc_name(rc).c_str(), rc);
+  return rc == SSF_OK ? 0 : 1;
+}
+
+bool add_command(const Command& command) {
+  commands()[command.name] = command;
+  return true;
+}
+
+}  // namespace bvssf
+
+namespace {
+int usage() {
+  std::fprintf(stderr, "usage: bvssf COMMAND [ARGUMENTS]\n\ncommands:\n");
+  for (const auto& [name, command] : bvssf::commands())
+    std::fprintf(stderr, "  %s %s\n      %s\n", name.c_str(), command.usage, command.help);
+  std::fprintf(stderr, "\nThe library is $BVSSF_LIBRARY, else libbvsapssf.so beside bvssf.\n");
+  return 2;
+}
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc < 2) return usage();
+  const auto found = bvssf::commands().find(argv[1]);
+  if (found == bvssf::commands().end()) return usage();
+  return found->second.run(std::vector<std::string>(argv + 2, argv + argc));
+}
