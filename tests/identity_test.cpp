@@ -1,0 +1,168 @@
+// Identity texts: hash forms, DN keys and values, the escape sequence.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "identity/identity.h"
+
+namespace {
+
+std::vector<BYTE> bytes_of(const std::string& hex_text, DWORD initial_count, DWORD* count_out) {
+  DWORD count = initial_count;
+  std::vector<BYTE> out(64, 0xEE);
+  parse_hex_string(hex_text.data(), static_cast<int32_t>(hex_text.size()), out.data(), &count);
+  *count_out = count;
+  out.resize(count < out.size() ? count : out.size());
+  return out;
+}
+
+TEST(HashIdentity, FormsAndStops) {
+  struct Case {
+    std::string text;
+    bool is_hash;
+    DWORD count;  // 777: the caller's count is left as it was
+    std::vector<BYTE> bytes;
+  };
+  const std::vector<Case> cases = {
+      {"A1B2C3", true, 3, {0xA1, 0xB2, 0xC3}},
+      {"a1 b2 c3", true, 3, {0xA1, 0xB2, 0xC3}},
+      {"  a1\tB2\n c3  ", true, 3, {0xA1, 0xB2, 0xC3}},
+      {"ABBA", true, 2, {0xAB, 0xBA}},
+      {"\t\t\t", true, 0, {}},
+      {"A1B", true, 777, {}},     // odd digit: both passes stop on it
+      {"A 1B2", true, 777, {}},   // blank inside a pair
+      {"CN=Test", false, 777, {}},
+      {"$SELECT_CERTIFICATE$", false, 777, {}},
+      {"a1\xC0", false, 777, {}},  // byte above 127 is neither digit nor space
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    EXPECT_EQ(is_hash_id(c.text.data(), static_cast<int32_t>(c.text.size())), c.is_hash);
+    DWORD count = 0;
+    const auto got = bytes_of(c.text, 777, &count);
+    EXPECT_EQ(count, c.count);
+    if (c.count != 777) {
+      EXPECT_EQ(got, c.bytes);
+    }
+  }
+}
+
+TEST(HashIdentity, BlobKeepsOldCountOnOddTextAndReadsBackOwnText) {
+  CRYPT_HASH_BLOB blob{0, nullptr};
+  const std::string good = "00 11 22 33 44 55 66 77 88 99 aa bb cc dd ee ff 01 02 03 04";
+  ASSERT_TRUE(parse_CertHashID(good.data(), static_cast<int32_t>(good.size()), &blob));
+  ASSERT_EQ(blob.cbData, 20u);
+  const std::string text = bytes_to_hex_string(blob.pbData, static_cast<int32_t>(blob.cbData));
+  EXPECT_EQ(text, good);
+  EXPECT_EQ(text.size(), 59u);
+
+  // One digit too many: the count of the previous signer stands and only
+  // the pairs before the stop are written.
+  const std::string odd = "ABCDE";
+  ASSERT_TRUE(parse_CertHashID(odd.data(), static_cast<int32_t>(odd.size()), &blob));
+  EXPECT_EQ(blob.cbData, 20u);
+  EXPECT_EQ(blob.pbData[0], 0xAB);
+  EXPECT_EQ(blob.pbData[1], 0xCD);
+
+  const std::string tabs = "\t\t";
+  ASSERT_TRUE(parse_CertHashID(tabs.data(), 2, &blob));
+  EXPECT_EQ(blob.cbData, 0u);
+  std::free(blob.pbData);
+
+  EXPECT_EQ(bytes_to_hex_string(nullptr, 0), "");
+}
+
+struct DnCase {
+  std::string text;
+  int32_t rc;
+  std::vector<std::string> items;
+};
+
+void check_dn(const DnCase& c) {
+  SCOPED_TRACE(c.text);
+  RdnList rdns;
+  EXPECT_EQ(parse_dn_string(c.text.data(), static_cast<int32_t>(c.text.size()), rdns), c.rc);
+  EXPECT_EQ(std::vector<std::string>(rdns.begin(), rdns.end()), c.items);
+}
+
+TEST(DnIdentity, KeyTable) {
+  const std::vector<std::pair<std::string, std::string>> keys = {
+      {"E", "1.2.840.113549.1.9.1"},       {"EMAIL", "1.2.840.113549.1.9.1"},
+      {"EMAILADDRESS", "1.2.840.113549.1.9.1"},
+      {"CN", "2.5.4.3"},                   {"CNX", "2.5.4.3"},
+      {"C", "2.5.4.6"},                    {"CX", "2.5.4.6"},
+      {"S", "2.5.4.8"},                    {"ST", "2.5.4.8"},
+      {"SN", "2.5.4.4"},                   {"SNILS", "1.2.643.100.3"},
+      {"STREET", "2.5.4.9"},               {"L", "2.5.4.7"},
+      {"O", "2.5.4.10"},                   {"OU", "2.5.4.11"},
+      {"OGRN", "1.2.643.100.1"},           {"OGRNIP", "1.2.643.100.5"},
+      {"T", "2.5.4.12"},                   {"TITLE", "2.5.4.12"},
+      {"G", "2.5.4.42"},                   {"GIVENNAME", "2.5.4.42"},
+      {"I", "2.5.4.43"},                   {"INITIALS", "2.5.4.43"},
+      {"INN", "1.2.643.3.131.1.1"},        {"DC", "0.9.2342.19200300.100.1.25"},
+      {"PS", "2.5.4.65"},                  {"2.5.4.3", "2.5.4.3"},
+      {"cn", "cn"},                        {"D", "D"},
+      {"X Y", "X Y"},
+  };
+  for (const auto& [key, oid] : keys) check_dn({key + "=v", 0, {oid + "=v"}});
+}
+
+TEST(DnIdentity, ValuesQuotesCommasBlanks) {
+  const std::vector<DnCase> cases = {
+      {"", 0, {}},
+      {"  ,  ", 0, {}},
+      {"CN=Ivan, O=Bank", 0, {"2.5.4.3=Ivan", "2.5.4.10=Bank"}},
+      {"CN = Ivan ,O= Bank", 0, {"2.5.4.3=Ivan", "2.5.4.10=Bank"}},
+      {"CN=Ivan  ", 0, {"2.5.4.3=Ivan  "}},  // blanks at the very end stay
+      {"O=\"Roga, Kopyta\", C=RU", 0, {"2.5.4.10=Roga, Kopyta", "2.5.4.6=RU"}},
+      {"O=Roga, Kopyta=1", 0, {"2.5.4.10=Roga", "Kopyta=1"}},
+      {"O=\"say \\\"hi\\\"\"", 0, {"2.5.4.10=say hi"}},
+      {"O=\"a\"\"b\"", 0, {"2.5.4.10=ab"}},
+      {"O=\"open, end", 0, {"2.5.4.10=open, end"}},  // closing quote missing
+      {"O=a\\,b", -1, {"2.5.4.10=a\\"}},               // no escape in a plain value
+      {"CN=a;O=b+L=c", 0, {"2.5.4.3=a;O=b+L=c"}},
+      {"CN=,", 0, {"2.5.4.3=,"}},                     // first byte taken as it is
+      {"=x", -1, {}},
+      {"CN=a, =x", -1, {"2.5.4.3=a"}},
+      {"CN=a, Ivan", -1, {"2.5.4.3=a"}},
+      {"CN=a, O=", 24, {"2.5.4.3=a"}},
+      {"CN=  ", 24, {}},
+      // the subject as the certificate service renders it, terminator counted
+      {std::string("2.5.4.3=Ivan, 2.5.4.6=RU\0", 25), 0, {"2.5.4.3=Ivan", "2.5.4.6=RU"}},
+  };
+  for (const auto& c : cases) check_dn(c);
+}
+
+TEST(DnIdentity, EscapeSequenceAndCodePage1251) {
+  const std::vector<DnCase> cases = {
+      {"CN=\\u0041BC", 0, {"2.5.4.3=ABC"}},
+      {"CN=\\u0418\\u0432\\u0430\\u043d", 0, {"2.5.4.3=\xC8\xE2\xE0\xED"}},
+      {"CN=a\\u12", 0, {"2.5.4.3=a"}},          // fewer than four bytes: the walk ends
+      {"CN=a\\x\\u0042", 0, {"2.5.4.3=a\\xB"}},  // lone backslash kept
+      {"CN=\xC8\xE2\xE0\xED \\u0041", 0, {"2.5.4.3=\xC8\xE2\xE0\xED \\u0041"}},  // byte above 127: untouched
+      {"CN=\xC8\xE2\xE0\xED", 0, {"2.5.4.3=\xC8\xE2\xE0\xED"}},
+  };
+  for (const auto& c : cases) check_dn(c);
+}
+
+TEST(DnIdentity, ContainsAll) {
+  const RdnList have = {"2.5.4.3=Ivan", "2.5.4.10=Bank", "2.5.4.6=RU"};
+  struct Case {
+    RdnList wanted;
+    bool result;
+  };
+  const std::vector<Case> cases = {
+      {{}, true},
+      {{"2.5.4.6=RU", "2.5.4.3=Ivan"}, true},
+      {{"2.5.4.3=Ivan", "2.5.4.3=Ivan"}, true},
+      {{"2.5.4.3=ivan"}, false},
+      {{"2.5.4.3=Iva"}, false},
+      {{"2.5.4.3=Ivan", "2.5.4.7=Moscow"}, false},
+      {{"cn=Ivan"}, false},
+  };
+  for (const auto& c : cases) EXPECT_EQ(dn_contains_all(c.wanted, have), c.result);
+}
+
+}  // namespace
