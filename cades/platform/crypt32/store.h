@@ -3,6 +3,9 @@
 // surface of cert.h: the OpenSSL objects behind them and where stores live.
 #pragma once
 
+#include <atomic>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -42,5 +45,85 @@ bool store_certificates(HCERTSTORE store, std::vector<bv::ossl::UniquePtr<X509>>
 
 // Drops every cached store folder; the next open reads from disk.
 void forget_cached_stores();
+
+// ---------------------------------------------------------------------------
+// Inside crypt32: what a context and a store are made of.
+
+// A certificate as read once: its encoding, the CERT_INFO that points into
+// this record's own storage, and what is derived from it.  Shared, never
+// changed, by the cache and every context made of it.
+struct ParsedCertificate {
+  ParsedCertificate() = default;
+  ParsedCertificate(const ParsedCertificate&) = delete;
+  ParsedCertificate& operator=(const ParsedCertificate&) = delete;
+
+  bv::ossl::UniquePtr<X509> x509;
+  std::vector<BYTE> encoded;
+  BYTE sha1[20] = {};
+  std::string file;      // where it was read from, empty if from memory
+  std::string key_file;  // <stem>.key beside it, if that file exists
+  CERT_INFO info{};
+
+  // Storage behind `info`.
+  std::vector<BYTE> serial, signature_parameters, issuer, subject, key_parameters, key_bits;
+  std::vector<BYTE> issuer_uid, subject_uid;
+  std::string signature_oid, key_oid;
+  std::vector<std::string> extension_oids;
+  std::vector<std::vector<BYTE>> extension_values;
+  std::vector<CERT_EXTENSION> extensions;
+};
+
+// Parses one DER certificate; null with CRYPT_E_ASN1_BADTAG when it is none.
+std::shared_ptr<const ParsedCertificate> parse_certificate(const BYTE* der, size_t length,
+                                                           const std::string& file = {});
+
+// The parsed record behind a context, or null for a bad pointer.
+const ParsedCertificate* parsed_certificate(PCCERT_CONTEXT context);
+
+// FILETIME of an ASN.1 time; false for a time it cannot represent.
+bool filetime_from_asn1(const ASN1_TIME* time, FILETIME& out);
+
+// CRYPT_KEY_PROV_INFO held by value.
+struct KeyProvInfo {
+  struct Param {
+    DWORD dwParam = 0;
+    DWORD dwFlags = 0;
+    bool has_data = false;
+    std::vector<BYTE> data;
+  };
+  std::u16string container;  // the key file's path
+  std::u16string provider;
+  bool has_provider = false;
+  DWORD dwProvType = 0;
+  DWORD dwFlags = 0;
+  DWORD dwKeySpec = 0;
+  std::vector<Param> params;
+};
+
+struct CertStoreObject;
+
+// What a PCCERT_CONTEXT points at.  The public record comes first, so the
+// pointer a caller holds is the element's address.
+struct CertElement {
+  static constexpr uint32_t kMagic = 0x42564345;  // "BVCE"
+  CERT_CONTEXT context{};
+  uint32_t magic = kMagic;
+  std::atomic<int> references{1};
+  std::shared_ptr<const ParsedCertificate> parsed;
+  CertStoreObject* store = nullptr;  // holds one reference on the store
+  std::mutex mutex;                  // guards what follows
+  bool key_prov_info_set = false;    // set (or removed) by the caller
+  std::unique_ptr<KeyProvInfo> key_prov_info;
+  HCRYPTPROV cached_provider = 0;
+  DWORD cached_key_spec = 0;
+  std::vector<HCRYPTPROV> retired_providers;  // replaced while a caller may still hold them
+};
+
+// The element behind a context, or null with ERROR_INVALID_PARAMETER.
+CertElement* element_from_context(PCCERT_CONTEXT context);
+
+// The key provider information a context has: the one set on it, else the
+// link to a key file beside its certificate file.  False if it has none.
+bool effective_key_prov_info(CertElement& element, KeyProvInfo& out);
 
 }  // namespace bv::platform
