@@ -47,28 +47,4 @@ SSF_RC SsfAddSign(const char*, int32_t, const char*, int32_t, SSF_BOOL, const un
   return not_yet("SsfAddSign");
 }
 
-SSF_RC SsfDigest(const char*, int32_t, SSF_BOOL, const unsigned char*, int32_t, const char*, int32_t,
-                 unsigned char**, uint32_t*) {
-  return not_yet("SsfDigest");
-}
-
 }  // extern "C"
-
-extern "C" {
-SSF_RC SsfEncode(const char*, int32_t, const unsigned char*, int32_t, unsigned char**, uint32_t*) {
-  return not_yet("SsfEncode");
-}
-SSF_RC SsfDecode(const char*, int32_t, const unsigned char*, int32_t, unsigned char**, uint32_t*) {
-  return not_yet("SsfDecode");
-}
-SSF_RC SsfNEWSigRcpSsfInfo(const char*, int32_t, const char*, int32_t, const char*, int32_t, const char*, int32_t,
-                           int32_t, SsfInfo** newInfo) {
-  *newInfo = nullptr;
-  return SSF_REC_NOMEMORY;
-}
-SSF_RC SsfDELSigRcpSsfInfo(SsfInfo**) { return SSF_REC_NULL_INFO; }
-SSF_RC SsfINSSigRcpSsfInfo(SsfInfo*, SsfInfoNode**) { return SSF_REC_NULL_INFO; }
-SSF_RC SsfDELSigRcpSsfInfoList(SsfInfoNode**) { return SSF_REC_NULL_LIST; }
-SSF_RC SsfPRISigRcpSsfInfo(SsfInfo*, char**, uint32_t*) { return SSF_REC_NULL_INFO; }
-SSF_RC SsfPRISigRcpSsfInfoList(SsfInfoNode*, char**, uint32_t*) { return SSF_REC_NULL_LIST; }
-}

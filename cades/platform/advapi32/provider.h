@@ -1,0 +1,93 @@
+// The provider functions of advapi32 that hashing needs, over OpenSSL with
+// the GOST engine.  Provider types 75, 80 and 81 open as verify-only
+// contexts; each offers every hash below:
+//   CALG_GR3411 (GOST R 34.11-94, CryptoPro parameter set),
+//   CALG_GR3411_2012_256, CALG_GR3411_2012_512, CALG_SHA1, CALG_MD5,
+//   CALG_MD2 (only where OpenSSL still has it; else NTE_BAD_ALGID).
+// Failures set the last error to the number a CryptoAPI caller would read.
+#pragma once
+
+#include <vector>
+
+#include "advapi32/provider_handle.h"
+#include "openssl/ossl.h"
+#include "wincrypt_types.h"
+
+constexpr DWORD CRYPT_VERIFYCONTEXT = 0xF0000000;
+constexpr DWORD CRYPT_NEWKEYSET = 0x00000008;
+constexpr DWORD CRYPT_DELETEKEYSET = 0x00000010;
+constexpr DWORD CRYPT_MACHINE_KEYSET = 0x00000020;
+constexpr DWORD CRYPT_SILENT = 0x00000040;
+
+constexpr DWORD HP_ALGID = 0x0001;
+constexpr DWORD HP_HASHVAL = 0x0002;
+constexpr DWORD HP_HASHSIZE = 0x0004;
+
+BOOL CryptAcquireContextA(HCRYPTPROV* phProv, LPCSTR szContainer, LPCSTR szProvider, DWORD dwProvType,
+                          DWORD dwFlags);
+BOOL CryptReleaseContext(HCRYPTPROV hProv, DWORD dwFlags);
+BOOL CryptContextAddRef(HCRYPTPROV hProv, DWORD* pdwReserved, DWORD dwFlags);
+
+BOOL CryptCreateHash(HCRYPTPROV hProv, ALG_ID Algid, HCRYPTKEY hKey, DWORD dwFlags, HCRYPTHASH* phHash);
+BOOL CryptHashData(HCRYPTHASH hHash, const BYTE* pbData, DWORD dwDataLen, DWORD dwFlags);
+BOOL CryptGetHashParam(HCRYPTHASH hHash, DWORD dwParam, BYTE* pbData, DWORD* pdwDataLen, DWORD dwFlags);
+BOOL CryptDestroyHash(HCRYPTHASH hHash);
+
+namespace bv::platform {
+
+// The provider's name for a type it serves, null for any other type.
+const char* provider_name(DWORD type);
+
+// What an HCRYPTHASH stands for.  Signing finishes the same object, so the
+// key services reach it through hash_from_handle and finish_hash.
+struct CryptHash {
+  static constexpr uint32_t kMagic = 0x42564853;  // "BVHS"
+  uint32_t magic = kMagic;
+  ALG_ID algid = 0;
+  HCRYPTPROV provider = 0;  // holds one reference, dropped by CryptDestroyHash
+  bv::ossl::UniquePtr<EVP_MD_CTX> context;
+  bool finished = false;    // no more data once the value was taken
+  std::vector<BYTE> value;  // the hash value, once finished
+};
+
+// The hash behind a handle, or null with NTE_BAD_HASH as last error.
+CryptHash* hash_from_handle(HCRYPTHASH handle);
+
+// Closes the hash (idempotent) and gives its value, in OpenSSL's byte
+// order; null with the last error set if the digest could not be finished.
+const std::vector<BYTE>* finish_hash(CryptHash& hash);
+
+// The digest behind a hash ALG_ID, or null if this platform has none.
+const EVP_MD* digest_for_algid(ALG_ID algid);
+
+// Owners of a provider context and of a hash for code that calls the
+// functions above; releasing keeps the thread's last error.
+class ProviderContext {
+ public:
+  ProviderContext() = default;
+  ~ProviderContext() { reset(); }
+  ProviderContext(const ProviderContext&) = delete;
+  ProviderContext& operator=(const ProviderContext&) = delete;
+  HCRYPTPROV get() const { return handle_; }
+  HCRYPTPROV* receive() { reset(); return &handle_; }
+  void reset();
+
+ private:
+  HCRYPTPROV handle_ = 0;
+};
+
+class HashObject {
+ public:
+  HashObject() = default;
+  ~HashObject() { reset(); }
+  HashObject(const HashObject&) = delete;
+  HashObject& operator=(const HashObject&) = delete;
+  HCRYPTHASH get() const { return handle_; }
+  HCRYPTHASH* receive() { reset(); return &handle_; }
+  void reset();
+
+ private:
+  HCRYPTHASH handle_ = 0;
+};
+
+}  // namespace bv::platform

@@ -1,0 +1,93 @@
+#include "crypt32/msg.h"
+
+#include "kernel32/kernel32.h"
+
+namespace bv::platform {
+
+bool MessageKind::control(DWORD, DWORD, const void*) {
+  SetLastError(CRYPT_E_CONTROL_TYPE);
+  return false;
+}
+
+void MessageCloser::operator()(void* message) const noexcept {
+  const DWORD error = GetLastError();
+  CryptMsgClose(message);
+  SetLastError(error);
+}
+
+CryptMsg* message_from_handle(HCRYPTMSG handle) {
+  auto* message = static_cast<CryptMsg*>(handle);
+  if (message == nullptr || message->magic != CryptMsg::kMagic) {
+    SetLastError(ERROR_INVALID_HANDLE);
+    return nullptr;
+  }
+  return message;
+}
+
+}  // namespace bv::platform
+
+using bv::platform::CryptMsg;
+
+HCRYPTMSG CryptMsgOpenToEncode(DWORD dwMsgEncodingType, DWORD dwFlags, DWORD dwMsgType, const void* pvMsgEncodeInfo,
+                               LPSTR pszInnerContentObjID, PCMSG_STREAM_INFO pStreamInfo) {
+  if ((dwMsgEncodingType & PKCS_7_ASN_ENCODING) == 0 || pvMsgEncodeInfo == nullptr) {
+    SetLastError(static_cast<DWORD>(E_INVALIDARG));
+    return nullptr;
+  }
+  if (pStreamInfo != nullptr) {
+    SetLastError(ERROR_NOT_SUPPORTED);
+    return nullptr;
+  }
+  std::unique_ptr<bv::platform::MessageKind> kind;
+  switch (dwMsgType) {
+    case CMSG_HASHED:
+      kind = bv::platform::open_hashed_encoder(
+          dwFlags, *static_cast<const CMSG_HASHED_ENCODE_INFO*>(pvMsgEncodeInfo), pszInnerContentObjID);
+      break;
+    default:
+      SetLastError(CRYPT_E_INVALID_MSG_TYPE);
+      return nullptr;
+  }
+  if (kind == nullptr) return nullptr;
+  auto message = std::make_unique<CryptMsg>();
+  message->encoding_type = dwMsgEncodingType;
+  message->flags = dwFlags;
+  message->kind = std::move(kind);
+  return message.release();
+}
+
+BOOL CryptMsgUpdate(HCRYPTMSG hCryptMsg, const BYTE* pbData, DWORD cbData, BOOL fFinal) {
+  CryptMsg* message = bv::platform::message_from_handle(hCryptMsg);
+  if (message == nullptr) return FALSE;
+  if (cbData != 0 && pbData == nullptr) {
+    SetLastError(static_cast<DWORD>(E_INVALIDARG));
+    return FALSE;
+  }
+  return message->kind->update(pbData, cbData, fFinal != FALSE) ? TRUE : FALSE;
+}
+
+BOOL CryptMsgGetParam(HCRYPTMSG hCryptMsg, DWORD dwParamType, DWORD dwIndex, void* pvData, DWORD* pcbData) {
+  CryptMsg* message = bv::platform::message_from_handle(hCryptMsg);
+  if (message == nullptr) return FALSE;
+  if (pcbData == nullptr) {
+    SetLastError(static_cast<DWORD>(E_INVALIDARG));
+    return FALSE;
+  }
+  return message->kind->get_param(dwParamType, dwIndex, pvData, pcbData) ? TRUE : FALSE;
+}
+
+BOOL CryptMsgControl(HCRYPTMSG hCryptMsg, DWORD dwFlags, DWORD dwCtrlType, const void* pvCtrlPara) {
+  CryptMsg* message = bv::platform::message_from_handle(hCryptMsg);
+  if (message == nullptr) return FALSE;
+  return message->kind->control(dwFlags, dwCtrlType, pvCtrlPara) ? TRUE : FALSE;
+}
+
+BOOL CryptMsgClose(HCRYPTMSG hCryptMsg) {
+  // Closing null is allowed and does nothing, as on the platform.
+  if (hCryptMsg == nullptr) return TRUE;
+  CryptMsg* message = bv::platform::message_from_handle(hCryptMsg);
+  if (message == nullptr) return FALSE;
+  message->magic = 0;
+  delete message;
+  return TRUE;
+}

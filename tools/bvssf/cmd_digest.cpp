@@ -1,0 +1,39 @@
+// digest: SsfDigest of a file, written to a file.
+#include <string>
+
+#include "bvssf.h"
+
+namespace {
+
+int digest(const std::vector<std::string>& args) {
+  bool detached = false;
+  std::vector<std::string> positional;
+  for (const std::string& arg : args) {
+    if (arg == "--detached")
+      detached = true;
+    else
+      positional.push_back(arg);
+  }
+  if (positional.size() != 4) return 2;
+  const std::string& format = positional[0];
+  const std::string& hash = positional[1];
+  const std::string input = bvssf::read_file(positional[2]);
+
+  const auto& lib = bvssf::library();
+  unsigned char* output = nullptr;
+  uint32_t length = 0;
+  const SSF_RC rc = lib.SsfDigest(format.data(), static_cast<int32_t>(format.size()), detached ? 1 : 0,
+                                  reinterpret_cast<const unsigned char*>(input.data()),
+                                  static_cast<int32_t>(input.size()), hash.data(), static_cast<int32_t>(hash.size()),
+                                  &output, &length);
+  if (rc == SSF_OK) {
+    bvssf::write_file(positional[3], output, length);
+    lib.SsfDELSsfOctetstring(&output, &length);
+  }
+  return bvssf::report(rc);
+}
+
+const bool registered = bvssf::add_command(
+    {"digest", "FORMAT HASHALG IN OUT [--detached]",
+     "SsfDigest: a CMS digested message (PKCS7, CADES, ...) or the bare hash (RAW_GOST) of IN", digest});
+}  // namespace
