@@ -1,14 +1,12 @@
 // Everything that runs between the host's load of the library and its first
 // call, in one translation unit so that the order of the steps is the order
 // of the definitions below.
-#include <dlfcn.h>
-#include <libgen.h>
-
 #include <clocale>
-#include <cstring>
 #include <string>
 
 #include "atl.h"
+#include "kernel32/module.h"
+#include "shell32/shell32.h"
 #include "bvsapssf/bvsapssf.h"
 #include "bvsapssf_api.h"
 #include "trace/output.h"
@@ -19,18 +17,22 @@
 namespace {
 
 std::string this_module_path() {
-  Dl_info info{};
-  if (dladdr(reinterpret_cast<void*>(&this_module_path), &info) != 0 && info.dli_fname != nullptr)
-    return info.dli_fname;
-  return "libbvsapssf.so";
+  char path[MAX_PATH] = {};
+  const DWORD length = GetModuleFileNameA(bv::platform::this_module(), path, MAX_PATH);
+  return length > 0 && length < MAX_PATH ? path : "libbvsapssf.so";
+}
+
+// The platform's ".1251": the first code page 1251 locale the system has.
+void set_code_page_1251_locale() {
+  for (const char* name : {"ru_RU.CP1251", "ru_RU.cp1251", "be_BY.CP1251", "bg_BG.CP1251", "uk_UA.CP1251"})
+    if (std::setlocale(LC_ALL, name) != nullptr) return;
 }
 
 struct TraceModule {
   TraceModule() {
     if (!bv::trace::attach()) throw CAtlException(E_OUTOFMEMORY);
     path = this_module_path();
-    const char* slash = std::strrchr(path.c_str(), '/');
-    file_name = slash != nullptr ? slash + 1 : path;
+    file_name = PathFindFileNameA(path.c_str());
     id = bv::trace::register_module(file_name.c_str(), path.c_str());
     bv::trace::set_module_identity(id);
   }
@@ -71,7 +73,7 @@ extern "C" int DllMain(void* /*module*/, uint32_t reason, void* /*reserved*/) {
   if (reason == 1 && !attached) {
     attached = true;
     // The process's locale follows the platform's ANSI code page, 1251.
-    std::setlocale(LC_ALL, "ru_RU.CP1251");
+    set_code_page_1251_locale();
     config.print_Config();
   }
   return 1;

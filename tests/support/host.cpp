@@ -117,4 +117,30 @@ std::string run_command(const std::string& command, int* status) {
   return output;
 }
 
+std::string trace_registry_text(const std::vector<std::string>& value_lines) {
+  std::string text = "Windows Registry Editor Version 5.00\r\n\r\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Brelvantec\\Trace]\r\n";
+  for (const std::string& line : value_lines) text += line + "\r\n";
+  return text;
+}
+
+std::map<std::string, std::string> trace_env(const TempDir& dir, int level, int process_flags) {
+  char flags[32];
+  std::snprintf(flags, sizeof flags, "dword:%08x", static_cast<unsigned>(process_flags));
+  write_file(dir / "common/Brelvantec/registry.reg",
+             trace_registry_text({"\"libbvsapssf.so\"=\"" + std::to_string(level) + "\"",
+                                  "\"libbvsapssf.so.logfile\"=\"trace.log\"", std::string("\"ProcessFlags\"=") + flags}));
+  std::filesystem::create_directories(dir / "local");
+  return {{"BV_PLATFORM_COMMON_APPDATA", dir / "common"},
+          {"BV_PLATFORM_LOCAL_APPDATA", dir / "local"},
+          {"BV_SSF_USERID", ""},
+          {"BV_SSF_VERIFYCERTFLAGS", ""},
+          {"BV_SSF_VERIFYCERTACCEPTABLESTATUS", ""},
+          {"BV_SSF_VERIFYCERTFLAGS_ONSELECT", ""},
+          {"BV_SSF_ASK_PIN_WHEN_EMPTY", ""},
+          {"BV_SSF_VERIFYCERTFLAGS_ONSIGN", ""},
+          {"BV_SSF_ADD_TSP", ""}};
+}
+
+std::string trace_log(const TempDir& dir) { return read_file(dir / "common/Brelvantec/LogFiles/trace.log"); }
+
 }  // namespace bv::test

@@ -1,5 +1,8 @@
 // The test side of the host boundary: the shipped library loaded with
 // dlopen as a host loads it, temporary folders, and isolated child runs.
+//
+// Trace in a test: TempDir dir; auto r = run_isolated(trace_env(dir), [] { ...load and call... });
+// then trace_log(dir) is every line the child wrote (level 4 unless told).
 #pragma once
 
 #include <dlfcn.h>
@@ -7,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "bvsapssf_api.h"
 
@@ -64,6 +68,17 @@ struct ChildResult {
 // library is loaded only inside the child, so its load-time work sees `env`.
 // A failed gtest assertion in `fn` makes the exit code 1.
 ChildResult run_isolated(const std::map<std::string, std::string>& env, const std::function<void()>& fn);
+
+// The environment for run_isolated under which the library traces: a common
+// folder <dir>/common whose Brelvantec/registry.reg sets libbvsapssf.so to
+// `level` with the log file "trace.log" and `process_flags`, a local folder
+// <dir>/local, and no BV_SSF_* variables.  Add or override entries as needed.
+std::map<std::string, std::string> trace_env(const TempDir& dir, int level = 4, int process_flags = 0);
+// What the child wrote to that log file ("" if nothing).
+std::string trace_log(const TempDir& dir);
+// The text of a registry.reg with the key SOFTWARE\Brelvantec\Trace and
+// the given lines ("\"name\"=\"value\"" or "\"name\"=dword:00000003").
+std::string trace_registry_text(const std::vector<std::string>& value_lines);
 
 // Runs a shell command and returns its standard output; exit code in *status.
 std::string run_command(const std::string& command, int* status = nullptr);

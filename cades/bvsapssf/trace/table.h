@@ -1,9 +1,15 @@
 // The per-process table of trace modules and categories and the process
 // settings, with the operations the filter and the settings loader need.
-// Records are claimed with atomic increments; reads are plain.
+// It lives in POSIX shared memory named "/AtlDebugAllocator_FileMappingNameStatic3_<pid in hex>"
+// so that every module of the process shares it and an outside tool
+// (bvtrace) can change levels while the process runs.  Records are claimed
+// with atomic increments; reads are plain.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
+#include <string>
 
 namespace bv::trace {
 
@@ -49,6 +55,25 @@ ProcessSettings read_process();
 void write_process(const ProcessSettings& settings);
 // Wakes an outside trace tool if it waits for processes; absence is no error.
 void announce();
+
+// The table's name for a process, "/AtlDebugAllocator_FileMappingNameStatic3_" and the pid in hex.
+std::string table_name(pid_t pid);
+// The semaphore an outside tool creates to learn that a process registered
+// a module or loaded its settings; Announce posts it when it exists.
+constexpr const char* kAnnounceSemaphore = "/AtlTraceModuleManager_ProcessAddedStatic3";
+
+// For an outside tool: maps the table of another process (never creates it)
+// and makes it the one the operations above work on.  False if the process
+// has none.
+bool open_process_table(pid_t pid);
+// Leaves the table; the last module of the process to leave removes its
+// name.  Runs by itself when the module is unloaded or the process exits.
+void detach();
+// Removes the names of tables whose processes are gone (ended without
+// running their exit code, or crashed).
+void remove_stale_tables();
+
+int module_count();
 
 // Calls `fn(id, record)` for every category of `module`.
 template <typename Fn>
