@@ -44,6 +44,10 @@ HCRYPTMSG CryptMsgOpenToEncode(DWORD dwMsgEncodingType, DWORD dwFlags, DWORD dwM
       kind = bv::platform::open_hashed_encoder(
           dwFlags, *static_cast<const CMSG_HASHED_ENCODE_INFO*>(pvMsgEncodeInfo), pszInnerContentObjID);
       break;
+    case CMSG_SIGNED:
+      kind = bv::platform::open_signed_encoder(
+          dwFlags, *static_cast<const CMSG_SIGNED_ENCODE_INFO*>(pvMsgEncodeInfo), pszInnerContentObjID);
+      break;
     default:
       SetLastError(CRYPT_E_INVALID_MSG_TYPE);
       return nullptr;

@@ -70,6 +70,40 @@ struct CMSG_HASHED_ENCODE_INFO {
 };
 static_assert(sizeof(CMSG_HASHED_ENCODE_INFO) == 48);
 
+struct CERT_INFO;
+
+// The certificates and CRLs a signed message carries, each DER-encoded.
+using CERT_BLOB = CRYPT_INTEGER_BLOB;
+using CRL_BLOB = CRYPT_INTEGER_BLOB;
+
+// One signer of a signed message (msg_signed.cpp): the issuer and serial
+// number of its certificate, the provider handle holding its key, its hash.
+struct CMSG_SIGNER_ENCODE_INFO {
+  DWORD cbSize;
+  CERT_INFO* pCertInfo;
+  HCRYPTPROV hCryptProv;
+  DWORD dwKeySpec;
+  CRYPT_ALGORITHM_IDENTIFIER HashAlgorithm;
+  void* pvHashAuxInfo;
+  DWORD cAuthAttr;
+  PCRYPT_ATTRIBUTE rgAuthAttr;
+  DWORD cUnauthAttr;
+  PCRYPT_ATTRIBUTE rgUnauthAttr;
+};
+using PCMSG_SIGNER_ENCODE_INFO = CMSG_SIGNER_ENCODE_INFO*;
+static_assert(sizeof(CMSG_SIGNER_ENCODE_INFO) == 96);
+
+struct CMSG_SIGNED_ENCODE_INFO {
+  DWORD cbSize;
+  DWORD cSigners;
+  PCMSG_SIGNER_ENCODE_INFO rgSigners;
+  DWORD cCertEncoded;
+  CERT_BLOB* rgCertEncoded;
+  DWORD cCrlEncoded;
+  CRL_BLOB* rgCrlEncoded;
+};
+static_assert(sizeof(CMSG_SIGNED_ENCODE_INFO) == 48);
+
 // Encoding type must include PKCS_7_ASN_ENCODING.  `pszInnerContentObjID`
 // null means id-data.  Streaming is not offered (ERROR_NOT_SUPPORTED).
 HCRYPTMSG CryptMsgOpenToEncode(DWORD dwMsgEncodingType, DWORD dwFlags, DWORD dwMsgType, const void* pvMsgEncodeInfo,
@@ -115,6 +149,8 @@ CryptMsg* message_from_handle(HCRYPTMSG handle);
 
 // Openers of the kinds, one per file; null with the last error set.
 std::unique_ptr<MessageKind> open_hashed_encoder(DWORD flags, const CMSG_HASHED_ENCODE_INFO& info,
+                                                 LPCSTR inner_content_type);
+std::unique_ptr<MessageKind> open_signed_encoder(DWORD flags, const CMSG_SIGNED_ENCODE_INFO& info,
                                                  LPCSTR inner_content_type);
 
 }  // namespace bv::platform

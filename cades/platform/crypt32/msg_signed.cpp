@@ -1,0 +1,192 @@
+// Signed-data messages (CMSG_SIGNED) of the message service: each signer
+// signs with the key its provider handle holds and the hash its record
+// names; certificates and CRLs go in as given; the content stays out when
+// the message is detached.
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include "advapi32/provider_handle.h"
+#include "crypt32/cert.h"
+#include "crypt32/msg.h"
+#include "kernel32/kernel32.h"
+#include "openssl/ossl.h"
+#include "output_space.h"
+
+namespace bv::platform {
+
+namespace {
+
+using bv::ossl::fail;
+using bv::ossl::UniquePtr;
+
+// CryptoAPI keeps integers little-endian; ASN.1 wants them big-endian.
+UniquePtr<ASN1_STRING> serial_from_blob(const CRYPT_INTEGER_BLOB& blob) {
+  std::vector<unsigned char> big_endian(blob.pbData, blob.pbData + blob.cbData);
+  std::reverse(big_endian.begin(), big_endian.end());
+  UniquePtr<BIGNUM> number(BN_bin2bn(big_endian.data(), static_cast<int>(big_endian.size()), nullptr));
+  if (!number) return nullptr;
+  // A set top bit of the last byte means a negative number in the blob.
+  if (!big_endian.empty() && (big_endian[0] & 0x80) != 0) {
+    std::vector<unsigned char> ones(big_endian.size(), 0);
+    ones.insert(ones.begin(), 1);
+    UniquePtr<BIGNUM> modulus(BN_bin2bn(ones.data(), static_cast<int>(ones.size()), nullptr));
+    if (!modulus || !BN_sub(number.get(), number.get(), modulus.get())) return nullptr;
+  }
+  return UniquePtr<ASN1_STRING>(BN_to_ASN1_INTEGER(number.get(), nullptr));
+}
+
+// The signer identifier of CMS is the issuer and serial number of CERT_INFO;
+// OpenSSL takes them from a certificate, so a stand-in carries them with the
+// public half of the signing key, which is all CMS_add1_signer looks at.
+UniquePtr<X509> signer_stand_in(const CERT_INFO& cert_info, EVP_PKEY* key) {
+  UniquePtr<X509> stand_in(X509_new());
+  const unsigned char* issuer_der = cert_info.Issuer.pbData;
+  UniquePtr<X509_NAME> issuer(d2i_X509_NAME(nullptr, &issuer_der, static_cast<long>(cert_info.Issuer.cbData)));
+  UniquePtr<ASN1_STRING> serial = serial_from_blob(cert_info.SerialNumber);
+  if (!stand_in || !issuer || !serial) return nullptr;
+  if (!X509_set_issuer_name(stand_in.get(), issuer.get()) ||
+      !X509_set_serialNumber(stand_in.get(), serial.get()) || !X509_set_pubkey(stand_in.get(), key))
+    return nullptr;
+  return stand_in;
+}
+
+// Each value of an attribute is one DER-encoded ASN.1 value.
+bool add_attributes(CMS_SignerInfo* signer, DWORD count, const CRYPT_ATTRIBUTE* attributes, bool authenticated) {
+  for (DWORD i = 0; i < count; ++i) {
+    UniquePtr<ASN1_OBJECT> type(OBJ_txt2obj(attributes[i].pszObjId, 1));
+    if (!type) return false;
+    for (DWORD v = 0; v < attributes[i].cValue; ++v) {
+      const unsigned char* der = attributes[i].rgValue[v].pbData;
+      ASN1_TYPE* value = d2i_ASN1_TYPE(nullptr, &der, static_cast<long>(attributes[i].rgValue[v].cbData));
+      if (value == nullptr) return false;
+      const int added = authenticated
+                            ? CMS_signed_add1_attr_by_OBJ(signer, type.get(), value->type, value->value.ptr, -1)
+                            : CMS_unsigned_add1_attr_by_OBJ(signer, type.get(), value->type, value->value.ptr, -1);
+      ASN1_TYPE_free(value);
+      if (!added) return false;
+    }
+  }
+  return true;
+}
+
+class SignedEncoder final : public MessageKind {
+ public:
+  SignedEncoder(UniquePtr<CMS_ContentInfo> cms, unsigned flags) : cms_(std::move(cms)), flags_(flags) {}
+
+  DWORD type() const override { return CMSG_SIGNED; }
+
+  // The signatures need the whole content, so it is kept until the final
+  // update and signed then.
+  bool update(const BYTE* data, DWORD size, bool final) override {
+    if (final_) {
+      SetLastError(CRYPT_E_MSG_ERROR);
+      return false;
+    }
+    if (size != 0) content_.insert(content_.end(), data, data + size);
+    if (!final) return true;
+    UniquePtr<BIO> content(BIO_new_mem_buf(content_.empty() ? "" : static_cast<const void*>(content_.data()),
+                                           static_cast<int>(content_.size())));
+    if (!content || !CMS_final(cms_.get(), content.get(), nullptr, flags_)) return fail(NTE_BAD_SIGNATURE);
+    const int size_needed = i2d_CMS_ContentInfo(cms_.get(), nullptr);
+    if (size_needed <= 0) return fail(CRYPT_E_ASN1_ERROR);
+    encoded_.resize(static_cast<size_t>(size_needed));
+    unsigned char* out = encoded_.data();
+    i2d_CMS_ContentInfo(cms_.get(), &out);
+    content_.clear();
+    final_ = true;
+    return true;
+  }
+
+  bool get_param(DWORD param, DWORD, void* data, DWORD* size) override {
+    switch (param) {
+      case CMSG_TYPE_PARAM: {
+        const DWORD type = CMSG_SIGNED;
+        return copy_output(&type, sizeof type, data, size);
+      }
+      case CMSG_CONTENT_PARAM:
+        if (!final_) {
+          SetLastError(CRYPT_E_MSG_ERROR);
+          return false;
+        }
+        return copy_output(encoded_.data(), static_cast<DWORD>(encoded_.size()), data, size);
+      default:
+        SetLastError(CRYPT_E_INVALID_MSG_TYPE);
+        return false;
+    }
+  }
+
+ private:
+  UniquePtr<CMS_ContentInfo> cms_;
+  unsigned flags_;
+  std::vector<BYTE> content_;
+  std::vector<BYTE> encoded_;
+  bool final_ = false;
+};
+
+}  // namespace
+
+// The signers, certificates and CRLs are taken over at the open, so the
+// caller's encode information need not outlive it.
+std::unique_ptr<MessageKind> open_signed_encoder(DWORD flags, const CMSG_SIGNED_ENCODE_INFO& info,
+                                                 LPCSTR inner_content_type) {
+  const auto refuse = [](DWORD error) {
+    fail(error);
+    return std::unique_ptr<MessageKind>();
+  };
+  if (info.cbSize < sizeof(CMSG_SIGNED_ENCODE_INFO) || (info.cSigners != 0 && info.rgSigners == nullptr))
+    return refuse(static_cast<DWORD>(E_INVALIDARG));
+  if (bv::ossl::gost_engine() == nullptr) return refuse(NTE_PROV_TYPE_NOT_DEF);
+
+  const unsigned message_flags =
+      CMS_BINARY | CMS_PARTIAL | ((flags & CMSG_DETACHED_FLAG) != 0 ? CMS_DETACHED : 0u);
+  UniquePtr<CMS_ContentInfo> cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, message_flags));
+  if (!cms) return refuse(NTE_NO_MEMORY);
+  if (inner_content_type != nullptr) {
+    UniquePtr<ASN1_OBJECT> content_type(OBJ_txt2obj(inner_content_type, 1));
+    if (!content_type) return refuse(CRYPT_E_OID_FORMAT);
+    if (!CMS_set1_eContentType(cms.get(), content_type.get())) return refuse(CRYPT_E_ASN1_ERROR);
+  }
+
+  for (DWORD i = 0; i < info.cSigners; ++i) {
+    const CMSG_SIGNER_ENCODE_INFO& signer = info.rgSigners[i];
+    if (signer.cbSize < sizeof(CMSG_SIGNER_ENCODE_INFO) || signer.pCertInfo == nullptr)
+      return refuse(static_cast<DWORD>(E_INVALIDARG));
+    CryptProvider* provider = provider_from_handle(signer.hCryptProv);
+    if (provider == nullptr) return nullptr;
+    if (!provider->key) return refuse(NTE_NO_KEY);
+
+    UniquePtr<ASN1_OBJECT> hash_oid(
+        signer.HashAlgorithm.pszObjId != nullptr ? OBJ_txt2obj(signer.HashAlgorithm.pszObjId, 1) : nullptr);
+    const EVP_MD* digest = hash_oid ? bv::ossl::digest_by_nid(OBJ_obj2nid(hash_oid.get())) : nullptr;
+    if (digest == nullptr) return refuse(CRYPT_E_UNKNOWN_ALGO);
+
+    UniquePtr<X509> stand_in = signer_stand_in(*signer.pCertInfo, provider->key.get());
+    if (!stand_in) return refuse(CRYPT_E_ASN1_ERROR);
+
+    // Without authenticated attributes the signature covers the content
+    // itself, as the platform's encoder does for cAuthAttr 0.
+    const unsigned signer_flags =
+        CMS_NOCERTS | CMS_PARTIAL | CMS_NOSMIMECAP | (signer.cAuthAttr == 0 ? CMS_NOATTR : 0u);
+    CMS_SignerInfo* signer_info =
+        CMS_add1_signer(cms.get(), stand_in.get(), provider->key.get(), digest, signer_flags);
+    if (signer_info == nullptr) return refuse(NTE_BAD_KEY);
+    if (!add_attributes(signer_info, signer.cAuthAttr, signer.rgAuthAttr, true) ||
+        !add_attributes(signer_info, signer.cUnauthAttr, signer.rgUnauthAttr, false))
+      return refuse(CRYPT_E_ASN1_ERROR);
+  }
+
+  for (DWORD i = 0; i < info.cCertEncoded; ++i) {
+    const unsigned char* der = info.rgCertEncoded[i].pbData;
+    UniquePtr<X509> cert(d2i_X509(nullptr, &der, static_cast<long>(info.rgCertEncoded[i].cbData)));
+    if (!cert || !CMS_add1_cert(cms.get(), cert.get())) return refuse(CRYPT_E_ASN1_ERROR);
+  }
+  for (DWORD i = 0; i < info.cCrlEncoded; ++i) {
+    const unsigned char* der = info.rgCrlEncoded[i].pbData;
+    UniquePtr<X509_CRL> crl(d2i_X509_CRL(nullptr, &der, static_cast<long>(info.rgCrlEncoded[i].cbData)));
+    if (!crl || !CMS_add1_crl(cms.get(), crl.get())) return refuse(CRYPT_E_ASN1_ERROR);
+  }
+  return std::make_unique<SignedEncoder>(std::move(cms), message_flags);
+}
+
+}  // namespace bv::platform

@@ -1,0 +1,138 @@
+// Signed messages and bare signatures, each checked by OpenSSL's own
+// command line against the test root.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "crypt32/cert.h"
+#include "crypt32/msg.h"
+#include "advapi32/provider_handle.h"
+#include "signing_fixture.h"
+
+namespace bv::test {
+namespace {
+
+const std::string kGost94 = "1.2.643.2.2.9";
+const std::string kGost12_256 = "1.2.643.7.1.1.2.2";
+const std::string kGost12_512 = "1.2.643.7.1.1.2.3";
+
+int count_of(const std::string& text, const std::string& what) {
+  int count = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++count;
+  return count;
+}
+
+// What OpenSSL reads in a message: its signers' digests, attributes and
+// certificates.
+std::string cms_print(const std::string& message) {
+  TempDir dir;
+  write_file(dir / "m.der", message);
+  return run_checked("openssl cms -engine gost -cmsout -print -inform DER -in '" + (dir / "m.der") + "' 2>/dev/null");
+}
+
+// Whether what follows each `label` in OpenSSL's print is "<ABSENT>".
+std::vector<bool> absent_after(const std::string& printed, const std::string& label) {
+  std::vector<bool> absent;
+  for (size_t at = printed.find(label); at != std::string::npos; at = printed.find(label, at + 1)) {
+    const size_t value = printed.find_first_not_of(" \n", at + label.size());
+    absent.push_back(printed.compare(value, 8, "<ABSENT>") == 0);
+  }
+  return absent;
+}
+
+void expect_message(const std::string& message, const std::string& data, bool detached, bool with_certs,
+                    const std::vector<std::string>& hash_oids) {
+  const SigningWorld& w = SigningWorld::get();
+  std::string content, diagnostics;
+  EXPECT_EQ(openssl_cms_verify(message, w.pki->root().cert_pem, with_certs ? "" : w.signers_pem,
+                               detached ? &data : nullptr, &content, &diagnostics),
+            0)
+      << diagnostics;
+  EXPECT_EQ(content, data);
+  const std::string printed = cms_print(message);
+  const size_t signers = hash_oids.size();
+  EXPECT_EQ(count_of(printed, "signatureAlgorithm:"), static_cast<int>(signers)) << printed;
+  // Each signer's hash appears among the digest algorithms and in its
+  // SignerInfo.
+  for (const std::string& oid : hash_oids) EXPECT_GE(count_of(printed, "(" + oid + ")"), 2) << oid;
+  EXPECT_EQ(absent_after(printed, " signedAttrs:"), std::vector<bool>(signers, true)) << printed;
+  EXPECT_EQ(absent_after(printed, "eContent:"), std::vector<bool>{detached});
+  EXPECT_EQ(absent_after(printed, "certificates:"), std::vector<bool>{!with_certs});
+  if (with_certs) {
+    EXPECT_EQ(count_of(printed, "cert_info:"), static_cast<int>(signers)) << printed;
+  }
+}
+
+
+// The message service on its own, with keys and certificates straight from
+// OpenSSL, several signers of different key kinds in one message.
+TEST(SignedMessageEncoder, SeveralSignersEachWithItsKeyAndHash) {
+  const SigningWorld& w = SigningWorld::get();
+  ASSERT_NE(bv::ossl::gost_engine(), nullptr);
+  struct Signer {
+    const CliCertificate* cert;
+    const char* hash_oid;
+    DWORD provider_type;
+  };
+  const std::vector<Signer> all = {{&w.carol, kGost94.c_str(), 75}, {&w.alice, kGost12_256.c_str(), 80}, {&w.bob, kGost12_512.c_str(), 81}};
+  std::vector<PCCERT_CONTEXT> contexts;
+  std::vector<HCRYPTPROV> providers;
+  std::vector<std::string> ders;
+  for (const Signer& s : all) {
+    ders.push_back(read_file(s.cert->cert_der));
+    contexts.push_back(CertCreateCertificateContext(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING,
+                                                    reinterpret_cast<const BYTE*>(ders.back().data()),
+                                                    static_cast<DWORD>(ders.back().size())));
+    ASSERT_NE(contexts.back(), nullptr);
+    auto provider = std::make_unique<bv::platform::CryptProvider>();
+    provider->type = s.provider_type;
+    bv::ossl::UniquePtr<BIO> pem(BIO_new_file(s.cert->plain_key_pem.c_str(), "r"));
+    provider->key.reset(PEM_read_bio_PrivateKey(pem.get(), nullptr, nullptr, nullptr));
+    ASSERT_TRUE(provider->key);
+    providers.push_back(bv::platform::new_provider_handle(std::move(provider)));
+  }
+
+  std::vector<CMSG_SIGNER_ENCODE_INFO> signers(all.size());
+  std::vector<CERT_BLOB> certificates(all.size());
+  for (size_t i = 0; i < all.size(); ++i) {
+    signers[i].cbSize = sizeof(CMSG_SIGNER_ENCODE_INFO);
+    signers[i].pCertInfo = contexts[i]->pCertInfo;
+    signers[i].hCryptProv = providers[i];
+    signers[i].dwKeySpec = AT_KEYEXCHANGE;
+    signers[i].HashAlgorithm.pszObjId = const_cast<char*>(all[i].hash_oid);
+    certificates[i] = {contexts[i]->cbCertEncoded, contexts[i]->pbCertEncoded};
+  }
+  const std::string data = "content of the encoder test";
+  for (const bool detached : {false, true}) {
+    SCOPED_TRACE(detached ? "detached" : "attached");
+    CMSG_SIGNED_ENCODE_INFO info{};
+    info.cbSize = sizeof info;
+    info.cSigners = static_cast<DWORD>(signers.size());
+    info.rgSigners = signers.data();
+    info.cCertEncoded = static_cast<DWORD>(certificates.size());
+    info.rgCertEncoded = certificates.data();
+    HCRYPTMSG message = CryptMsgOpenToEncode(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING,
+                                             detached ? CMSG_DETACHED_FLAG : 0, CMSG_SIGNED, &info, nullptr, nullptr);
+    ASSERT_NE(message, nullptr);
+    DWORD size = 0;
+    EXPECT_FALSE(CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, nullptr, &size));  // not final yet
+    ASSERT_TRUE(CryptMsgUpdate(message, reinterpret_cast<const BYTE*>(data.data()), 10, FALSE));
+    ASSERT_TRUE(CryptMsgUpdate(message, reinterpret_cast<const BYTE*>(data.data()) + 10,
+                               static_cast<DWORD>(data.size() - 10), TRUE));
+    EXPECT_FALSE(CryptMsgUpdate(message, reinterpret_cast<const BYTE*>(data.data()), 1, TRUE));
+    ASSERT_TRUE(CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, nullptr, &size));
+    std::string encoded(size, '\0');
+    DWORD short_size = size - 1;
+    EXPECT_FALSE(CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, encoded.data(), &short_size));
+    ASSERT_TRUE(CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, encoded.data(), &size));
+    ASSERT_TRUE(CryptMsgClose(message));
+    expect_message(encoded, data, detached, true, {kGost94, kGost12_256, kGost12_512});
+  }
+  for (HCRYPTPROV provider : providers) bv::platform::release_provider_handle(provider);
+  for (PCCERT_CONTEXT context : contexts) CertFreeCertificateContext(context);
+}
+
+}  // namespace
+}  // namespace bv::test
