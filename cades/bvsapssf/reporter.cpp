@@ -53,15 +53,17 @@ int32_t ReportError(const char* /*file*/, int /*line*/, int32_t code) {
     return static_cast<int32_t>(error);
   }
   for (;;) {
+    // Below 100 (negative values included, the sign survives the clearing of
+    // the marker) and past the last page, the code falls back to a row that
+    // exists, so the loop ends.
     const int32_t value = code & ~bv::catalogue::kMarker;
     const int row = value < 100 ? -1 : bv::catalogue::row_of(value);
     if (row < 0) {
-      // Below 100 (negative values included) and codes without a page fall
-      // back to the same row.
-      if (code == kBelowRangeCode) return code;  // cannot happen: that row exists
       code = kBelowRangeCode;
       continue;
     }
+    // Both texts are copied; only the Russian one is printed, whatever the
+    // locale.
     char* russian = static_cast<char*>(std::malloc(200));
     char* english = static_cast<char*>(std::malloc(200));
     if (russian == nullptr || english == nullptr) {

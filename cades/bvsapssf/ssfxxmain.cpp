@@ -1,10 +1,12 @@
 // The exports that answer a host without touching the cryptographic
-// services: version, properties and the release of an output block.
+// services: version, properties, the release of an output block, and the
+// conversion pair, which copies its input under any accepted format.
 #include <cstdlib>
 #include <cstring>
 
 #include "bvsapssf_api.h"
 #include "frame.h"
+#include "identity/names.h"
 #include "kernel32/kernel32.h"
 #include "reporter.h"
 #include "trace/trace.h"
@@ -32,6 +34,8 @@ constexpr Property kProperties[] = {
 };
 
 const Property* select_property(const char* name, int32_t nameL) {
+  // A missing name fits no key, whatever length comes with it.
+  if (name == nullptr && nameL != 0) return nullptr;
   // A negative length widens to a huge size_t and compares whole strings.
   for (const Property& property : kProperties)
     if (std::strncmp(name, property.key, static_cast<size_t>(nameL)) == 0) return &property;
@@ -84,7 +88,102 @@ SSF_RC SsfDELSsfOctetstring(unsigned char** data, uint32_t* dataL) {
   if (data == nullptr || *data == nullptr) return SSF_OK;
   std::free(*data);
   *data = nullptr;
-  *dataL = 0;
+  if (dataL != nullptr) *dataL = 0;
+  return SSF_OK;
+}
+
+SSF_RC SsfEncode(const char* strFormat, int32_t strFormatL, const unsigned char* ostrInputData,
+                 int32_t ostrInputDataL, unsigned char** ostrEncodedData, uint32_t* ostrEncodedDataL) {
+  constexpr const char* trace_function = "SsfEncode";
+  // 1. Start banner.
+  BV_TRACE_START();
+
+  // 2. Only the length is cleared, and only if the host gave a place for it.
+  if (ostrEncodedDataL != nullptr) *ostrEncodedDataL = 0;
+
+  // 3. Any accepted format, the bare signature names included; the refusal
+  // is worded by check_ssf_format.
+  unsigned char isCades = 0;
+  if (check_ssf_format(strFormat, strFormatL, &isCades) != 0 && raw_gost_format(strFormat, strFormatL) == 0) {
+    BV_TRACE_FAILURE();
+    return SSF_ERR_FORMAT;
+  }
+
+  // 4. Something to copy, from and to somewhere.
+  if (ostrInputDataL < 1) {
+    BV_TRACE(TRACE_NORMAL, "#error#: ostrInputDataL <= 0\n");
+    BV_TRACE_FAILURE();
+    return SSF_ERR_INPUT;
+  }
+  if (ostrInputData == nullptr || ostrEncodedData == nullptr) {
+    BV_TRACE(TRACE_NORMAL, "#error#: null data pointer\n");
+    BV_TRACE_FAILURE();
+    return SSF_ERR_INPUT;
+  }
+
+  // 5. The block.
+  auto* block = static_cast<unsigned char*>(std::malloc(static_cast<size_t>(ostrInputDataL)));
+  if (block == nullptr) {
+    BV_TRACE_LAST_ERROR();
+    BV_TRACE_FAILURE();
+    return SSF_ERR_NOMEMORY;
+  }
+
+  // 6. No format needs a conversion: the output is the input.
+  std::memcpy(block, ostrInputData, static_cast<size_t>(ostrInputDataL));
+  if (ostrEncodedDataL != nullptr) *ostrEncodedDataL = static_cast<uint32_t>(ostrInputDataL);
+  *ostrEncodedData = block;
+  BV_TRACE_SUCCESS();
+  return SSF_OK;
+}
+
+SSF_RC SsfDecode(const char* strFormat, int32_t strFormatL, const unsigned char* ostrEncodedData,
+                 int32_t ostrEncodedDataL, unsigned char** ostrOutputData, uint32_t* ostrOutputDataL) {
+  constexpr const char* trace_function = "SsfDecode";
+  // 1. Start banner.
+  BV_TRACE_START();
+
+  // 2. Unlike SsfEncode, the length has no allowance for a null place: a
+  // host that gives none is refused rather than written through.
+  if (ostrOutputDataL == nullptr) {
+    BV_TRACE(TRACE_NORMAL, "#error#: null length pointer\n");
+    BV_TRACE_FAILURE();
+    return SSF_ERR_INPUT;
+  }
+  *ostrOutputDataL = 0;
+
+  // 3. Any accepted format, the bare signature names included.
+  unsigned char isCades = 0;
+  if (check_ssf_format(strFormat, strFormatL, &isCades) != 0 && raw_gost_format(strFormat, strFormatL) == 0) {
+    BV_TRACE_FAILURE();
+    return SSF_ERR_FORMAT;
+  }
+
+  // 4. Something to copy, from and to somewhere.
+  if (ostrEncodedDataL < 1) {
+    BV_TRACE(TRACE_NORMAL, "#error#: ostrEncodedDataL <= 0\n");
+    BV_TRACE_FAILURE();
+    return SSF_ERR_INPUT;
+  }
+  if (ostrEncodedData == nullptr || ostrOutputData == nullptr) {
+    BV_TRACE(TRACE_NORMAL, "#error#: null data pointer\n");
+    BV_TRACE_FAILURE();
+    return SSF_ERR_INPUT;
+  }
+
+  // 5. The block.
+  auto* block = static_cast<unsigned char*>(std::malloc(static_cast<size_t>(ostrEncodedDataL)));
+  if (block == nullptr) {
+    BV_TRACE_LAST_ERROR();
+    BV_TRACE_FAILURE();
+    return SSF_ERR_NOMEMORY;
+  }
+
+  // 6. The output is the input.
+  std::memcpy(block, ostrEncodedData, static_cast<size_t>(ostrEncodedDataL));
+  *ostrOutputDataL = static_cast<uint32_t>(ostrEncodedDataL);
+  *ostrOutputData = block;
+  BV_TRACE_SUCCESS();
   return SSF_OK;
 }
 

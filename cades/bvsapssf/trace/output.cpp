@@ -23,6 +23,11 @@ bool open_log_file(const char* path) {
   return true;
 }
 
+void close_log_file() {
+  if (g_log_fd >= 0) ::close(g_log_fd);
+  g_log_fd = -1;
+}
+
 bool log_file_open() { return g_log_fd >= 0; }
 
 void write_line(const char* text, size_t length) {

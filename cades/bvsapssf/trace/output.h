@@ -8,6 +8,8 @@ namespace bv::trace {
 
 // Opens (creates, appends to) the log file at `path`; false if it cannot.
 bool open_log_file(const char* path);
+// Back to standard error; for tests that open a log file of their own.
+void close_log_file();
 bool log_file_open();
 void write_line(const char* text, size_t length);
 
