@@ -1,0 +1,31 @@
+// The private key of a signer's certificate: the PIN of the record handed to
+// the provider through a property that is not persisted, the key opened and
+// proven, and the hash that goes with the key.
+#pragma once
+
+#include <cstdint>
+#include <list>
+
+#include "bvsapssf_api.h"
+#include "crypt32/cert.h"
+#include "crypt32/msg.h"
+
+// Certificates that won the search, in signer order.  Each holds its
+// signer's provider handle (acquired with the cache flag), which goes with
+// the context.
+using SignerCertList = std::list<PCCERT_CONTEXT>;
+
+// Frees the contexts and empties the list.
+void free_signer_certs(SignerCertList& certs);
+
+// 0 when the record's PIN is a marker ("!" to "!!!") or empty with asking
+// allowed: the provider may then ask.  1 when the record's text is the PIN.
+int32_t IsPinExplicit(const SsfInfo& info);
+
+// On success fills hCryptProv, dwKeySpec, HashAlgorithm, pCertInfo and the
+// attribute counts of `encode`, and appends `cert` to `certs`, which from
+// then on owns it.  On failure writes the record's Result as the cause
+// demands and leaves `cert` to the caller.  Trace lines carry
+// `trace_function`, the operation's name.
+bool acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo* info,
+                        CMSG_SIGNER_ENCODE_INFO* encode, SignerCertList& certs);
