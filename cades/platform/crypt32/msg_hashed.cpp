@@ -43,9 +43,10 @@ constexpr BYTE kTagExplicit0 = 0xA0;
 
 // Tag and length octets (DER, definite length) of a value of `length` bytes.
 size_t header_size(size_t length) {
-  size_t size = 2;
-  for (size_t rest = length; rest >= 0x80; rest >>= 8) ++size;
-  return size;
+  if (length < 0x80) return 2;
+  size_t octets = 0;
+  for (size_t rest = length; rest != 0; rest >>= 8) ++octets;
+  return 2 + octets;
 }
 
 size_t tlv_size(size_t length) { return header_size(length) + length; }

@@ -1,0 +1,418 @@
+// SsfDigest through the shipped library, checked against published vectors
+// and against tools nobody here wrote (openssl, gost12sum, gostsum); and the
+// hashed message service underneath it.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "crypt32/msg.h"
+#include "host.h"
+#include "kernel32/kernel32.h"
+
+namespace {
+
+using bv::test::SsfApi;
+using bv::test::TempDir;
+
+std::string to_hex(const std::string& bytes) {
+  static const char digits[] = "0123456789abcdef";
+  std::string hex;
+  for (unsigned char c : bytes) {
+    hex += digits[c >> 4];
+    hex += digits[c & 15];
+  }
+  return hex;
+}
+
+std::string from_hex(const std::string& hex) {
+  std::string bytes;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  return bytes;
+}
+
+struct Digest {
+  SSF_RC rc = 0;
+  std::string output;
+  uint32_t length = 0;
+  bool pointer_untouched = false;  // the output pointer is as the caller left it
+};
+
+unsigned char caller_sentinel;
+
+// One SsfDigest call; lengths default to the texts' own.
+constexpr int32_t kOwnLength = INT32_MIN;
+
+Digest ssf_digest(const std::string& format, const std::string& hash, const std::string& data, bool detached = false,
+                  int32_t hash_length = kOwnLength, int32_t format_length = kOwnLength) {
+  const SsfApi& api = SsfApi::get();
+  unsigned char* block = &caller_sentinel;
+  Digest result;
+  result.length = 12345;
+  result.rc = api.SsfDigest(format.data(), format_length == kOwnLength ? static_cast<int32_t>(format.size()) : format_length,
+                            detached ? 1 : 0, reinterpret_cast<const unsigned char*>(data.data()),
+                            static_cast<int32_t>(data.size()), hash.data(),
+                            hash_length == kOwnLength ? static_cast<int32_t>(hash.size()) : hash_length, &block, &result.length);
+  result.pointer_untouched = block == &caller_sentinel;
+  if (result.rc == SSF_OK) {
+    result.output.assign(reinterpret_cast<char*>(block), result.length);
+    uint32_t length = result.length;
+    api.SsfDELSsfOctetstring(&block, &length);
+  }
+  return result;
+}
+
+std::string tool_hex(const std::string& command) {
+  int status = -1;
+  std::string out = bv::test::run_command(command + " 2>/dev/null", &status);
+  EXPECT_EQ(status, 0) << command;
+  return out.substr(0, out.find_first_of(" \n"));
+}
+
+std::string sample_bytes(size_t size) {
+  std::string data(size, '\0');
+  uint32_t x = 2463534242u;
+  for (char& c : data) {
+    x ^= x << 13;
+    x ^= x >> 17;
+    x ^= x << 5;
+    c = static_cast<char>(x);
+  }
+  return data;
+}
+
+struct Vector {
+  std::string hash;
+  std::string digest_hex;
+  std::string message;
+};
+
+std::vector<Vector> load_vectors() {
+  std::ifstream in(BV_SOURCE_DIR "/tests/data/hash_vectors.txt");
+  std::vector<Vector> vectors;
+  std::string line;
+  while (std::getline(in, line)) {
+    if (line.empty() || line[0] == '#') continue;
+    std::istringstream fields(line);
+    Vector v;
+    fields >> v.hash >> v.digest_hex;
+    std::string rest;
+    std::getline(fields >> std::ws, rest);
+    if (rest.rfind("hex:", 0) == 0) {
+      v.message = from_hex(rest.substr(4));
+    } else if (rest.rfind("text:", 0) == 0) {
+      v.message = rest.substr(5);
+    } else if (rest.rfind("repeat:", 0) == 0) {
+      const size_t colon = rest.find(':', 7);
+      const size_t count = std::stoul(rest.substr(7, colon - 7));
+      for (size_t i = 0; i < count; ++i) v.message += rest.substr(colon + 1);
+    }
+    vectors.push_back(v);
+  }
+  return vectors;
+}
+
+TEST(DigestKnownAnswers, PublishedVectorsUnderBothRawFormats) {
+  const std::vector<Vector> vectors = load_vectors();
+  ASSERT_GE(vectors.size(), 20u);
+  for (const Vector& v : vectors) {
+    SCOPED_TRACE(v.hash + " of " + std::to_string(v.message.size()) + " bytes");
+    for (const char* format : {"RAW_GOST", "RAW_GOST_INVERTED"}) {
+      const Digest d = ssf_digest(format, v.hash, v.message);
+      ASSERT_EQ(d.rc, SSF_OK) << format;
+      EXPECT_EQ(to_hex(d.output), v.digest_hex) << format;
+    }
+  }
+}
+
+struct ToolHash {
+  const char* name;
+  const char* openssl_md;
+  const char* sum_command;  // another implementation, if there is one
+  bool sum_reversed;        // gostsum prints the value as a number
+};
+
+const ToolHash kToolHashes[] = {
+    {"GOST2012-256", "md_gost12_256", "gost12sum", false},
+    {"GOST2012-512", "md_gost12_512", "gost12sum -l", false},
+    {"GOST3411", "md_gost94", "gostsum", true},
+    {"SHA1", "sha1", "sha1sum", false},
+    {"MD5", "md5", "md5sum", false},
+};
+
+TEST(DigestCrossCheck, RawValueEqualsOpensslAndTheSumTools) {
+  TempDir dir;
+  const std::string data = sample_bytes(100 * 1024 + 7);
+  const std::string path = dir / "data.bin";
+  bv::test::write_file(path, data);
+  for (const ToolHash& h : kToolHashes) {
+    SCOPED_TRACE(h.name);
+    const Digest d = ssf_digest("RAW_GOST", h.name, data);
+    ASSERT_EQ(d.rc, SSF_OK);
+    EXPECT_EQ(to_hex(d.output), tool_hex(std::string("openssl dgst -engine gost -r -") + h.openssl_md + " " + path));
+    std::string sum = from_hex(tool_hex(std::string(h.sum_command) + " " + path));
+    if (h.sum_reversed) sum.assign(sum.rbegin(), sum.rend());
+    EXPECT_EQ(to_hex(d.output), to_hex(sum));
+  }
+}
+
+TEST(DigestCms, OpensslVerifiesAttachedAndDetachedAndMakesTheSameBytes) {
+  TempDir dir;
+  const std::string data = sample_bytes(70000);  // long-form lengths of three octets
+  const std::string content = dir / "content.bin";
+  bv::test::write_file(content, data);
+  const std::map<std::string, std::string> oids = {{"GOST2012-256", "1.2.643.7.1.1.2.2"},
+                                                   {"GOST2012-512", "1.2.643.7.1.1.2.3"},
+                                                   {"GOST3411", "1.2.643.2.2.9"},
+                                                   {"SHA1", "1.3.14.3.2.26"},
+                                                   {"MD5", "1.2.840.113549.2.5"}};
+  for (const ToolHash& h : kToolHashes) {
+    SCOPED_TRACE(h.name);
+    const Digest attached = ssf_digest("PKCS7", h.name, data);
+    const Digest detached = ssf_digest("CADES", h.name, data, true);
+    ASSERT_EQ(attached.rc, SSF_OK);
+    ASSERT_EQ(detached.rc, SSF_OK);
+    bv::test::write_file(dir / "attached.der", attached.output);
+    bv::test::write_file(dir / "detached.der", detached.output);
+
+    int status = -1;
+    std::string said = bv::test::run_command("openssl cms -digest_verify -engine gost -binary -inform DER -in " +
+                                                 dir / "attached.der" + " -out " + dir / "out.bin" + " 2>&1",
+                                             &status);
+    EXPECT_EQ(status, 0) << said;
+    EXPECT_TRUE(bv::test::read_file(dir / "out.bin") == data);
+    said = bv::test::run_command("openssl cms -digest_verify -engine gost -binary -inform DER -in " +
+                                     dir / "detached.der" + " -content " + content + " -out /dev/null 2>&1",
+                                 &status);
+    EXPECT_EQ(status, 0) << said;
+
+    const std::string printed = bv::test::run_command("openssl cms -cmsout -print -engine gost -inform DER -in " +
+                                                      dir / "detached.der" + " 2>/dev/null");
+    EXPECT_NE(printed.find("(" + oids.at(h.name) + ")"), std::string::npos) << printed;
+    EXPECT_NE(printed.find("eContent: <ABSENT>"), std::string::npos) << printed;
+
+    const std::string theirs = bv::test::run_command("openssl cms -digest_create -engine gost -binary -outform DER -md " +
+                                                     std::string(h.openssl_md) + " -in " + content + " 2>/dev/null");
+    EXPECT_TRUE(attached.output == theirs) << "differs from openssl cms -digest_create";
+  }
+}
+
+TEST(DigestCms, EveryMessageFormatGivesTheSameMessage) {
+  const std::string data = "the same content";
+  const Digest pkcs7 = ssf_digest("PKCS7", "GOST2012-256", data);
+  ASSERT_EQ(pkcs7.rc, SSF_OK);
+  for (const char* format : {"CADES", "PKCS7_CADES", "PKCS7_ANY"}) {
+    SCOPED_TRACE(format);
+    const Digest d = ssf_digest(format, "GOST2012-256", data);
+    ASSERT_EQ(d.rc, SSF_OK);
+    EXPECT_EQ(d.output, pkcs7.output);
+  }
+  // On the raw path the detached flag changes nothing.
+  EXPECT_EQ(ssf_digest("RAW_GOST", "SHA1", data, true).output, ssf_digest("RAW_GOST", "SHA1", data).output);
+}
+
+// A name is compared over its own length only, so prefixes pick a row.
+TEST(DigestNames, PrefixesPickTheFirstRowThatStartsWithThem) {
+  const std::string data = "prefix check";
+  const std::string sha1 = ssf_digest("RAW_GOST", "SHA1", data).output;
+  const std::string gost94 = ssf_digest("RAW_GOST", "GOST3411", data).output;
+  const std::string gost256 = ssf_digest("RAW_GOST", "GOST2012-256", data).output;
+  const std::string gost512 = ssf_digest("RAW_GOST", "GOST2012-512", data).output;
+  const std::string md5 = ssf_digest("RAW_GOST", "MD5", data).output;
+  ASSERT_EQ(sha1.size(), 20u);
+  ASSERT_EQ(gost94.size(), 32u);
+  ASSERT_EQ(gost512.size(), 64u);
+  struct Case {
+    std::string name;
+    int32_t length;
+    SSF_RC rc;
+    const std::string* expected;
+  };
+  const Case cases[] = {
+      {"S", 1, SSF_OK, &sha1},
+      {std::string("SHA1\0", 5), 5, SSF_OK, &sha1},  // the terminator inside the length still matches
+      {"SHA1x", 5, SSF_ERR_HASHALG, nullptr},
+      {"G", 1, SSF_OK, &gost94},
+      {"GOST", 4, SSF_OK, &gost94},
+      {"GOST-", 5, SSF_OK, &gost94},
+      {"GOST-R-3", 8, SSF_OK, &gost94},
+      {"GOST-R-34.11-94", 15, SSF_OK, &gost94},
+      {"GOST2012", 8, SSF_OK, &gost256},
+      {"GOST-R-34.11-2", 14, SSF_OK, &gost256},
+      {"GOST2012-5", 10, SSF_OK, &gost512},
+      {"GOST-R-32", 9, SSF_OK, &gost512},
+      {"GOST-R-32.11-2012-512", 21, SSF_OK, &gost512},
+      {"GOST-R-34.11-2012-512", 21, SSF_ERR_HASHALG, nullptr},  // announced, yet refused
+      {"MD5", 3, SSF_OK, &md5},
+      {"sha1", 4, SSF_ERR_HASHALG, nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Digest d = ssf_digest("RAW_GOST", c.name, data, false, c.length);
+    ASSERT_EQ(d.rc, c.rc);
+    if (c.expected != nullptr) EXPECT_EQ(d.output, *c.expected);
+    if (c.rc != SSF_OK) EXPECT_EQ(d.length, 0u);
+  }
+}
+
+TEST(DigestFailures, ChecksComeInTheirOrderAndLeaveThePointerAlone) {
+  struct Case {
+    const char* what;
+    std::string format;
+    int32_t format_length;
+    std::string data;
+    std::string hash;
+    int32_t hash_length;
+    SSF_RC rc;
+  };
+  const Case cases[] = {
+      {"bad format and bad hash", "PEM", 3, "x", "NOPE", 4, SSF_ERR_FORMAT},
+      {"raw name one byte short", "RAW_GOST", 7, "x", "SHA1", 4, SSF_ERR_FORMAT},
+      {"lower case format", "pkcs7", 5, "x", "SHA1", 4, SSF_ERR_FORMAT},
+      {"empty format", "", 0, "x", "SHA1", 4, SSF_ERR_FORMAT},
+      {"unknown format, empty data", "XML", 3, "", "SHA1", 4, SSF_ERR_FORMAT},
+      {"empty data before a bad hash", "PKCS7", 5, "", "NOPE", 4, SSF_ERR_INPUT},
+      {"hash length zero", "PKCS7", 5, "x", "SHA1", 0, SSF_ERR_HASHALG},
+      {"hash length negative", "RAW_GOST", 8, "x", "SHA1", -1, SSF_ERR_HASHALG},
+      {"unknown hash", "PKCS7", 5, "x", "SHA256", 6, SSF_ERR_HASHALG},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const Digest d = ssf_digest(c.format, c.hash, c.data, false, c.hash_length, c.format_length);
+    EXPECT_EQ(d.rc, c.rc);
+    EXPECT_EQ(d.length, 0u);
+    EXPECT_TRUE(d.pointer_untouched);
+  }
+}
+
+// OpenSSL 3 keeps MD2 in its legacy provider, which the library does not
+// load: the hash cannot be created, on either path.
+TEST(DigestFailures, HashThatCannotBeCreated) {
+  for (const char* format : {"RAW_GOST", "PKCS7"}) {
+    SCOPED_TRACE(format);
+    const Digest d = ssf_digest(format, "MD2", "data");
+    EXPECT_EQ(d.rc, SSF_ERR_ENCODE);
+    EXPECT_EQ(d.length, 0u);
+    EXPECT_TRUE(d.pointer_untouched);
+  }
+}
+
+// Without the GOST engine no provider type exists.  A fresh process, since
+// this one has the engine loaded already.
+TEST(DigestFailures, ProviderThatCannotBeAcquired) {
+  TempDir dir;
+  bv::test::write_file(dir / "in", "data");
+  for (const char* format : {"RAW_GOST", "PKCS7"}) {
+    SCOPED_TRACE(format);
+    const std::string out = bv::test::run_command("OPENSSL_ENGINES=" + dir.path() + " " BV_TOOLS_DIR "/bvssf digest " +
+                                                  format + " SHA1 " + dir / "in" + " " + dir / "out");
+    EXPECT_EQ(out, "SSF_ERR_INTERNAL (13)\n");
+  }
+}
+
+// The message service underneath: pieces, flags and the size pattern.
+class HashedMessage : public ::testing::Test {
+ protected:
+  static HCRYPTMSG open(DWORD flags, const char* oid = "1.2.643.7.1.1.2.2", LPSTR inner = nullptr) {
+    CMSG_HASHED_ENCODE_INFO info{};
+    info.cbSize = sizeof info;
+    info.HashAlgorithm.pszObjId = const_cast<char*>(oid);
+    return CryptMsgOpenToEncode(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, flags, CMSG_HASHED, &info, inner, nullptr);
+  }
+  static std::string content(HCRYPTMSG message, DWORD param = CMSG_CONTENT_PARAM) {
+    DWORD size = 0;
+    if (!CryptMsgGetParam(message, param, 0, nullptr, &size)) return "size failed";
+    std::string out(size, '\0');
+    if (!CryptMsgGetParam(message, param, 0, out.data(), &size)) return "content failed";
+    out.resize(size);
+    return out;
+  }
+};
+
+TEST_F(HashedMessage, PiecesMakeTheSameMessageAsOneUpdate) {
+  const std::string data = sample_bytes(5000);
+  bv::platform::MessageHandle whole(open(0));
+  ASSERT_TRUE(CryptMsgUpdate(whole.get(), reinterpret_cast<const BYTE*>(data.data()), 5000, TRUE));
+  bv::platform::MessageHandle pieces(open(0));
+  const auto* bytes = reinterpret_cast<const BYTE*>(data.data());
+  ASSERT_TRUE(CryptMsgUpdate(pieces.get(), bytes, 1, FALSE));
+  ASSERT_TRUE(CryptMsgUpdate(pieces.get(), bytes + 1, 0, FALSE));
+  ASSERT_TRUE(CryptMsgUpdate(pieces.get(), bytes + 1, 4999, TRUE));
+  EXPECT_EQ(content(whole.get()), content(pieces.get()));
+}
+
+TEST_F(HashedMessage, StatesAndSizes) {
+  bv::platform::MessageHandle message(open(CMSG_DETACHED_FLAG));
+  ASSERT_NE(message, nullptr);
+  DWORD size = 0;
+  EXPECT_FALSE(CryptMsgGetParam(message.get(), CMSG_CONTENT_PARAM, 0, nullptr, &size));
+  EXPECT_EQ(GetLastError(), CRYPT_E_MSG_ERROR);  // not final yet
+  ASSERT_TRUE(CryptMsgUpdate(message.get(), reinterpret_cast<const BYTE*>("abc"), 3, TRUE));
+  EXPECT_FALSE(CryptMsgUpdate(message.get(), reinterpret_cast<const BYTE*>("d"), 1, TRUE));
+  EXPECT_EQ(GetLastError(), CRYPT_E_MSG_ERROR);
+
+  ASSERT_TRUE(CryptMsgGetParam(message.get(), CMSG_CONTENT_PARAM, 0, nullptr, &size));
+  std::string buffer(size, '\0');
+  DWORD short_size = size - 1;
+  EXPECT_FALSE(CryptMsgGetParam(message.get(), CMSG_CONTENT_PARAM, 0, buffer.data(), &short_size));
+  EXPECT_EQ(GetLastError(), ERROR_MORE_DATA);
+  EXPECT_EQ(short_size, size);
+
+  // The bare content is the DigestedData inside the ContentInfo.
+  const std::string full = content(message.get());
+  const std::string bare = content(message.get(), CMSG_BARE_CONTENT_PARAM);
+  EXPECT_EQ(full.substr(full.size() - bare.size()), bare);
+  DWORD type = 0;
+  DWORD type_size = sizeof type;
+  ASSERT_TRUE(CryptMsgGetParam(message.get(), CMSG_TYPE_PARAM, 0, &type, &type_size));
+  EXPECT_EQ(type, CMSG_HASHED);
+  EXPECT_EQ(to_hex(content(message.get(), CMSG_COMPUTED_HASH_PARAM)),
+            "4e2919cf137ed41ec4fb6270c61826cc4fffb660341e0af3688cd0626d23b481");
+  EXPECT_FALSE(CryptMsgGetParam(message.get(), CMSG_SIGNER_COUNT_PARAM, 0, nullptr, &size));
+  EXPECT_EQ(GetLastError(), CRYPT_E_INVALID_MSG_TYPE);
+}
+
+TEST_F(HashedMessage, RefusedOpens) {
+  struct Case {
+    const char* what;
+    DWORD encoding;
+    DWORD type;
+    const char* oid;
+    DWORD error;
+  };
+  const Case cases[] = {
+      {"unknown hash OID", PKCS_7_ASN_ENCODING, CMSG_HASHED, "1.2.3.4", CRYPT_E_UNKNOWN_ALGO},
+      {"hash OID of another group", PKCS_7_ASN_ENCODING, CMSG_HASHED, "1.2.643.2.2.19", CRYPT_E_UNKNOWN_ALGO},
+      {"MD2 unavailable", PKCS_7_ASN_ENCODING, CMSG_HASHED, "1.2.840.113549.2.2", NTE_BAD_ALGID},
+      {"no PKCS #7 encoding", X509_ASN_ENCODING, CMSG_HASHED, "1.3.14.3.2.26", static_cast<DWORD>(E_INVALIDARG)},
+      {"message type not offered", PKCS_7_ASN_ENCODING, CMSG_ENCRYPTED, "1.3.14.3.2.26", CRYPT_E_INVALID_MSG_TYPE},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    CMSG_HASHED_ENCODE_INFO info{};
+    info.cbSize = sizeof info;
+    info.HashAlgorithm.pszObjId = const_cast<char*>(c.oid);
+    SetLastError(0);
+    EXPECT_EQ(CryptMsgOpenToEncode(c.encoding, 0, c.type, &info, nullptr, nullptr), nullptr);
+    EXPECT_EQ(GetLastError(), c.error);
+  }
+  EXPECT_FALSE(CryptMsgUpdate(reinterpret_cast<HCRYPTMSG>(&caller_sentinel), nullptr, 0, TRUE));
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+}
+
+TEST_F(HashedMessage, OtherInnerContentTypeGivesVersionTwoThatOpensslReads) {
+  TempDir dir;
+  char inner[] = "1.2.840.113549.1.7.2";
+  bv::platform::MessageHandle message(open(0, "1.3.14.3.2.26", inner));
+  ASSERT_TRUE(CryptMsgUpdate(message.get(), reinterpret_cast<const BYTE*>("inner"), 5, TRUE));
+  bv::test::write_file(dir / "m.der", content(message.get()));
+  const std::string printed =
+      bv::test::run_command("openssl cms -cmsout -print -inform DER -in " + dir / "m.der" + " 2>&1");
+  EXPECT_NE(printed.find("version: 2"), std::string::npos) << printed;
+  EXPECT_NE(printed.find("eContentType: pkcs7-signedData"), std::string::npos) << printed;
+}
+
+}  // namespace

@@ -1,0 +1,202 @@
+// The provider's hashing functions as a CryptoAPI caller uses them, checked
+// against OpenSSL's own digests.
+#include <gtest/gtest.h>
+
+#include <openssl/evp.h>
+#include <openssl/obj_mac.h>
+
+#include <string>
+#include <vector>
+
+#include "advapi32/provider.h"
+#include "kernel32/kernel32.h"
+
+namespace {
+
+using bv::platform::HashObject;
+using bv::platform::ProviderContext;
+
+std::vector<BYTE> reference_digest(int nid, const std::string& data) {
+  const EVP_MD* md = bv::ossl::digest_by_nid(nid);
+  std::vector<BYTE> out(EVP_MAX_MD_SIZE);
+  unsigned int size = 0;
+  EXPECT_EQ(EVP_Digest(data.data(), data.size(), out.data(), &size, md, nullptr), 1);
+  out.resize(size);
+  return out;
+}
+
+std::vector<BYTE> hash_value(HCRYPTHASH hash) {
+  DWORD size = 0;
+  EXPECT_TRUE(CryptGetHashParam(hash, HP_HASHVAL, nullptr, &size, 0));
+  std::vector<BYTE> value(size);
+  EXPECT_TRUE(CryptGetHashParam(hash, HP_HASHVAL, value.data(), &size, 0));
+  value.resize(size);
+  return value;
+}
+
+TEST(AcquireContext, VerifyContextsOfTheGostTypesAndTheRefusals) {
+  const char* own75 = bv::platform::provider_name(75);
+  ASSERT_NE(own75, nullptr);
+  struct Case {
+    const char* what;
+    const char* container;
+    const char* provider;
+    DWORD type;
+    DWORD flags;
+    DWORD error;  // 0: succeeds
+  };
+  const Case cases[] = {
+      {"type 75", nullptr, nullptr, 75, CRYPT_VERIFYCONTEXT, 0},
+      {"type 80", nullptr, nullptr, 80, CRYPT_VERIFYCONTEXT, 0},
+      {"type 81, silent", nullptr, nullptr, 81, CRYPT_VERIFYCONTEXT | CRYPT_SILENT, 0},
+      {"own provider name", nullptr, own75, 75, CRYPT_VERIFYCONTEXT, 0},
+      {"empty container and name", "", "", 75, CRYPT_VERIFYCONTEXT, 0},
+      {"base RSA type", nullptr, nullptr, 1, CRYPT_VERIFYCONTEXT, NTE_PROV_TYPE_NOT_DEF},
+      {"type 0", nullptr, nullptr, 0, CRYPT_VERIFYCONTEXT, NTE_BAD_PROV_TYPE},
+      {"type 1000", nullptr, nullptr, 1000, CRYPT_VERIFYCONTEXT, NTE_BAD_PROV_TYPE},
+      {"unknown flag", nullptr, nullptr, 75, CRYPT_VERIFYCONTEXT | 0x1, NTE_BAD_FLAGS},
+      {"verify with new keyset", nullptr, nullptr, 75, CRYPT_VERIFYCONTEXT | CRYPT_NEWKEYSET, NTE_BAD_FLAGS},
+      {"container by name", "my keys", nullptr, 80, 0, NTE_BAD_KEYSET},
+      {"default container", nullptr, nullptr, 80, 0, NTE_BAD_KEYSET},
+      {"new container", "my keys", nullptr, 80, CRYPT_NEWKEYSET, NTE_PERM},
+      {"verify with a container", "my keys", nullptr, 75, CRYPT_VERIFYCONTEXT, NTE_BAD_KEYSET_PARAM},
+      {"unknown provider", nullptr, "Some Other Provider", 75, CRYPT_VERIFYCONTEXT, NTE_KEYSET_NOT_DEF},
+      {"provider of another type", nullptr, own75, 80, CRYPT_VERIFYCONTEXT, NTE_PROV_TYPE_NO_MATCH},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    HCRYPTPROV provider = 0;
+    SetLastError(0);
+    const BOOL ok = CryptAcquireContextA(&provider, c.container, c.provider, c.type, c.flags);
+    if (c.error == 0) {
+      ASSERT_TRUE(ok);
+      EXPECT_TRUE(CryptReleaseContext(provider, 0));
+    } else {
+      EXPECT_FALSE(ok);
+      EXPECT_EQ(GetLastError(), c.error);
+      EXPECT_EQ(provider, 0u);
+    }
+  }
+  EXPECT_FALSE(CryptAcquireContextA(nullptr, nullptr, nullptr, 75, CRYPT_VERIFYCONTEXT));
+  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+}
+
+struct Algorithm {
+  ALG_ID algid;
+  int nid;
+  DWORD size;
+};
+const Algorithm kAlgorithms[] = {
+    {CALG_GR3411, NID_id_GostR3411_94, 32},          {CALG_GR3411_2012_256, NID_id_GostR3411_2012_256, 32},
+    {CALG_GR3411_2012_512, NID_id_GostR3411_2012_512, 64}, {CALG_SHA1, NID_sha1, 20},
+    {CALG_MD5, NID_md5, 16},
+};
+
+TEST(Hash, PiecesGiveOpensslsValueAndTheParamsAnswer) {
+  std::string data(3000, '\0');
+  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7 + 3);
+  ProviderContext provider;
+  ASSERT_TRUE(CryptAcquireContextA(provider.receive(), nullptr, nullptr, 80, CRYPT_VERIFYCONTEXT));
+  for (const Algorithm& a : kAlgorithms) {
+    SCOPED_TRACE(a.algid);
+    HashObject hash;
+    ASSERT_TRUE(CryptCreateHash(provider.get(), a.algid, 0, 0, hash.receive()));
+    const auto* bytes = reinterpret_cast<const BYTE*>(data.data());
+    ASSERT_TRUE(CryptHashData(hash.get(), bytes, 1, 0));
+    ASSERT_TRUE(CryptHashData(hash.get(), bytes + 1, 0, 0));
+    ASSERT_TRUE(CryptHashData(hash.get(), bytes + 1, 2999, 0));
+
+    DWORD value = 0;
+    DWORD size = sizeof value;
+    ASSERT_TRUE(CryptGetHashParam(hash.get(), HP_ALGID, reinterpret_cast<BYTE*>(&value), &size, 0));
+    EXPECT_EQ(value, a.algid);
+    ASSERT_TRUE(CryptGetHashParam(hash.get(), HP_HASHSIZE, reinterpret_cast<BYTE*>(&value), &size, 0));
+    EXPECT_EQ(value, a.size);
+    EXPECT_EQ(hash_value(hash.get()), reference_digest(a.nid, data));
+  }
+}
+
+TEST(Hash, SizeQueriesShortBuffersAndTheFinishedState) {
+  ProviderContext provider;
+  ASSERT_TRUE(CryptAcquireContextA(provider.receive(), nullptr, nullptr, 75, CRYPT_VERIFYCONTEXT));
+  HashObject hash;
+  ASSERT_TRUE(CryptCreateHash(provider.get(), CALG_SHA1, 0, 0, hash.receive()));
+  ASSERT_TRUE(CryptHashData(hash.get(), reinterpret_cast<const BYTE*>("ab"), 2, 0));
+
+  // Asking for the size does not close the hash.
+  DWORD size = 0;
+  ASSERT_TRUE(CryptGetHashParam(hash.get(), HP_HASHVAL, nullptr, &size, 0));
+  EXPECT_EQ(size, 20u);
+  ASSERT_TRUE(CryptHashData(hash.get(), reinterpret_cast<const BYTE*>("c"), 1, 0));
+
+  BYTE value[20];
+  size = 19;
+  EXPECT_FALSE(CryptGetHashParam(hash.get(), HP_HASHVAL, value, &size, 0));
+  EXPECT_EQ(GetLastError(), ERROR_MORE_DATA);
+  EXPECT_EQ(size, 20u);
+
+  const std::vector<BYTE> first = hash_value(hash.get());
+  EXPECT_EQ(first, reference_digest(NID_sha1, "abc"));
+  EXPECT_FALSE(CryptHashData(hash.get(), reinterpret_cast<const BYTE*>("d"), 1, 0));
+  EXPECT_EQ(GetLastError(), NTE_BAD_HASH_STATE);
+  EXPECT_EQ(hash_value(hash.get()), first);
+
+  size = sizeof value;
+  EXPECT_FALSE(CryptGetHashParam(hash.get(), 0x77, value, &size, 0));
+  EXPECT_EQ(GetLastError(), NTE_BAD_TYPE);
+  EXPECT_FALSE(CryptGetHashParam(hash.get(), HP_HASHVAL, value, &size, 1));
+  EXPECT_EQ(GetLastError(), NTE_BAD_FLAGS);
+}
+
+TEST(Hash, RefusedCreations) {
+  ProviderContext provider;
+  ASSERT_TRUE(CryptAcquireContextA(provider.receive(), nullptr, nullptr, 75, CRYPT_VERIFYCONTEXT));
+  struct Case {
+    const char* what;
+    ALG_ID algid;
+    HCRYPTKEY key;
+    DWORD flags;
+    DWORD error;
+  };
+  const Case cases[] = {
+      {"MD2, which OpenSSL 3 keeps in its legacy provider", CALG_MD2, 0, 0, NTE_BAD_ALGID},
+      {"a cipher is no hash", CALG_G28147, 0, 0, NTE_BAD_ALGID},
+      {"unknown", 0x8077, 0, 0, NTE_BAD_ALGID},
+      {"keyed hash", CALG_GR3411, 1, 0, NTE_BAD_KEY},
+      {"flags", CALG_GR3411, 0, 1, NTE_BAD_FLAGS},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    HCRYPTHASH hash = 0;
+    EXPECT_FALSE(CryptCreateHash(provider.get(), c.algid, c.key, c.flags, &hash));
+    EXPECT_EQ(GetLastError(), c.error);
+    EXPECT_EQ(hash, 0u);
+  }
+}
+
+TEST(Handles, WrongHandlesAreRefusedAndReferencesKeepTheProvider) {
+  HCRYPTPROV provider = 0;
+  ASSERT_TRUE(CryptAcquireContextA(&provider, nullptr, nullptr, 81, CRYPT_VERIFYCONTEXT));
+  HCRYPTHASH hash = 0;
+  ASSERT_TRUE(CryptCreateHash(provider, CALG_GR3411_2012_512, 0, 0, &hash));
+
+  // A provider is no hash and a hash no provider.
+  EXPECT_FALSE(CryptHashData(static_cast<HCRYPTHASH>(provider), reinterpret_cast<const BYTE*>("x"), 1, 0));
+  EXPECT_EQ(GetLastError(), NTE_BAD_HASH);
+  EXPECT_FALSE(CryptDestroyHash(0));
+  EXPECT_EQ(GetLastError(), NTE_BAD_HASH);
+  HCRYPTHASH other = 0;
+  EXPECT_FALSE(CryptCreateHash(static_cast<HCRYPTPROV>(hash), CALG_SHA1, 0, 0, &other));
+  EXPECT_EQ(GetLastError(), NTE_BAD_UID);
+
+  // The hash holds the provider: releasing the caller's reference first is
+  // fine, and so is an extra reference released twice.
+  ASSERT_TRUE(CryptContextAddRef(provider, nullptr, 0));
+  EXPECT_TRUE(CryptReleaseContext(provider, 0));
+  EXPECT_TRUE(CryptReleaseContext(provider, 0));
+  ASSERT_TRUE(CryptHashData(hash, reinterpret_cast<const BYTE*>("abc"), 3, 0));
+  EXPECT_EQ(hash_value(hash), reference_digest(NID_id_GostR3411_2012_512, "abc"));
+  EXPECT_TRUE(CryptDestroyHash(hash));
+}
+
+}  // namespace
