@@ -200,6 +200,22 @@ TEST(DigestCms, OpensslVerifiesAttachedAndDetachedAndMakesTheSameBytes) {
   }
 }
 
+// Sizes around the steps of DER's length octets, for the content and for
+// the structures around it.
+TEST(DigestCms, LengthOctetsAtEveryStep) {
+  TempDir dir;
+  for (size_t size : {1, 60, 80, 127, 128, 200, 255, 256, 300, 65535, 65536, 16777215, 16777216}) {
+    SCOPED_TRACE(size);
+    const std::string data = sample_bytes(size);
+    const Digest d = ssf_digest("PKCS7", "SHA1", data);
+    ASSERT_EQ(d.rc, SSF_OK);
+    bv::test::write_file(dir / "content.bin", data);
+    const std::string theirs = bv::test::run_command(
+        "openssl cms -digest_create -binary -outform DER -md sha1 -in " + dir / "content.bin" + " 2>/dev/null");
+    EXPECT_TRUE(d.output == theirs) << "differs from openssl cms -digest_create";
+  }
+}
+
 TEST(DigestCms, EveryMessageFormatGivesTheSameMessage) {
   const std::string data = "the same content";
   const Digest pkcs7 = ssf_digest("PKCS7", "GOST2012-256", data);
