@@ -1,0 +1,304 @@
+// Certificate contexts, names as text, integer and name comparison, signing
+// time decoding, against real GOST certificates of the demo PKI and names
+// built with OpenSSL.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "crypt32/cert.h"
+#include "crypt32/store.h"
+#include "host.h"
+#include "pki.h"
+
+namespace {
+
+using bv::test::DemoPki;
+
+// An encoded name from (OID, ASN.1 string type, bytes, RDN set) rows; a set
+// of 0 starts a new RDN, -1 joins the one before.
+struct Attribute {
+  const char* oid;
+  int type;
+  std::string value;
+  int set = 0;
+};
+
+std::vector<BYTE> encode_name(const std::vector<Attribute>& attributes) {
+  bv::ossl::UniquePtr<X509_NAME> name(X509_NAME_new());
+  for (const Attribute& a : attributes) {
+    bv::ossl::UniquePtr<ASN1_OBJECT> object(OBJ_txt2obj(a.oid, 1));
+    X509_NAME_add_entry_by_OBJ(name.get(), object.get(), a.type, reinterpret_cast<const unsigned char*>(a.value.data()),
+                               static_cast<int>(a.value.size()), -1, a.set);
+  }
+  unsigned char* der = nullptr;
+  const int length = i2d_X509_NAME(name.get(), &der);
+  std::vector<BYTE> out(der, der + length);
+  OPENSSL_free(der);
+  return out;
+}
+
+std::string render(std::vector<BYTE>& der, DWORD type) {
+  CERT_NAME_BLOB blob{static_cast<DWORD>(der.size()), der.data()};
+  const DWORD size = CertNameToStrA(X509_ASN_ENCODING, &blob, type, nullptr, 0);
+  std::string text(size, 'x');
+  EXPECT_EQ(CertNameToStrA(X509_ASN_ENCODING, &blob, type, text.data(), size), size);
+  EXPECT_EQ(text.back(), '\0');
+  text.pop_back();
+  return text;
+}
+
+TEST(CertNameToStrA, RendersAsTheTable) {
+  const int utf8 = MBSTRING_UTF8;
+  const int printable = V_ASN1_PRINTABLESTRING;
+  struct Case {
+    const char* what;
+    std::vector<Attribute> name;
+    DWORD type;
+    std::string expected;
+  };
+  const std::vector<Case> cases = {
+      {"plain X.500", {{"2.5.4.3", utf8, "Ivan"}, {"2.5.4.10", utf8, "Org"}, {"2.5.4.6", printable, "RU"}},
+       CERT_X500_NAME_STR, "CN=Ivan, O=Org, C=RU"},
+      {"OID form", {{"2.5.4.3", utf8, "Ivan"}, {"2.5.4.10", utf8, "Org"}, {"2.5.4.6", printable, "RU"}},
+       CERT_OID_NAME_STR, "2.5.4.3=Ivan, 2.5.4.10=Org, 2.5.4.6=RU"},
+      {"reversed", {{"2.5.4.3", utf8, "Ivan"}, {"2.5.4.10", utf8, "Org"}, {"2.5.4.6", printable, "RU"}},
+       CERT_X500_NAME_STR | CERT_NAME_STR_REVERSE_FLAG, "C=RU, O=Org, CN=Ivan"},
+      {"simple", {{"2.5.4.3", utf8, "Ivan"}, {"2.5.4.6", printable, "RU"}}, CERT_SIMPLE_NAME_STR, "Ivan, RU"},
+      {"quotes doubled", {{"2.5.4.10", utf8, "OOO \"Romashka\""}}, CERT_X500_NAME_STR, "O=\"OOO \"\"Romashka\"\"\""},
+      {"comma", {{"2.5.4.10", utf8, "Demo, Inc"}}, CERT_OID_NAME_STR, "2.5.4.10=\"Demo, Inc\""},
+      {"plus", {{"2.5.4.3", utf8, "a+b"}}, CERT_X500_NAME_STR, "CN=\"a+b\""},
+      {"equals, hash, semicolon, angle",
+       {{"2.5.4.3", utf8, "a=b"}, {"2.5.4.3", utf8, "#1"}, {"2.5.4.3", utf8, "x;y"}, {"2.5.4.3", utf8, "<z>"}},
+       CERT_X500_NAME_STR, "CN=\"a=b\", CN=\"#1\", CN=\"x;y\", CN=\"<z>\""},
+      {"newline", {{"2.5.4.3", utf8, "a\nb"}}, CERT_X500_NAME_STR, "CN=\"a\nb\""},
+      {"leading and trailing blanks", {{"2.5.4.3", utf8, " lead"}, {"2.5.4.3", utf8, "trail "}},
+       CERT_X500_NAME_STR, "CN=\" lead\", CN=\"trail \""},
+      {"inner blanks need no quotes", {{"2.5.4.3", utf8, "a  b"}}, CERT_X500_NAME_STR, "CN=a  b"},
+      {"empty value", {{"1.2.3.4", utf8, ""}}, CERT_X500_NAME_STR, "OID.1.2.3.4=\"\""},
+      {"no quoting flag", {{"2.5.4.10", utf8, "Demo, Inc"}}, CERT_X500_NAME_STR | CERT_NAME_STR_NO_QUOTING_FLAG,
+       "O=Demo, Inc"},
+      {"Cyrillic to 1251", {{"2.5.4.3", utf8, "Иванов Ёж №1"}}, CERT_X500_NAME_STR,
+       "CN=\xC8\xE2\xE0\xED\xEE\xE2 \xA8\xE6 \xB9" "1"},
+      {"Cyrillic BMPString", {{"2.5.4.3", V_ASN1_BMPSTRING, std::string("\x04\x10\x04\x4F", 4)}}, CERT_X500_NAME_STR,
+       "CN=\xC0\xFF"},
+      {"outside 1251", {{"2.5.4.3", utf8, "\xE4\xB8\xAD"}}, CERT_X500_NAME_STR, "CN=?"},
+      {"X.500 keys",
+       {{"1.2.840.113549.1.9.1", V_ASN1_IA5STRING, "a@b.c"}, {"2.5.4.5", printable, "42"},
+        {"0.9.2342.19200300.100.1.25", V_ASN1_IA5STRING, "example"}, {"2.5.4.8", utf8, "77"},
+        {"2.5.4.9", utf8, "Main 1"}, {"2.5.4.7", utf8, "Moscow"}, {"2.5.4.11", utf8, "IT"}, {"2.5.4.12", utf8, "Dr"},
+        {"2.5.4.42", utf8, "Ivan"}, {"2.5.4.43", utf8, "I"}, {"2.5.4.4", utf8, "Petrov"}},
+       CERT_X500_NAME_STR,
+       "E=a@b.c, SERIALNUMBER=42, DC=example, S=77, STREET=Main 1, L=Moscow, OU=IT, T=Dr, G=Ivan, I=I, SN=Petrov"},
+      {"Russian numbers in OID form",
+       {{"1.2.643.100.1", V_ASN1_NUMERICSTRING, "1027700132195"}, {"1.2.643.100.3", V_ASN1_NUMERICSTRING, "12345678901"},
+        {"1.2.643.3.131.1.1", V_ASN1_NUMERICSTRING, "007712345678"}, {"1.2.643.100.5", V_ASN1_NUMERICSTRING, "304500116000157"}},
+       CERT_X500_NAME_STR,
+       "OID.1.2.643.100.1=1027700132195, OID.1.2.643.100.3=12345678901, OID.1.2.643.3.131.1.1=007712345678, "
+       "OID.1.2.643.100.5=304500116000157"},
+      {"Russian numbers, OID text", {{"1.2.643.100.1", V_ASN1_NUMERICSTRING, "1027700132195"}}, CERT_OID_NAME_STR,
+       "1.2.643.100.1=1027700132195"},
+      {"multi-valued RDN", {{"2.5.4.3", utf8, "a"}, {"2.5.4.10", utf8, "b", -1}, {"2.5.4.6", printable, "RU"}},
+       CERT_X500_NAME_STR, "CN=a + O=b, C=RU"},
+      {"semicolons", {{"2.5.4.3", utf8, "a"}, {"2.5.4.6", printable, "RU"}},
+       CERT_X500_NAME_STR | CERT_NAME_STR_SEMICOLON_FLAG, "CN=a; C=RU"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<BYTE> der = encode_name(c.name);
+    EXPECT_EQ(render(der, c.type), c.expected);
+  }
+}
+
+TEST(CertNameToStrA, AnsiPageMatchesIconv) {
+  // Every letter of the Russian alphabet and the 1251 punctuation, against
+  // the system's converter.
+  const std::string text = "АБВГДЕЁЖЗИЙКЛМНОПРСТУФХЦЧШЩЪЫЬЭЮЯабвгдеёжзийклмнопрстуфхцчшщъыьэюя№—«»€ЂЃЉЊЌЋЏђѓљњќћџЎўЈҐЄЇІіґµ";
+  std::vector<BYTE> der = encode_name({{"1.2.3.4", MBSTRING_UTF8, text}});  // no length limit
+  bv::test::TempDir dir;
+  bv::test::write_file(dir / "in.txt", text);
+  int status = 0;
+  const std::string expected = bv::test::run_command("iconv -f UTF-8 -t CP1251 " + (dir / "in.txt"), &status);
+  ASSERT_EQ(status, 0);
+  EXPECT_EQ(render(der, CERT_SIMPLE_NAME_STR), expected);
+}
+
+TEST(CertNameToStrA, SizeQueryAndShortBuffer) {
+  std::vector<BYTE> der = encode_name({{"2.5.4.3", MBSTRING_UTF8, "Ivan"}});
+  CERT_NAME_BLOB blob{static_cast<DWORD>(der.size()), der.data()};
+  EXPECT_EQ(CertNameToStrA(X509_ASN_ENCODING, &blob, CERT_X500_NAME_STR, nullptr, 0), 8u);
+  char shorter[5];
+  EXPECT_EQ(CertNameToStrA(X509_ASN_ENCODING, &blob, CERT_X500_NAME_STR, shorter, sizeof shorter), 5u);
+  EXPECT_STREQ(shorter, "CN=I");
+  BYTE garbage[] = {0x04, 0x01, 0x00};
+  CERT_NAME_BLOB bad{sizeof garbage, garbage};
+  char empty[4] = "xyz";
+  EXPECT_EQ(CertNameToStrA(X509_ASN_ENCODING, &bad, CERT_X500_NAME_STR, empty, sizeof empty), 1u);
+  EXPECT_STREQ(empty, "");
+}
+
+TEST(CertCompareIntegerBlob, ReducesAsTheTableSays) {
+  struct Case {
+    std::vector<BYTE> a, b;  // little-endian
+    bool equal;
+  };
+  const std::vector<Case> cases = {
+      {{0x88, 0xFF, 0xFF, 0xFF}, {0x88, 0xFF}, true},  // 0xFFFFFF88 reduces to 0xFF88
+      {{0x88, 0xFF}, {0x88}, false},                   // ... not further
+      {{0x23, 0xFF}, {0x23, 0xFF}, true},
+      {{0x23, 0xFF}, {0x23}, false},
+      {{0x7F, 0x00}, {0x7F}, true},                    // 0x007F reduces to 0x7F
+      {{0x80, 0x00, 0x00, 0x00}, {0x80}, true},        // 0x00000080 reduces to 0x80
+      {{0x01, 0x02}, {0x01, 0x02, 0x00, 0x00}, true},
+      {{0x01, 0x02}, {0x02, 0x01}, false},
+      {{}, {}, true},
+      {{0x00}, {}, false},
+  };
+  for (size_t i = 0; i < cases.size(); ++i) {
+    SCOPED_TRACE(i);
+    auto a = cases[i].a, b = cases[i].b;
+    CRYPT_INTEGER_BLOB x{static_cast<DWORD>(a.size()), a.data()}, y{static_cast<DWORD>(b.size()), b.data()};
+    EXPECT_EQ(CertCompareIntegerBlob(&x, &y) != 0, cases[i].equal);
+    EXPECT_EQ(CertCompareIntegerBlob(&y, &x) != 0, cases[i].equal);
+  }
+}
+
+std::string read_all(const std::string& path) { return bv::test::read_file(path); }
+
+std::string render_blob(const CERT_NAME_BLOB& blob) {
+  std::vector<BYTE> der(blob.pbData, blob.pbData + blob.cbData);
+  return render(der, CERT_X500_NAME_STR);
+}
+
+TEST(CertificateContext, FieldsOfADemoCertificate) {
+  const DemoPki& pki = DemoPki::get();
+  const std::string der = read_all(pki.certificate_file("signer-2012-256"));
+  PCCERT_CONTEXT context =
+      CertCreateCertificateContext(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()),
+                                   static_cast<DWORD>(der.size()));
+  ASSERT_NE(context, nullptr) << std::hex << GetLastError();
+  const CERT_INFO* info = context->pCertInfo;
+  EXPECT_EQ(context->cbCertEncoded, der.size());
+  EXPECT_EQ(info->dwVersion, 2u);
+  EXPECT_STREQ(info->SignatureAlgorithm.pszObjId, "1.2.643.7.1.1.3.2");
+  EXPECT_STREQ(info->SubjectPublicKeyInfo.Algorithm.pszObjId, "1.2.643.7.1.1.1.1");
+  EXPECT_NE(context->hCertStore, nullptr);
+  // The demo's end entities have serials 101 and up, stored least significant first.
+  ASSERT_EQ(info->SerialNumber.cbData, 1u);
+  EXPECT_EQ(info->SerialNumber.pbData[0], 102);
+  EXPECT_EQ(render_blob(info->Issuer), "CN=Demo Issuing CA, O=Demo Organisation, C=RU");
+
+  // Validity as openssl prints it.
+  SYSTEMTIME until{};
+  ASSERT_TRUE(FileTimeToSystemTime(&info->NotAfter, &until));
+  int status = 0;
+  const std::string end = bv::test::run_command(
+      "openssl x509 -inform DER -noout -enddate -in " + pki.certificate_file("signer-2012-256"), &status);
+  static const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+  char expected[48];
+  std::snprintf(expected, sizeof expected, "notAfter=%s %2u %02u:%02u:%02u %04u GMT", months[until.wMonth - 1],
+                until.wDay, until.wHour, until.wMinute, until.wSecond, until.wYear);
+  EXPECT_EQ(end, std::string(expected) + "\n");
+
+  // The hash property is the SHA-1 fingerprint, with the two-call pattern.
+  DWORD size = 0;
+  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_HASH_PROP_ID, nullptr, &size));
+  ASSERT_EQ(size, 20u);
+  BYTE hash[20];
+  size = 19;
+  EXPECT_FALSE(CertGetCertificateContextProperty(context, CERT_HASH_PROP_ID, hash, &size));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_MORE_DATA));
+  EXPECT_EQ(size, 20u);
+  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_HASH_PROP_ID, hash, &size));
+  char hex[41];
+  for (int i = 0; i < 20; ++i) std::snprintf(hex + 2 * i, 3, "%02X", hash[i]);
+  EXPECT_EQ(std::string(hex), pki.hash("signer-2012-256"));
+
+  // A context made in memory has no key link.
+  EXPECT_FALSE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(CRYPT_E_NOT_FOUND));
+
+  // Reference counting: a duplicate outlives the original's free.
+  PCCERT_CONTEXT copy = CertDuplicateCertificateContext(context);
+  EXPECT_EQ(copy, context);
+  EXPECT_TRUE(CertFreeCertificateContext(context));
+  EXPECT_EQ(copy->pCertInfo->dwVersion, 2u);
+  EXPECT_TRUE(CertCompareCertificate(X509_ASN_ENCODING, copy->pCertInfo, copy->pCertInfo));
+  EXPECT_TRUE(CertFreeCertificateContext(copy));
+}
+
+TEST(CertificateContext, RefusesWhatIsNoCertificate) {
+  const std::vector<std::string> inputs = {std::string("\x30\x03\x02\x01\x01", 5), "not a certificate",
+                                           std::string(1, '\0')};
+  for (const std::string& input : inputs) {
+    SetLastError(0);
+    EXPECT_EQ(CertCreateCertificateContext(X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(input.data()),
+                                           static_cast<DWORD>(input.size())),
+              nullptr);
+    EXPECT_EQ(GetLastError(), static_cast<DWORD>(CRYPT_E_ASN1_BADTAG));
+  }
+  EXPECT_EQ(CertCreateCertificateContext(X509_ASN_ENCODING, nullptr, 0), nullptr);
+}
+
+TEST(CertificateContext, IssuerAndSerialIdentifyTheCertificate) {
+  const DemoPki& pki = DemoPki::get();
+  auto load = [&](const std::string& name) {
+    const std::string der = read_all(pki.certificate_file(name));
+    return CertCreateCertificateContext(X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()),
+                                        static_cast<DWORD>(der.size()));
+  };
+  PCCERT_CONTEXT a = load("signer-2001");
+  PCCERT_CONTEXT b = load("signer-2012-512");
+  ASSERT_TRUE(a && b);
+  EXPECT_TRUE(CertCompareCertificateName(X509_ASN_ENCODING, &a->pCertInfo->Issuer, &b->pCertInfo->Issuer));
+  EXPECT_FALSE(CertCompareCertificateName(X509_ASN_ENCODING, &a->pCertInfo->Subject, &b->pCertInfo->Subject));
+  EXPECT_FALSE(CertCompareCertificate(X509_ASN_ENCODING, a->pCertInfo, b->pCertInfo));
+  // The same serial with a sign byte in front is the same number.
+  CERT_INFO id = *a->pCertInfo;
+  std::vector<BYTE> padded(a->pCertInfo->SerialNumber.pbData,
+                           a->pCertInfo->SerialNumber.pbData + a->pCertInfo->SerialNumber.cbData);
+  padded.push_back(0x00);
+  id.SerialNumber = {static_cast<DWORD>(padded.size()), padded.data()};
+  EXPECT_TRUE(CertCompareCertificate(X509_ASN_ENCODING, &id, a->pCertInfo));
+  CertFreeCertificateContext(a);
+  CertFreeCertificateContext(b);
+}
+
+TEST(CryptDecodeObject, SigningTimeInBothTimeForms) {
+  struct Case {
+    std::string der;
+    uint64_t ticks;  // 100 ns since 1601
+  };
+  // Seconds since 1970 (date -u +%s -d ...), 11644473600 more since 1601.
+  auto ticks = [](uint64_t unix_seconds) { return (unix_seconds + 11644473600ULL) * 10000000ULL; };
+  const uint64_t leap_day = ticks(1709210096);  // 2024-02-29 12:34:56
+  const std::vector<Case> cases = {
+      {std::string("\x17\x0D") + "240229123456Z", leap_day},
+      {std::string("\x18\x0F") + "20240229123456Z", leap_day},
+      {std::string("\x18\x0F") + "20510101000000Z", ticks(2556144000)},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.der.substr(2));
+    FILETIME time{};
+    DWORD size = sizeof time;
+    ASSERT_TRUE(CryptDecodeObject(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, szOID_RSA_signingTime,
+                                  reinterpret_cast<const BYTE*>(c.der.data()), static_cast<DWORD>(c.der.size()), 0,
+                                  &time, &size));
+    EXPECT_EQ((static_cast<uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime, c.ticks);
+  }
+  const std::string bad = "\x04\x02xx";
+  FILETIME time{};
+  DWORD size = sizeof time;
+  EXPECT_FALSE(CryptDecodeObject(X509_ASN_ENCODING, szOID_RSA_signingTime, reinterpret_cast<const BYTE*>(bad.data()),
+                                 static_cast<DWORD>(bad.size()), 0, &time, &size));
+}
+
+TEST(CertFindAttribute, FindsByOid) {
+  CRYPT_ATTRIBUTE attributes[2] = {{const_cast<char*>("1.2.840.113549.1.9.3"), 0, nullptr},
+                                   {const_cast<char*>("1.2.840.113549.1.9.5"), 0, nullptr}};
+  EXPECT_EQ(CertFindAttribute("1.2.840.113549.1.9.5", 2, attributes), &attributes[1]);
+  EXPECT_EQ(CertFindAttribute("1.2.840.113549.1.9.4", 2, attributes), nullptr);
+  EXPECT_EQ(CertFindAttribute("1.2.840.113549.1.9.5", 0, nullptr), nullptr);
+}
+
+}  // namespace
