@@ -1,22 +1,39 @@
+// The call frame and the first answers: version, properties, release of a
+// block, the exception clauses and the licence gate.
+#include "frame.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <stdexcept>
 #include <string>
 
+#include "bvsapssf/bvsapssf.h"
 #include "host.h"
+#include "licence.h"
 
+using bv::test::CoreTrace;
 using bv::test::SsfApi;
 
+namespace {
+
 TEST(Version, GivesTheTextWithItsTerminator) {
-  const SsfApi& api = SsfApi::get();
-  char* version = nullptr;
-  uint32_t length = 99;
-  ASSERT_EQ(api.SsfVersion(&version, &length), SSF_OK);
-  EXPECT_EQ(length, 43u);
-  EXPECT_EQ(std::string(version, length + 1), std::string("Brelvantec SSF library for SAP Version 1.01", 44));
-  api.SsfDELSsfOctetstring(reinterpret_cast<unsigned char**>(&version), &length);
-  EXPECT_EQ(version, nullptr);
-  EXPECT_EQ(length, 0u);
+  std::string log;
+  bv::test::run_traced(
+      [] {
+        const SsfApi& api = SsfApi::get();
+        char* version = nullptr;
+        uint32_t length = 99;
+        ASSERT_EQ(api.SsfVersion(&version, &length), SSF_OK);
+        EXPECT_EQ(length, 43u);
+        EXPECT_EQ(std::string(version, length + 1), std::string("Brelvantec SSF library for SAP Version 1.01", 44));
+        api.SsfDELSsfOctetstring(reinterpret_cast<unsigned char**>(&version), &length);
+        EXPECT_EQ(version, nullptr);
+        EXPECT_EQ(length, 0u);
+      },
+      &log);
+  // No banner on any path of SsfVersion.
+  for (const std::string& line : bv::test::log_messages(log)) EXPECT_EQ(line.find("#start#"), std::string::npos);
 }
 
 TEST(Exports, ExactlyTheEighteenNames) {
@@ -30,3 +47,171 @@ TEST(Exports, ExactlyTheEighteenNames) {
             "SsfNEWSigRcpSsfInfo\nSsfPRISigRcpSsfInfo\nSsfPRISigRcpSsfInfoList\nSsfQueryProperties\n"
             "SsfSign\nSsfVerify\nSsfVersion\n");
 }
+
+constexpr const char* kAllProperties = "FORMATS;HASHALGS;ENCRALGS;SSF_POPUPS";
+constexpr const char* kHashAlgs =
+    "SHA1;GOST3411;GOST-R-34.11-94;GOST-R-34.11-2012-256;GOST-R-34.11-2012-512;GOST2012-256;GOST2012-512;MD2;MD5";
+
+struct PropertyCase {
+  const char* name;
+  int32_t length;
+  SSF_RC rc;
+  const char* value;  // null: outputs untouched
+};
+
+TEST(QueryProperties, SelectsByPrefixOfTheCallersLength) {
+  const PropertyCase cases[] = {
+      {"PROPERTIES", 10, SSF_OK, kAllProperties},
+      {"P", 1, SSF_OK, kAllProperties},
+      {"anything", 0, SSF_OK, kAllProperties},
+      {"FORMATS", 7, SSF_OK, "PKCS7;CADES;PKCS7_CADES;PKCS7_ANY"},
+      {"FORMATSX", 8, SSF_ERR_INPUT, nullptr},
+      {"F", 1, SSF_OK, "PKCS7;CADES;PKCS7_CADES;PKCS7_ANY"},
+      {"HASHALGS", 8, SSF_OK, kHashAlgs},
+      {"ENCRALGS", 8, SSF_OK, "GOST28147;GOST-28147-89"},
+      {"S", 1, SSF_OK, "1"},
+      {"SSF_POPUPS", 10, SSF_OK, "1"},
+      {"properties", 10, SSF_ERR_INPUT, nullptr},
+      {"PROPERTIES", -1, SSF_OK, kAllProperties},  // whole strings compared
+      {"PROP", -1, SSF_ERR_INPUT, nullptr},
+      {nullptr, 5, SSF_ERR_INPUT, nullptr},
+  };
+  bv::test::run_traced([&] {
+    const SsfApi& api = SsfApi::get();
+    for (const PropertyCase& c : cases) {
+      SCOPED_TRACE(std::string(c.name ? c.name : "(null)") + "/" + std::to_string(c.length));
+      char sentinel = 0;
+      char* value = &sentinel;
+      uint32_t length = 7777;
+      EXPECT_EQ(api.SsfQueryProperties(c.name, c.length, nullptr, 0, &value, &length), c.rc);
+      if (c.value == nullptr) {
+        EXPECT_EQ(value, &sentinel);
+        EXPECT_EQ(length, 7777u);
+        continue;
+      }
+      // The value has no terminator: its length is the only measure.
+      ASSERT_EQ(length, std::strlen(c.value));
+      EXPECT_EQ(std::string(value, length), c.value);
+      api.SsfDELSsfOctetstring(reinterpret_cast<unsigned char**>(&value), &length);
+    }
+  });
+}
+
+TEST(QueryProperties, TracesItsBannersAndTheRefusal) {
+  CoreTrace trace;
+  char* value = nullptr;
+  uint32_t length = 0;
+  EXPECT_EQ(SsfQueryProperties("NOPE", 4, nullptr, 0, &value, &length), SSF_ERR_INPUT);
+  EXPECT_EQ(trace.messages(),
+            (std::vector<std::string>{"****************#start#****************\n", "#error#: Invalid Property name\n",
+                                      "!!!!!!!!!!!!!!!!#error#!!!!!!!!!!!!!!!!\n"}));
+  trace.clear();
+  ASSERT_EQ(SsfQueryProperties("S", 1, nullptr, 0, &value, &length), SSF_OK);
+  SsfDELSsfOctetstring(reinterpret_cast<unsigned char**>(&value), &length);
+  EXPECT_EQ(trace.messages(), (std::vector<std::string>{"****************#start#****************\n",
+                                                        "++++++++++++++++#success#++++++++++++++++\n"}));
+}
+
+TEST(DELSsfOctetstring, NullPointersAndSecondCallsDoNothing) {
+  bv::test::run_traced([] {
+    const SsfApi& api = SsfApi::get();
+    uint32_t length = 5;
+    unsigned char* data = nullptr;
+    EXPECT_EQ(api.SsfDELSsfOctetstring(&data, &length), SSF_OK);
+    EXPECT_EQ(length, 5u);
+    EXPECT_EQ(api.SsfDELSsfOctetstring(nullptr, &length), SSF_OK);
+    EXPECT_EQ(length, 5u);
+
+    char* version = nullptr;
+    ASSERT_EQ(api.SsfVersion(&version, &length), SSF_OK);
+    data = reinterpret_cast<unsigned char*>(version);
+    EXPECT_EQ(api.SsfDELSsfOctetstring(&data, &length), SSF_OK);
+    EXPECT_EQ(data, nullptr);
+    EXPECT_EQ(length, 0u);
+    length = 9;
+    EXPECT_EQ(api.SsfDELSsfOctetstring(&data, &length), SSF_OK);
+    EXPECT_EQ(length, 9u);
+  });
+}
+
+// The exception clauses, with the lines each one leaves.
+struct ClauseCase {
+  const char* name;
+  void (*raise)();
+  const char* exception_line;
+  SSF_RC rc;
+  std::vector<std::string> lines;
+};
+
+TEST(Guarded, EachClauseEndsWithItsCodeAndLines) {
+  const std::string failure = "!!!!!!!!!!!!!!!!#error#!!!!!!!!!!!!!!!!\n";
+  const ClauseCase cases[] = {
+      {"CAtlException keeps its status as the last error",
+       [] { throw CAtlException(E_OUTOFMEMORY); },
+       nullptr,
+       SSF_ERR_INTERNAL,
+       {"#error#: 8007000e\n", "Not enough memory resources are available to complete this operation.\r\n", failure}},
+      {"std::runtime_error reports the last error as it stands",
+       [] {
+         SetLastError(5);
+         throw std::runtime_error("boom");
+       },
+       nullptr,
+       SSF_ERR_NOMEMORY,
+       {"#error#: 00000005\n", "Access is denied.\r\n", failure}},
+      {"anything else is E_UNEXPECTED",
+       [] { throw 42; },
+       nullptr,
+       SSF_ERR_INTERNAL,
+       {"#error#: 8000ffff\n", "Catastrophic failure\r\n", failure}},
+      {"the shared tail opens with the operation's line",
+       [] { throw std::logic_error("x"); },
+       "#exception#:\n",
+       SSF_ERR_INTERNAL,
+       {"#exception#:\n", "#error#: 8000ffff\n", "Catastrophic failure\r\n", failure}},
+      {"runtime_error has no exception line",
+       [] {
+         SetLastError(0);
+         throw std::runtime_error("x");
+       },
+       "#exception#\n",
+       SSF_ERR_NOMEMORY,
+       {"#error#: 00000000\n", failure}},
+  };
+  CoreTrace trace;
+  for (const ClauseCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    trace.clear();
+    const SSF_RC rc = bv::frame::guarded("SsfVerify", c.exception_line, [&]() -> SSF_RC {
+      c.raise();
+      return SSF_OK;
+    });
+    EXPECT_EQ(rc, c.rc);
+    EXPECT_EQ(trace.messages(), c.lines) << trace.dump();
+  }
+}
+
+TEST(Guarded, TheBodysAnswerPassesThrough) {
+  CoreTrace trace;
+  EXPECT_EQ(bv::frame::guarded("SsfSign", nullptr, [] { return SSF_ERR_SIGNER; }), SSF_ERR_SIGNER);
+  EXPECT_TRUE(trace.messages().empty());
+}
+
+TEST(Licence, TheShippedGateGrantsAndARefusalEndsIn13) {
+  CoreTrace trace;
+  EXPECT_EQ(bv::frame::guarded("SsfSign", nullptr, [] { return static_cast<SSF_RC>(SSFAPICheckLicense()); }), SSF_OK);
+  bv::set_licence_check_for_tests([] { throw std::logic_error("no licence"); });
+  const SSF_RC refused = bv::frame::guarded("SsfSign", nullptr, [] {
+    SSFAPICheckLicense();
+    ADD_FAILURE() << "the gate let the call through";
+    return SSF_OK;
+  });
+  bv::set_licence_check_for_tests(nullptr);
+  EXPECT_EQ(refused, SSF_ERR_INTERNAL);
+  const auto lines = trace.messages();
+  ASSERT_FALSE(lines.empty());
+  EXPECT_EQ(lines.front(), "#error#: 8000ffff\n") << trace.dump();
+  EXPECT_EQ(lines.back(), "!!!!!!!!!!!!!!!!#error#!!!!!!!!!!!!!!!!\n");
+}
+
+}  // namespace

@@ -11,6 +11,10 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "trace/output.h"
+#include "trace/table.h"
+#include "trace/trace.h"
+
 namespace bv::test {
 
 const SsfApi& SsfApi::get() {
@@ -103,6 +107,82 @@ ChildResult run_isolated(const std::map<std::string, std::string>& env, const st
   waitpid(pid, &status, 0);
   result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   return result;
+}
+
+std::vector<std::string> log_messages(const std::string& log, const std::string& module) {
+  const std::string prefix = module + ": ";
+  constexpr size_t kStamp = 22;  // "2026/01/31 12:00:00 : "
+  std::vector<std::string> result;
+  size_t start = 0;
+  while (start < log.size()) {
+    size_t end = log.find("\r\n", start);
+    end = end == std::string::npos ? log.size() : end + 2;
+    std::string line = log.substr(start, end - start);
+    if (line.size() >= 2 && line.compare(line.size() - 2, 2, "\r\n") == 0) line.replace(line.size() - 2, 2, "\n");
+    if (line.size() >= kStamp && line[4] == '/' && line.compare(19, 3, " : ") == 0) line.erase(0, kStamp);
+    if (line.compare(0, prefix.size(), prefix) == 0) line.erase(0, prefix.size());
+    result.push_back(line);
+    start = end;
+  }
+  return result;
+}
+
+ChildResult run_traced(const std::function<void()>& fn, std::string* log, int level) {
+  void* loaded = dlopen(BV_LIBRARY_PATH, RTLD_NOW | RTLD_NOLOAD);
+  if (loaded != nullptr) {
+    dlclose(loaded);
+    ADD_FAILURE() << "run_traced: the library is loaded in this process already";
+  }
+  TempDir dir;
+  ChildResult result = run_isolated(trace_env(dir, level), fn);
+  const std::string text = trace_log(dir);
+  if (result.exit_code != 0)
+    ADD_FAILURE() << "child failed (" << result.exit_code << "); library trace:\n"
+                  << text << "standard error:\n"
+                  << result.stderr_text;
+  if (log != nullptr) *log = text;
+  return result;
+}
+
+CoreTrace::CoreTrace(uint32_t level) {
+  using namespace bv::trace;
+  // A program that does not link the load-time code has no module yet.
+  if (module_id() < 0) {
+    attach();
+    const int id = register_module("bvsapssf_core", "bvsapssf_core");
+    set_module_identity(id);
+    BVTraceGeneral = static_cast<uint32_t>(register_category(id, "BVTraceGeneral"));
+    BVTraceSnapin = static_cast<uint32_t>(register_category(id, "BVTraceSnapin"));
+  }
+  set_module(module_id(), level, kStatusEnabled);
+  set_category(static_cast<int>(BVTraceGeneral), 0, kStatusInherit);
+  path_ = dir_ / "trace.log";
+  open_log_file(path_.c_str());
+}
+
+CoreTrace::~CoreTrace() {
+  bv::trace::close_log_file();
+  bv::trace::set_module(bv::trace::module_id(), 0, bv::trace::kStatusInherit);
+}
+
+std::string CoreTrace::raw() const { return read_file(path_); }
+
+std::vector<std::string> CoreTrace::messages() const {
+  bv::trace::ModuleRecord module{};
+  bv::trace::read_module(bv::trace::module_id(), module);
+  return log_messages(raw(), module.name);
+}
+
+std::string CoreTrace::dump() const {
+  std::string all = "library trace:\n";
+  for (const std::string& line : messages()) all += "  | " + line;
+  return all;
+}
+
+void CoreTrace::clear() {
+  bv::trace::close_log_file();
+  std::remove(path_.c_str());
+  bv::trace::open_log_file(path_.c_str());
 }
 
 std::string run_command(const std::string& command, int* status) {

@@ -7,6 +7,7 @@
 
 #include <dlfcn.h>
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
@@ -79,6 +80,43 @@ std::string trace_log(const TempDir& dir);
 // The text of a registry.reg with the key SOFTWARE\Brelvantec\Trace and
 // the given lines ("\"name\"=\"value\"" or "\"name\"=dword:00000003").
 std::string trace_registry_text(const std::vector<std::string>& value_lines);
+
+// The messages of a log file's text: the time stamp and "<module>: " cut
+// off each line, "\r\n" turned back into "\n" (a platform text keeps its
+// own "\r").
+std::vector<std::string> log_messages(const std::string& log, const std::string& module = "libbvsapssf.so");
+
+// Runs `fn` in a child under trace_env(level) and hands back the library's
+// log; when `fn` fails, the log is printed with the failure.  The library
+// must not be loaded in this process yet, or the child would inherit a
+// library that has read its settings already.
+ChildResult run_traced(const std::function<void()>& fn, std::string* log = nullptr, int level = 4);
+
+// The trace of the library's core linked into this test program (not of the
+// loaded .so): while it lives, every line up to `level` of this program's
+// own trace module goes to a log file of its own.
+class CoreTrace {
+ public:
+  explicit CoreTrace(uint32_t level = 4);
+  ~CoreTrace();
+  CoreTrace(const CoreTrace&) = delete;
+  CoreTrace& operator=(const CoreTrace&) = delete;
+
+  const std::string& path() const { return path_; }
+  // The log file as written: time stamps and "\r\n".
+  std::string raw() const;
+  // The messages only: time stamp and module name cut off each line, one
+  // "\r\n" turned back into "\n".
+  std::vector<std::string> messages() const;
+  // All messages in one text, for a failing assertion to show.
+  std::string dump() const;
+  // Starts the log afresh.
+  void clear();
+
+ private:
+  TempDir dir_;
+  std::string path_;
+};
 
 // Runs a shell command and returns its standard output; exit code in *status.
 std::string run_command(const std::string& command, int* status = nullptr);

@@ -1,0 +1,264 @@
+// Format, hash and encryption names, and the conversion pair that accepts
+// every format name, the bare signature ones included.
+#include "identity/names.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "host.h"
+
+using bv::test::CoreTrace;
+using bv::test::SsfApi;
+
+namespace {
+
+const std::string kStart = "****************#start#****************\n";
+const std::string kFailure = "!!!!!!!!!!!!!!!!#error#!!!!!!!!!!!!!!!!\n";
+const std::string kSuccess = "++++++++++++++++#success#++++++++++++++++\n";
+
+struct FormatCase {
+  const char* text;
+  int32_t length;
+  int rc;
+  unsigned char is_cades;
+  const char* warning;  // the one line check_ssf_format leaves, if any
+};
+
+TEST(CheckSsfFormat, ExactNamesAndTheTwoWarnings) {
+  const std::string long_name(256, 'Z');
+  const std::string too_long(257, 'P');
+  const FormatCase cases[] = {
+      {"PKCS7", 5, 0, 0, nullptr},
+      {"CADES", 5, 0, 1, nullptr},
+      {"PKCS7_CADES", 11, 0, 1, nullptr},
+      {"PKCS7_ANY", 9, 0, 0, nullptr},
+      {"cades", 5, 2, 0, "#warn# Unknown format name ('cades').\n"},
+      {"CADES", 3, 2, 0, "#warn# Unknown format name ('CAD').\n"},
+      {"PKCS7_CADES!", 12, 2, 0, "#warn# Unknown format name ('PKCS7_CADES!').\n"},
+      {"RAW_GOST", 8, 2, 0, "#warn# Unknown format name ('RAW_GOST').\n"},
+      {"PKCS7", 0, 2, 0, "#warn# Invalid format name lnegth (0)\n"},
+      {nullptr, 0, 2, 0, "#warn# Invalid format name lnegth (0)\n"},
+      {"PKCS7", -3, 2, 0, "#warn# Invalid format name lnegth (-3)\n"},
+      {too_long.c_str(), 257, 2, 0, "#warn# Invalid format name lnegth (257)\n"},
+  };
+  CoreTrace trace;
+  for (const FormatCase& c : cases) {
+    SCOPED_TRACE(std::string(c.text ? c.text : "(null)").substr(0, 20) + "/" + std::to_string(c.length));
+    trace.clear();
+    unsigned char is_cades = 7;
+    EXPECT_EQ(check_ssf_format(c.text, c.length, &is_cades), c.rc);
+    EXPECT_EQ(is_cades, c.is_cades);
+    const auto lines = trace.messages();
+    if (c.warning == nullptr)
+      EXPECT_TRUE(lines.empty()) << trace.dump();
+    else
+      EXPECT_EQ(lines, std::vector<std::string>{c.warning});
+  }
+  // Length 256 is still a length: the text is judged and named.
+  trace.clear();
+  unsigned char is_cades = 0;
+  EXPECT_EQ(check_ssf_format(long_name.c_str(), 256, &is_cades), 2);
+  EXPECT_EQ(trace.messages(), std::vector<std::string>{"#warn# Unknown format name ('" + long_name + "').\n"});
+}
+
+TEST(RawGostFormat, NeedsTheExactLength) {
+  const struct {
+    const char* text;
+    int32_t length;
+    unsigned char value;
+  } cases[] = {
+      {"RAW_GOST", 8, 1},          {"RAW_GOST_INVERTED", 17, 2}, {"RAW_GOS", 7, 0}, {"RAW_GOST_INVERTED", 8, 1},
+      {"RAW_GOST_INVERTE", 16, 0}, {"raw_gost", 8, 0},           {nullptr, 8, 0},   {nullptr, 0, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.length));
+    EXPECT_EQ(raw_gost_format(c.text, c.length), c.value);
+  }
+}
+
+struct HashCase {
+  const char* text;
+  int32_t length;
+  const char* row;  // name of the row hit, null for none
+};
+
+TEST(FindHashName, PrefixesHitTheFirstRowThatShareThem) {
+  const HashCase cases[] = {
+      {"SHA1", 4, "SHA1"},
+      {"S", 1, "SHA1"},
+      {"G", 1, "GOST3411"},
+      {"GOST", 4, "GOST3411"},
+      {"GOST-", 5, "GOST-R-34.11-94"},
+      {"GOST2", 5, "GOST2012-256"},
+      {"GOST2012-512", 12, "GOST2012-512"},
+      {"GOST-R-34.11-2012-256", 21, "GOST-R-34.11-2012-256"},
+      {"GOST-R-32.11-2012-512", 21, "GOST-R-32.11-2012-512"},
+      {"GOST-R-34.11-2012-512", 21, nullptr},  // announced, and refused
+      {"M", 1, "MD2"},
+      {"MD", 2, "MD2"},
+      {"MD5", 3, "MD5"},
+      {"SHA1X", 5, nullptr},
+      {"SHA1\0", 5, "SHA1"},  // the terminator after the name ends the comparison
+      {"sha1", 4, nullptr},
+      {"SHA1", 0, nullptr},
+      {"SHA1", -1, nullptr},
+  };
+  for (const HashCase& c : cases) {
+    SCOPED_TRACE(std::string(c.text) + "/" + std::to_string(c.length));
+    const HashName* found = find_hash_name(c.text, c.length);
+    if (c.row == nullptr) {
+      EXPECT_EQ(found, nullptr);
+      continue;
+    }
+    ASSERT_NE(found, nullptr);
+    EXPECT_STREQ(found->name, c.row);
+  }
+  const HashName* long_512 = find_hash_name("GOST-R-32.11-2012-512", 21);
+  ASSERT_NE(long_512, nullptr);
+  EXPECT_STREQ(long_512->oid, "1.2.643.7.1.1.2.3");
+  EXPECT_EQ(long_512->provider_type, 81u);
+  EXPECT_STREQ(find_hash_name("GOST2012-256", 12)->oid, "1.2.643.7.1.1.2.2");
+  EXPECT_EQ(find_hash_name("GOST2012-256", 12)->provider_type, 80u);
+  EXPECT_EQ(find_hash_name("GOST3411", 8)->provider_type, 75u);
+}
+
+TEST(FindEncryptionOid, BothNamesAndTheirPrefixes) {
+  const struct {
+    const char* text;
+    int32_t length;
+    bool found;
+  } cases[] = {
+      {"GOST28147", 9, true},    {"GOST-28147-89", 13, true}, {"G", 1, true},    {"GOST-", 5, true},
+      {"GOST28147X", 10, false}, {"GOST28147", 0, false},     {"AES", 3, false}, {"gost28147", 9, false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.text) + "/" + std::to_string(c.length));
+    const char* oid = find_encryption_oid(c.text, c.length);
+    if (c.found)
+      EXPECT_STREQ(oid, "1.2.643.2.2.21");
+    else
+      EXPECT_EQ(oid, nullptr);
+  }
+}
+
+// SsfEncode and SsfDecode through the loaded library.
+using Convert = decltype(&::SsfEncode);
+
+struct ConvertCase {
+  const char* name;
+  const char* format;
+  int32_t format_length;
+  const char* input;
+  int32_t input_length;
+  SSF_RC rc;
+};
+
+TEST(EncodeDecode, CopyUnderEveryAcceptedFormat) {
+  const ConvertCase cases[] = {
+      {"PKCS7, three bytes", "PKCS7", 5, "a\0c", 3, SSF_OK},
+      {"CADES", "CADES", 5, "xyz", 3, SSF_OK},
+      {"PKCS7_ANY", "PKCS7_ANY", 9, "x", 1, SSF_OK},
+      {"RAW_GOST", "RAW_GOST", 8, "1234", 4, SSF_OK},
+      {"RAW_GOST_INVERTED", "RAW_GOST_INVERTED", 17, "1234", 4, SSF_OK},
+      {"RAW_GOS is no name", "RAW_GOST", 7, "1234", 4, SSF_ERR_FORMAT},
+      {"the format is checked before the input", "NOPE", 4, "", 0, SSF_ERR_FORMAT},
+      {"format length 257", "PKCS7", 257, "x", 1, SSF_ERR_FORMAT},
+      {"no format", nullptr, 0, "x", 1, SSF_ERR_FORMAT},
+      {"empty input", "PKCS7", 5, "", 0, SSF_ERR_INPUT},
+      {"negative input length", "PKCS7", 5, "x", -1, SSF_ERR_INPUT},
+      {"no input bytes", "PKCS7", 5, nullptr, 4, SSF_ERR_INPUT},
+  };
+  bv::test::run_traced([&] {
+    const SsfApi& api = SsfApi::get();
+    const std::string padded_format = std::string("PKCS7") + std::string(300, '\0');
+    for (const Convert convert : {api.SsfEncode, api.SsfDecode}) {
+      for (const ConvertCase& c : cases) {
+        SCOPED_TRACE(std::string(convert == api.SsfEncode ? "SsfEncode: " : "SsfDecode: ") + c.name);
+        const char* format = c.format_length == 257 ? padded_format.c_str() : c.format;
+        unsigned char sentinel = 0;
+        unsigned char* output = &sentinel;
+        uint32_t length = 99;
+        EXPECT_EQ(convert(format, c.format_length, reinterpret_cast<const unsigned char*>(c.input), c.input_length,
+                          &output, &length),
+                  c.rc);
+        if (c.rc != SSF_OK) {
+          // Only the length has been cleared; no block was made.
+          EXPECT_EQ(output, &sentinel);
+          EXPECT_EQ(length, 0u);
+          continue;
+        }
+        ASSERT_NE(output, &sentinel);
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(output), length), std::string(c.input, c.input_length));
+        EXPECT_NE(reinterpret_cast<const char*>(output), c.input);
+        api.SsfDELSsfOctetstring(&output, &length);
+      }
+    }
+  });
+}
+
+TEST(EncodeDecode, OnlyEncodeAllowsANullLengthPointer) {
+  std::string log;
+  bv::test::run_traced(
+      [] {
+        const SsfApi& api = SsfApi::get();
+        const unsigned char input[] = {1, 2, 3};
+        unsigned char* output = nullptr;
+        ASSERT_EQ(api.SsfEncode("PKCS7", 5, input, 3, &output, nullptr), SSF_OK);
+        ASSERT_NE(output, nullptr);
+        EXPECT_EQ(std::memcmp(output, input, 3), 0);
+        std::free(output);
+
+        output = nullptr;
+        EXPECT_EQ(api.SsfDecode("PKCS7", 5, input, 3, &output, nullptr), SSF_ERR_INPUT);
+        EXPECT_EQ(output, nullptr);
+      },
+      &log);
+  const auto lines = bv::test::log_messages(log);
+  ASSERT_GE(lines.size(), 3u) << log;
+  EXPECT_EQ(std::vector<std::string>(lines.end() - 3, lines.end()),
+            (std::vector<std::string>{kStart, "#error#: null length pointer\n", kFailure}));
+}
+
+TEST(EncodeDecode, TheLoadedLibraryTracesARawNameAsAWarningAndASuccess) {
+  std::string log;
+  bv::test::run_traced(
+      [] {
+        const unsigned char input[] = {7};
+        unsigned char* output = nullptr;
+        uint32_t length = 0;
+        ASSERT_EQ(SsfApi::get().SsfDecode("RAW_GOST_INVERTED", 17, input, 1, &output, &length), SSF_OK);
+        SsfApi::get().SsfDELSsfOctetstring(&output, &length);
+      },
+      &log);
+  const auto lines = bv::test::log_messages(log);
+  ASSERT_GE(lines.size(), 3u) << log;
+  EXPECT_EQ(std::vector<std::string>(lines.end() - 3, lines.end()),
+            (std::vector<std::string>{kStart, "#warn# Unknown format name ('RAW_GOST_INVERTED').\n", kSuccess}));
+}
+
+TEST(EncodeDecode, TraceLinesOfARawNameAndAFailure) {
+  CoreTrace trace;
+  const unsigned char input[] = {7};
+  unsigned char* output = nullptr;
+  uint32_t length = 0;
+  ASSERT_EQ(SsfEncode("RAW_GOST", 8, input, 1, &output, &length), SSF_OK);
+  std::free(output);
+  EXPECT_EQ(trace.messages(),
+            (std::vector<std::string>{kStart, "#warn# Unknown format name ('RAW_GOST').\n", kSuccess}));
+
+  trace.clear();
+  EXPECT_EQ(SsfDecode("PKCS7", 5, input, 0, &output, &length), SSF_ERR_INPUT);
+  EXPECT_EQ(trace.messages(), (std::vector<std::string>{kStart, "#error#: ostrEncodedDataL <= 0\n", kFailure}));
+
+  trace.clear();
+  EXPECT_EQ(SsfEncode("PKCS7", 5, input, 0, &output, &length), SSF_ERR_INPUT);
+  EXPECT_EQ(trace.messages(), (std::vector<std::string>{kStart, "#error#: ostrInputDataL <= 0\n", kFailure}));
+
+  trace.clear();
+  EXPECT_EQ(SsfEncode("BAD", 3, input, 1, &output, &length), SSF_ERR_FORMAT);
+  EXPECT_EQ(trace.messages(), (std::vector<std::string>{kStart, "#warn# Unknown format name ('BAD').\n", kFailure}));
+}
+
+}  // namespace

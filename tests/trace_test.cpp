@@ -1,0 +1,225 @@
+// The trace call of the core: filter, line composition, output, and what a
+// trace call must leave alone (the last error, errno).
+#include "trace/trace.h"
+
+#include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "atl.h"
+#include "host.h"
+#include "kernel32/kernel32.h"
+#include "trace/output.h"
+#include "trace/table.h"
+
+namespace {
+using bv::test::CoreTrace;
+using namespace bv::trace;
+
+constexpr const char* trace_function = "TraceTest";
+constexpr const char* trace_file = "trace_test";
+
+struct FilterCase {
+  const char* name;
+  bool process_enabled;
+  uint32_t process_level;
+  uint32_t module_status;
+  uint32_t module_level;
+  uint32_t category_status;
+  uint32_t category_level;
+  uint32_t line_level;
+  bool passes;
+};
+
+TEST(TraceFilter, DecidesByProcessModuleAndCategory) {
+  const FilterCase cases[] = {
+      {"nothing set: level 0 everywhere", true, 0, kStatusInherit, 0, kStatusInherit, 0, 1, false},
+      {"process level reaches the line", true, 3, kStatusInherit, 0, kStatusInherit, 0, 3, true},
+      {"process level below the line", true, 3, kStatusInherit, 0, kStatusInherit, 0, 4, false},
+      {"process threshold off", false, 4, kStatusInherit, 0, kStatusInherit, 0, 1, false},
+      {"module enabled at 3, line 3", true, 0, kStatusEnabled, 3, kStatusInherit, 0, 3, true},
+      {"module enabled at 3, line 4", true, 0, kStatusEnabled, 3, kStatusInherit, 0, 4, false},
+      {"module enabled at 0 drops everything", true, 4, kStatusEnabled, 0, kStatusInherit, 0, 1, false},
+      {"module disabled beats the process", true, 4, kStatusDisabled, 4, kStatusInherit, 0, 1, false},
+      {"category enabled beats a disabled module", true, 0, kStatusDisabled, 0, kStatusEnabled, 2, 2, true},
+      {"category enabled, line above it", true, 0, kStatusDisabled, 0, kStatusEnabled, 2, 3, false},
+      {"category disabled silences an enabled module", true, 4, kStatusEnabled, 4, kStatusDisabled, 4, 1, false},
+      {"category enabled does not need the process", false, 0, kStatusInherit, 0, kStatusEnabled, 4, 4, true},
+      {"enabled module ignores the process threshold", false, 0, kStatusEnabled, 2, kStatusInherit, 0, 2, true},
+  };
+  CoreTrace trace;
+  const ProcessSettings saved = read_process();
+  for (const FilterCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    ProcessSettings process = saved;
+    process.enabled = c.process_enabled;
+    process.level = c.process_level;
+    write_process(process);
+    set_module(module_id(), c.module_level, c.module_status);
+    set_category(static_cast<int>(BVTraceGeneral), c.category_level, c.category_status);
+    trace.clear();
+    BV_TRACE(c.line_level, "filtered line\n");
+    EXPECT_EQ(trace.messages().size(), c.passes ? 1u : 0u) << trace.dump();
+  }
+  write_process(saved);
+  set_category(static_cast<int>(BVTraceGeneral), 0, kStatusInherit);
+}
+
+TEST(TraceFilter, UnknownCategoryDropsTheLine) {
+  CoreTrace trace;
+  const TraceSite site("f", "file", 1);
+  TracePrint(site, 4000, TRACE_ALWAYS, "never\n");
+  EXPECT_TRUE(trace.messages().empty()) << trace.dump();
+}
+
+class TraceLine : public ::testing::Test {
+ protected:
+  void SetUp() override { saved_ = read_process(); }
+  void TearDown() override { write_process(saved_); }
+  void options(bool file_and_line, bool category) {
+    ProcessSettings process = saved_;
+    process.file_name_and_line_no = file_and_line;
+    process.func_and_category_names = category;
+    write_process(process);
+  }
+  ProcessSettings saved_;
+};
+
+TEST_F(TraceLine, AllOptionsOnGiveEveryPart) {
+  CoreTrace trace;
+  options(true, true);
+  const TraceSite site("SsfSign", "C:\\src\\ssfxxmain", 77);
+  TracePrint(site, BVTraceGeneral, TRACE_NORMAL, "#info#: %d signers\n", 2);
+  ModuleRecord module{};
+  read_module(module_id(), module);
+  const std::string expected = std::string(module.name) + ": {" + std::to_string(syscall(SYS_gettid)) +
+                               "} /SsfSign/ ssfxxmain(77) : BVTraceGeneral: #info#: 2 signers\r\n";
+  const std::string raw = trace.raw();
+  ASSERT_GT(raw.size(), 22u);
+  EXPECT_EQ(raw.substr(22), expected);
+}
+
+TEST_F(TraceLine, SiteTextKeepsANameWithoutBackslash) {
+  const TraceSite site("check_ssf_format", "bvsapssf", 5);
+  EXPECT_EQ(std::string(site.text), "{" + std::to_string(syscall(SYS_gettid)) + "} /check_ssf_format/ bvsapssf");
+  EXPECT_EQ(site.line, 5u);
+}
+
+TEST_F(TraceLine, LongLinesAreCutAt1023Characters) {
+  CoreTrace trace;
+  for (const bool file_and_line : {false, true}) {
+    SCOPED_TRACE(file_and_line ? "with site" : "message only");
+    options(file_and_line, true);
+    trace.clear();
+    const std::string message(3000, 'x');
+    BV_TRACE(TRACE_NORMAL, "%s", message.c_str());
+    const std::string raw = trace.raw();
+    ASSERT_GT(raw.size(), 22u);
+    const std::string line = raw.substr(22);
+    EXPECT_EQ(line.size(), 1023u);
+    EXPECT_EQ(line.back(), 'x');
+  }
+}
+
+TEST_F(TraceLine, ALineOfExactly1023CharactersIsWhole) {
+  CoreTrace trace;
+  options(false, false);
+  ModuleRecord module{};
+  read_module(module_id(), module);
+  const size_t room = 1023 - std::strlen(module.name) - 2;
+  const std::string message = std::string(room - 1, 'y') + "\n";
+  BV_TRACE(TRACE_NORMAL, "%s", message.c_str());
+  const std::string raw = trace.raw();
+  ASSERT_GT(raw.size(), 24u);
+  EXPECT_EQ(raw.substr(raw.size() - 3), "y\r\n");
+  EXPECT_EQ(raw.size() - 22, 1023u + 1);  // one "\r" added
+}
+
+TEST(TraceOutput, LastErrorSurvivesEveryTraceCall) {
+  CoreTrace trace;
+  struct Case {
+    const char* name;
+    uint32_t level;
+  } cases[] = {{"line written to the log", TRACE_NORMAL}, {"line dropped by the filter", 99}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    SetLastError(0x80092004);
+    BV_TRACE(c.level, "#error#: %08x\n", GetLastError());
+    EXPECT_EQ(GetLastError(), 0x80092004u);
+  }
+  EXPECT_EQ(trace.messages(), std::vector<std::string>{"#error#: 80092004\n"});
+}
+
+TEST(TraceOutput, NewLinesBecomeCrLfOnlyInTheLogFile) {
+  {
+    CoreTrace trace;
+    BV_TRACE(TRACE_NORMAL, "one\ntwo\n");
+    const std::string raw = trace.raw();
+    EXPECT_NE(raw.find(": one\r\ntwo\r\n"), std::string::npos) << raw;
+    // "YYYY/MM/DD hh:mm:ss : " in front.
+    ASSERT_GE(raw.size(), 22u);
+    for (const size_t digit : {0, 1, 2, 3, 5, 6, 8, 9, 11, 12, 14, 15, 17, 18}) EXPECT_TRUE(isdigit(raw[digit])) << raw;
+    EXPECT_EQ(raw.substr(4, 1) + raw.substr(7, 1) + raw.substr(13, 1) + raw.substr(16, 1) + raw.substr(19, 3),
+              "//:: : ");
+  }
+  // Without a log file the line goes to standard error as it is.
+  const auto child = bv::test::run_isolated({}, [] {
+    CoreTrace trace;
+    close_log_file();
+    BV_TRACE(TRACE_NORMAL, "one\ntwo\n");
+  });
+  EXPECT_EQ(child.exit_code, 0);
+  EXPECT_NE(child.stderr_text.find(": one\ntwo\n"), std::string::npos) << child.stderr_text;
+  EXPECT_EQ(child.stderr_text.find('\r'), std::string::npos);
+}
+
+TEST(TraceOutput, TheLoadedLibraryWritesToStandardErrorWithoutALogFile) {
+  bv::test::TempDir dir;
+  auto env = bv::test::trace_env(dir);
+  // The setting alone, no log file name.
+  bv::test::write_file(dir / "common/Brelvantec/registry.reg",
+                       bv::test::trace_registry_text({"\"libbvsapssf.so\"=\"2\""}));
+  const auto child = bv::test::run_isolated(env, [] {
+    char* value = nullptr;
+    uint32_t length = 0;
+    EXPECT_EQ(bv::test::SsfApi::get().SsfQueryProperties("X", 1, nullptr, 0, &value, &length), SSF_ERR_INPUT);
+  });
+  EXPECT_EQ(child.exit_code, 0);
+  EXPECT_NE(child.stderr_text.find("libbvsapssf.so: ****************#start#****************\n"
+                                   "libbvsapssf.so: #error#: Invalid Property name\n"
+                                   "libbvsapssf.so: !!!!!!!!!!!!!!!!#error#!!!!!!!!!!!!!!!!\n"),
+            std::string::npos)
+      << child.stderr_text;
+  EXPECT_EQ(child.stderr_text.find('\r'), std::string::npos);
+  EXPECT_EQ(bv::test::trace_log(dir), "");
+}
+
+TEST(TraceErrno, FailedFormattingRaisesAndKeepsTheLastError) {
+  CoreTrace trace;
+  SetLastError(1234);
+  // A wide character the C locale cannot convert: formatting fails with
+  // EILSEQ, which is none of the known reactions.
+  try {
+    BV_TRACE(TRACE_NORMAL, "%lc\n", static_cast<wint_t>(0x10FFFF + 5));
+    ADD_FAILURE() << "no exception";
+  } catch (const CAtlException& e) {
+    EXPECT_EQ(e.m_hr, E_FAIL);
+  }
+  EXPECT_EQ(GetLastError(), 1234u);
+}
+
+TEST(TraceErrno, SiteRestoresErrno) {
+  errno = ERANGE;
+  const TraceSite site("f", "g", 1);
+  EXPECT_EQ(errno, ERANGE);
+  CoreTrace trace;
+  errno = EDOM;
+  TracePrint(site, BVTraceGeneral, TRACE_NORMAL, "plain\n");
+  EXPECT_EQ(errno, EDOM);
+}
+
+}  // namespace

@@ -1,0 +1,34 @@
+// encode, decode: the conversion pair on a file.
+#include <cstdio>
+#include <string>
+
+#include "bvssf.h"
+
+namespace {
+
+using Convert = decltype(&::SsfEncode);
+
+int convert(Convert function, const std::vector<std::string>& args) {
+  if (args.size() != 3) return 2;
+  const std::string& format = args[0];
+  const std::string input = bvssf::read_file(args[1]);
+  unsigned char* output = nullptr;
+  uint32_t length = 0;
+  const SSF_RC rc =
+      function(format.data(), static_cast<int32_t>(format.size()), reinterpret_cast<const unsigned char*>(input.data()),
+               static_cast<int32_t>(input.size()), &output, &length);
+  if (rc == SSF_OK) {
+    bvssf::write_file(args[2], output, length);
+    std::printf("%u bytes written to %s\n", length, args[2].c_str());
+    bvssf::library().SsfDELSsfOctetstring(&output, &length);
+  }
+  return bvssf::report(rc);
+}
+
+int encode(const std::vector<std::string>& args) { return convert(bvssf::library().SsfEncode, args); }
+int decode(const std::vector<std::string>& args) { return convert(bvssf::library().SsfDecode, args); }
+
+const bool registered =
+    bvssf::add_command({"encode", "FORMAT IN OUT", "SsfEncode: IN converted under FORMAT into OUT", encode}) &&
+    bvssf::add_command({"decode", "FORMAT IN OUT", "SsfDecode: IN converted back under FORMAT into OUT", decode});
+}  // namespace
