@@ -3,6 +3,7 @@
 // hashed message service underneath it.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -326,6 +327,48 @@ TEST(DigestFailures, ProviderThatCannotBeAcquired) {
     const std::string out = bv::test::run_command("OPENSSL_ENGINES=" + dir.path() + " " BV_TOOLS_DIR "/bvssf digest " +
                                                   format + " SHA1 " + dir / "in" + " " + dir / "out");
     EXPECT_EQ(out, "SSF_ERR_INTERNAL (13)\n");
+  }
+}
+
+// The lines of each path, from the core linked into this program.
+TEST(DigestTrace, LinesOfSuccessAndFailurePaths) {
+  using Lines = std::vector<std::string>;
+  const std::string start = "****************#start#****************\n";
+  const std::string failure = "!!!!!!!!!!!!!!!!#error#!!!!!!!!!!!!!!!!\n";
+  const std::string success = "++++++++++++++++#success#++++++++++++++++\n";
+  struct Case {
+    const char* format;
+    const char* hash;
+    SSF_RC rc;
+    Lines lines;
+  };
+  const Case cases[] = {
+      {"RAW_GOST", "SHA1", SSF_OK,
+       {start, "#warn# Unknown format name ('RAW_GOST').\n", "#trace# Using hash alg = 1.3.14.3.2.26.\n", success}},
+      {"PKCS7", "GOST2012-256", SSF_OK, {start, "#trace# Using hash alg = 1.2.643.7.1.1.2.2.\n", success}},
+      // The one failure without a banner.
+      {"CADES", "SHA256", SSF_ERR_HASHALG, {start, "#error#: Invalid HashAlg name\n"}},
+      {"RAW_GOST", "MD2", SSF_ERR_ENCODE,
+       {start, "#warn# Unknown format name ('RAW_GOST').\n", "#trace# Using hash alg = 1.2.840.113549.2.2.\n",
+        "#error# CryptCreateHash for algid = 32769  FAILED.\n", "#error#: 80090008\n",
+        "Invalid algorithm specified.\r\n", failure}},
+      {"PKCS7", "MD2", SSF_ERR_ENCODE,
+       {start, "#trace# Using hash alg = 1.2.840.113549.2.2.\n", "#error#: 80090008\n",
+        "Invalid algorithm specified.\r\n", failure}},
+      {"XML", "SHA1", SSF_ERR_FORMAT, {start, "#warn# Unknown format name ('XML').\n", failure}},
+  };
+  bv::test::CoreTrace trace;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.format) + " " + c.hash);
+    trace.clear();
+    unsigned char* out = nullptr;
+    uint32_t length = 0;
+    const SSF_RC rc =
+        SsfDigest(c.format, static_cast<int32_t>(std::strlen(c.format)), 0, reinterpret_cast<const unsigned char*>("x"),
+                  1, c.hash, static_cast<int32_t>(std::strlen(c.hash)), &out, &length);
+    EXPECT_EQ(rc, c.rc);
+    EXPECT_EQ(trace.messages(), c.lines) << trace.dump();
+    if (rc == SSF_OK) SsfDELSsfOctetstring(&out, &length);
   }
 }
 
