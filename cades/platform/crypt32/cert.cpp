@@ -122,6 +122,7 @@ std::shared_ptr<const ParsedCertificate> parse_certificate(const BYTE* der, size
     SetLastError(CRYPT_E_ASN1_BADTAG);
     return nullptr;
   }
+  bv::ossl::gost_engine();  // GOST public keys decode through the engine's methods
   const unsigned char* cursor = der;
   bv::ossl::UniquePtr<X509> x509(d2i_X509(nullptr, &cursor, static_cast<long>(length)));
   if (!x509) {
