@@ -22,6 +22,10 @@ class Config {
   std::vector<std::string> additionalTSP;
 
   void print_Config() const;
+
+ private:
+  // Applies Brelvantec\ssf.ini of a special folder (CSIDL_*), section bvsapssf.
+  void read_ini_file(int folder);
 };
 
 extern Config config;

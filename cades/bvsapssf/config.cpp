@@ -1,8 +1,86 @@
 #include "bvsapssf/bvsapssf.h"
 
+#include <strings.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "kernel32/profile.h"
+#include "shell32/shell32.h"
 #include "trace/trace.h"
 
-Config::Config() = default;
+namespace {
+
+bool is_on_value(const char* text) {
+  return strcasecmp(text, "YES") == 0 || strcasecmp(text, "TRUE") == 0 || std::strcmp(text, "1") == 0;
+}
+
+bool is_off_value(const char* text) {
+  return strcasecmp(text, "NO") == 0 || strcasecmp(text, "FALSE") == 0 || std::strcmp(text, "0") == 0;
+}
+
+// "%x" stops at the first character that is no hex digit; a text that does
+// not start with one leaves the field.
+void read_hex(const char* text, DWORD& field) {
+  unsigned int value = 0;
+  if (std::sscanf(text, "%x", &value) == 1) field = value;
+}
+
+// Pieces between ';', kept as they are: a leading or doubled separator gives
+// an empty entry, a trailing one none.
+std::vector<std::string> split_addresses(const char* text) {
+  std::vector<std::string> addresses;
+  const size_t length = std::strlen(text);
+  size_t position = 0;
+  while (position < length) {
+    const char* separator = std::strchr(text + position, ';');
+    const size_t end = separator != nullptr ? static_cast<size_t>(separator - text) : length;
+    addresses.emplace_back(text + position, end - position);
+    position = end + 1;
+  }
+  return addresses;
+}
+
+}  // namespace
+
+Config::Config() {
+  // The environment: a switch can only be turned away from its default here.
+  if (const char* value = std::getenv("BV_SSF_USERID"); value != nullptr && std::strcmp(value, "CERT_HASH") == 0)
+    UserIdAsCertHash = true;
+  if (const char* value = std::getenv("BV_SSF_VERIFYCERTFLAGS")) read_hex(value, VerifyCertFlags);
+  if (const char* value = std::getenv("BV_SSF_VERIFYCERTACCEPTABLESTATUS")) read_hex(value, AcceptableCertStatus);
+  if (const char* value = std::getenv("BV_SSF_VERIFYCERTFLAGS_ONSELECT")) read_hex(value, VerifyCertFlagsOnSelect);
+  if (const char* value = std::getenv("BV_SSF_ASK_PIN_WHEN_EMPTY"); value != nullptr && is_on_value(value))
+    globalAskPinWhenEmpty = true;
+  if (const char* value = std::getenv("BV_SSF_VERIFYCERTFLAGS_ONSIGN"); value != nullptr && is_off_value(value))
+    VerifyCertOnSign = 0;
+  if (const char* value = std::getenv("BV_SSF_ADD_TSP")) additionalTSP = split_addresses(value);
+
+  // Then the files, the machine-wide one last and so strongest.
+  read_ini_file(CSIDL_LOCAL_APPDATA);
+  read_ini_file(CSIDL_COMMON_APPDATA);
+}
+
+void Config::read_ini_file(int folder) {
+  char path[MAX_PATH];
+  if (SHGetFolderPathA(nullptr, folder, nullptr, SHGFP_TYPE_CURRENT, path) != S_OK) return;
+  if (!PathAppendA(path, "Brelvantec\\ssf.ini")) return;
+
+  // An absent or empty key reads as 0 characters and changes nothing; a
+  // value turns a switch either way.
+  char value[MAX_PATH];
+  const auto read = [&](const char* key) {
+    return GetPrivateProfileStringA("bvsapssf", key, "", value, MAX_PATH, path) != 0;
+  };
+  if (read("BV_SSF_USERID")) UserIdAsCertHash = std::strcmp(value, "CERT_HASH") == 0;
+  if (read("BV_SSF_VERIFYCERTFLAGS")) read_hex(value, VerifyCertFlags);
+  if (read("BV_SSF_VERIFYCERTFLAGS_ONSELECT")) read_hex(value, VerifyCertFlagsOnSelect);
+  if (read("BV_SSF_VERIFYCERTACCEPTABLESTATUS")) read_hex(value, AcceptableCertStatus);
+  if (read("BV_SSF_VERIFYCERTFLAGS_ONSIGN")) VerifyCertOnSign = is_off_value(value) ? 0 : 1;
+  if (read("BV_SSF_ASK_PIN_WHEN_EMPTY")) globalAskPinWhenEmpty = is_on_value(value);
+  if (read("BV_SSF_ADD_TSP")) additionalTSP = split_addresses(value);
+}
 
 void Config::print_Config() const {
   constexpr const char* trace_function = "Config::print_Config";

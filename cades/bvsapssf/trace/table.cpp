@@ -121,6 +121,18 @@ Table* open_table(const std::string& name) {
   return table;
 }
 
+// Where shared memory cannot be had (no /dev/shm, no rights), the modules of
+// this copy of the library still trace, from a table no other process sees.
+Table* private_table() {
+  static Table table;
+  if (table.magic.load() != kMagic) {
+    table.layout_version = kLayoutVersion;
+    table.process = ProcessSettings{};
+    table.magic.store(kMagic);
+  }
+  return &table;
+}
+
 void copy_name(char* dst, size_t size, const char* src) {
   std::strncpy(dst, src != nullptr ? src : "", size - 1);
   dst[size - 1] = '\0';
@@ -166,7 +178,7 @@ bool attach() {
       remove_stale_tables();
       break;
     }
-    if (errno != EEXIST) return false;
+    if (errno != EEXIST) break;
     table = open_table(name);
     // Left behind by an earlier process with this pid: replace it.
     if (table == nullptr || table->creator_start_time != process_start_time(getpid())) {
@@ -175,7 +187,7 @@ bool attach() {
       shm_unlink(name.c_str());
     }
   }
-  if (table == nullptr) return false;
+  if (table == nullptr) table = private_table();
   table->users.fetch_add(1);
   g_table = table;
   g_owned = true;
@@ -194,6 +206,11 @@ bool open_process_table(pid_t pid) {
 
 void detach() {
   if (g_table == nullptr) return;
+  if (g_table == private_table()) {
+    g_table->users.fetch_sub(1);
+    g_table = nullptr;
+    return;
+  }
   if (g_owned && g_owner_pid == getpid() && g_table->users.fetch_sub(1) == 1)
     shm_unlink(table_name(getpid()).c_str());
   unmap(g_table);
