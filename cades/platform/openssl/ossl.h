@@ -55,12 +55,27 @@ BV_OSSL_DELETER(TS_TST_INFO, TS_TST_INFO_free);
 BV_OSSL_DELETER(TS_MSG_IMPRINT, TS_MSG_IMPRINT_free);
 BV_OSSL_DELETER(TS_VERIFY_CTX, TS_VERIFY_CTX_free);
 BV_OSSL_DELETER(PKCS12, PKCS12_free);
+BV_OSSL_DELETER(NAME_CONSTRAINTS, NAME_CONSTRAINTS_free);
+BV_OSSL_DELETER(X509_EXTENSION, X509_EXTENSION_free);
+BV_OSSL_DELETER(EXTENDED_KEY_USAGE, EXTENDED_KEY_USAGE_free);  // a STACK_OF(ASN1_OBJECT)
 BV_OSSL_DELETER(ENGINE, ENGINE_free);
 #undef BV_OSSL_DELETER
 
 template <>
 struct Deleter<STACK_OF(X509)> {
   void operator()(STACK_OF(X509) * p) const noexcept { sk_X509_pop_free(p, X509_free); }
+};
+template <>
+struct Deleter<STACK_OF(X509_CRL)> {
+  void operator()(STACK_OF(X509_CRL) * p) const noexcept { sk_X509_CRL_pop_free(p, X509_CRL_free); }
+};
+template <>
+struct Deleter<STACK_OF(DIST_POINT)> {
+  void operator()(STACK_OF(DIST_POINT) * p) const noexcept { sk_DIST_POINT_pop_free(p, DIST_POINT_free); }
+};
+template <>
+struct Deleter<STACK_OF(OPENSSL_STRING)> {  // as X509_get1_ocsp gives it
+  void operator()(STACK_OF(OPENSSL_STRING) * p) const noexcept { X509_email_free(p); }
 };
 
 template <typename T>

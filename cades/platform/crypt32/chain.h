@@ -1,0 +1,194 @@
+// The certificate chain engine of crypt32: CertGetCertificateChain and its
+// records, with the platform's names, values and x64 layouts.  Trust anchors
+// are the Root stores of both locations, intermediates come from the CA
+// stores, the additional store and the certificate's own store; revocation
+// is checked as the flags ask (see docs/revocation.md).
+#pragma once
+
+#include "crypt32/cert.h"
+#include "kernel32/kernel32.h"  // FILETIME
+#include "wincrypt_types.h"
+
+using HCERTCHAINENGINE = void*;
+#define HCCE_CURRENT_USER ((HCERTCHAINENGINE) nullptr)
+#define HCCE_LOCAL_MACHINE ((HCERTCHAINENGINE)0x1)
+
+struct CERT_ENHKEY_USAGE {
+  DWORD cUsageIdentifier;
+  LPSTR* rgpszUsageIdentifier;
+};
+using PCERT_ENHKEY_USAGE = CERT_ENHKEY_USAGE*;
+
+constexpr DWORD USAGE_MATCH_TYPE_AND = 0;
+constexpr DWORD USAGE_MATCH_TYPE_OR = 1;
+
+struct CERT_USAGE_MATCH {
+  DWORD dwType;
+  CERT_ENHKEY_USAGE Usage;
+};
+
+// The record without the optional fields behind RequestedUsage; a larger
+// cbSize is accepted and those fields are not read.
+struct CERT_CHAIN_PARA {
+  DWORD cbSize;
+  CERT_USAGE_MATCH RequestedUsage;
+};
+using PCERT_CHAIN_PARA = CERT_CHAIN_PARA*;
+
+struct CERT_TRUST_STATUS {
+  DWORD dwErrorStatus;
+  DWORD dwInfoStatus;
+};
+
+struct CERT_REVOCATION_CRL_INFO;
+using PCERT_REVOCATION_CRL_INFO = CERT_REVOCATION_CRL_INFO*;
+
+struct CERT_REVOCATION_INFO {
+  DWORD cbSize;
+  DWORD dwRevocationResult;  // 0, CRYPT_E_REVOKED, CRYPT_E_NO_REVOCATION_CHECK, CRYPT_E_REVOCATION_OFFLINE
+  LPCSTR pszRevocationOid;
+  LPVOID pvOidSpecificInfo;
+  BOOL fHasFreshnessTime;
+  DWORD dwFreshnessTime;  // seconds since the source was issued
+  PCERT_REVOCATION_CRL_INFO pCrlInfo;
+};
+using PCERT_REVOCATION_INFO = CERT_REVOCATION_INFO*;
+
+struct CERT_CHAIN_ELEMENT {
+  DWORD cbSize;
+  PCCERT_CONTEXT pCertContext;
+  CERT_TRUST_STATUS TrustStatus;
+  PCERT_REVOCATION_INFO pRevocationInfo;
+  PCERT_ENHKEY_USAGE pIssuanceUsage;
+  PCERT_ENHKEY_USAGE pApplicationUsage;
+  LPCWSTR pwszExtendedErrorInfo;
+};
+using PCERT_CHAIN_ELEMENT = CERT_CHAIN_ELEMENT*;
+
+struct CERT_TRUST_LIST_INFO;
+using PCERT_TRUST_LIST_INFO = CERT_TRUST_LIST_INFO*;
+
+struct CERT_SIMPLE_CHAIN {
+  DWORD cbSize;
+  CERT_TRUST_STATUS TrustStatus;
+  DWORD cElement;
+  PCERT_CHAIN_ELEMENT* rgpElement;
+  PCERT_TRUST_LIST_INFO pTrustListInfo;
+  BOOL fHasRevocationFreshnessTime;
+  DWORD dwRevocationFreshnessTime;
+};
+using PCERT_SIMPLE_CHAIN = CERT_SIMPLE_CHAIN*;
+
+struct GUID {
+  DWORD Data1;
+  WORD Data2;
+  WORD Data3;
+  BYTE Data4[8];
+};
+
+struct CERT_CHAIN_CONTEXT;
+using PCCERT_CHAIN_CONTEXT = const CERT_CHAIN_CONTEXT*;
+
+struct CERT_CHAIN_CONTEXT {
+  DWORD cbSize;
+  CERT_TRUST_STATUS TrustStatus;
+  DWORD cChain;
+  PCERT_SIMPLE_CHAIN* rgpChain;
+  DWORD cLowerQualityChainContext;
+  PCCERT_CHAIN_CONTEXT* rgpLowerQualityChainContext;
+  BOOL fHasRevocationFreshnessTime;
+  DWORD dwRevocationFreshnessTime;
+  DWORD dwCreateFlags;
+  GUID ChainId;
+};
+using PCERT_CHAIN_CONTEXT = CERT_CHAIN_CONTEXT*;
+
+static_assert(sizeof(CERT_ENHKEY_USAGE) == 16);
+static_assert(sizeof(CERT_USAGE_MATCH) == 24);
+static_assert(sizeof(CERT_CHAIN_PARA) == 32);
+static_assert(sizeof(CERT_TRUST_STATUS) == 8);
+static_assert(sizeof(CERT_REVOCATION_INFO) == 40);
+static_assert(sizeof(CERT_CHAIN_ELEMENT) == 56);
+static_assert(sizeof(CERT_SIMPLE_CHAIN) == 40);
+static_assert(sizeof(CERT_CHAIN_CONTEXT) == 72);
+
+// Error status bits of CERT_TRUST_STATUS.
+constexpr DWORD CERT_TRUST_NO_ERROR = 0x00000000;
+constexpr DWORD CERT_TRUST_IS_NOT_TIME_VALID = 0x00000001;
+constexpr DWORD CERT_TRUST_IS_NOT_TIME_NESTED = 0x00000002;
+constexpr DWORD CERT_TRUST_IS_REVOKED = 0x00000004;
+constexpr DWORD CERT_TRUST_IS_NOT_SIGNATURE_VALID = 0x00000008;
+constexpr DWORD CERT_TRUST_IS_NOT_VALID_FOR_USAGE = 0x00000010;
+constexpr DWORD CERT_TRUST_IS_UNTRUSTED_ROOT = 0x00000020;
+constexpr DWORD CERT_TRUST_REVOCATION_STATUS_UNKNOWN = 0x00000040;
+constexpr DWORD CERT_TRUST_IS_CYCLIC = 0x00000080;
+constexpr DWORD CERT_TRUST_INVALID_EXTENSION = 0x00000100;
+constexpr DWORD CERT_TRUST_INVALID_POLICY_CONSTRAINTS = 0x00000200;
+constexpr DWORD CERT_TRUST_INVALID_BASIC_CONSTRAINTS = 0x00000400;
+constexpr DWORD CERT_TRUST_INVALID_NAME_CONSTRAINTS = 0x00000800;
+constexpr DWORD CERT_TRUST_HAS_NOT_SUPPORTED_NAME_CONSTRAINT = 0x00001000;
+constexpr DWORD CERT_TRUST_HAS_NOT_DEFINED_NAME_CONSTRAINT = 0x00002000;
+constexpr DWORD CERT_TRUST_HAS_NOT_PERMITTED_NAME_CONSTRAINT = 0x00004000;
+constexpr DWORD CERT_TRUST_HAS_EXCLUDED_NAME_CONSTRAINT = 0x00008000;
+constexpr DWORD CERT_TRUST_IS_PARTIAL_CHAIN = 0x00010000;
+constexpr DWORD CERT_TRUST_CTL_IS_NOT_TIME_VALID = 0x00020000;
+constexpr DWORD CERT_TRUST_CTL_IS_NOT_SIGNATURE_VALID = 0x00040000;
+constexpr DWORD CERT_TRUST_CTL_IS_NOT_VALID_FOR_USAGE = 0x00080000;
+constexpr DWORD CERT_TRUST_HAS_WEAK_SIGNATURE = 0x00100000;
+constexpr DWORD CERT_TRUST_IS_OFFLINE_REVOCATION = 0x01000000;
+constexpr DWORD CERT_TRUST_NO_ISSUANCE_CHAIN_POLICY = 0x02000000;
+constexpr DWORD CERT_TRUST_IS_EXPLICIT_DISTRUST = 0x04000000;
+constexpr DWORD CERT_TRUST_HAS_NOT_SUPPORTED_CRITICAL_EXT = 0x08000000;
+
+// Info status bits of CERT_TRUST_STATUS.
+constexpr DWORD CERT_TRUST_HAS_EXACT_MATCH_ISSUER = 0x00000001;
+constexpr DWORD CERT_TRUST_HAS_KEY_MATCH_ISSUER = 0x00000002;
+constexpr DWORD CERT_TRUST_HAS_NAME_MATCH_ISSUER = 0x00000004;
+constexpr DWORD CERT_TRUST_IS_SELF_SIGNED = 0x00000008;
+constexpr DWORD CERT_TRUST_HAS_PREFERRED_ISSUER = 0x00000100;
+constexpr DWORD CERT_TRUST_HAS_ISSUANCE_CHAIN_POLICY = 0x00000200;
+constexpr DWORD CERT_TRUST_HAS_VALID_NAME_CONSTRAINTS = 0x00000400;
+constexpr DWORD CERT_TRUST_IS_PEER_TRUSTED = 0x00000800;
+constexpr DWORD CERT_TRUST_HAS_CRL_VALIDITY_EXTENDED = 0x00001000;
+constexpr DWORD CERT_TRUST_IS_FROM_EXCLUSIVE_TRUST_STORE = 0x00002000;
+constexpr DWORD CERT_TRUST_IS_CA_TRUSTED = 0x00004000;
+constexpr DWORD CERT_TRUST_IS_COMPLEX_CHAIN = 0x00010000;
+
+// dwFlags of CertGetCertificateChain.
+constexpr DWORD CERT_CHAIN_CACHE_END_CERT = 0x00000001;
+constexpr DWORD CERT_CHAIN_THREAD_STORE_SYNC = 0x00000002;
+constexpr DWORD CERT_CHAIN_CACHE_ONLY_URL_RETRIEVAL = 0x00000004;
+constexpr DWORD CERT_CHAIN_USE_LOCAL_MACHINE_STORE = 0x00000008;
+constexpr DWORD CERT_CHAIN_ENABLE_CACHE_AUTO_UPDATE = 0x00000010;
+constexpr DWORD CERT_CHAIN_ENABLE_SHARE_STORE = 0x00000020;
+constexpr DWORD CERT_CHAIN_DISABLE_AUTH_ROOT_AUTO_UPDATE = 0x00000100;
+constexpr DWORD CERT_CHAIN_DISABLE_PASS1_QUALITY_FILTERING = 0x00000040;
+constexpr DWORD CERT_CHAIN_RETURN_LOWER_QUALITY_CONTEXTS = 0x00000080;
+constexpr DWORD CERT_CHAIN_TIMESTAMP_TIME = 0x00000200;
+constexpr DWORD CERT_CHAIN_ENABLE_PEER_TRUST = 0x00000400;
+constexpr DWORD CERT_CHAIN_DISABLE_MY_PEER_TRUST = 0x00000800;
+constexpr DWORD CERT_CHAIN_REVOCATION_CHECK_OCSP_CERT = 0x04000000;
+constexpr DWORD CERT_CHAIN_REVOCATION_ACCUMULATIVE_TIMEOUT = 0x08000000;
+constexpr DWORD CERT_CHAIN_REVOCATION_CHECK_END_CERT = 0x10000000;
+constexpr DWORD CERT_CHAIN_REVOCATION_CHECK_CHAIN = 0x20000000;
+constexpr DWORD CERT_CHAIN_REVOCATION_CHECK_CHAIN_EXCLUDE_ROOT = 0x40000000;
+constexpr DWORD CERT_CHAIN_REVOCATION_CHECK_CACHE_ONLY = 0x80000000;
+
+// Object identifiers of extended key usages the library may request.
+#define szOID_PKIX_KP_SERVER_AUTH "1.3.6.1.5.5.7.3.1"
+#define szOID_PKIX_KP_CLIENT_AUTH "1.3.6.1.5.5.7.3.2"
+#define szOID_PKIX_KP_CODE_SIGNING "1.3.6.1.5.5.7.3.3"
+#define szOID_PKIX_KP_EMAIL_PROTECTION "1.3.6.1.5.5.7.3.4"
+#define szOID_PKIX_KP_TIMESTAMP_SIGNING "1.3.6.1.5.5.7.3.8"
+#define szOID_PKIX_KP_OCSP_SIGNING "1.3.6.1.5.5.7.3.9"
+#define szOID_ANY_ENHANCED_KEY_USAGE "2.5.29.37.0"
+
+// Builds the chain of pCertContext at *pTime (now when null).  hChainEngine
+// null or HCCE_CURRENT_USER looks in both locations' stores, current user
+// first; HCCE_LOCAL_MACHINE (or CERT_CHAIN_USE_LOCAL_MACHINE_STORE) only in
+// the local machine's.  The context is freed by CertFreeCertificateChain.
+BOOL CertGetCertificateChain(HCERTCHAINENGINE hChainEngine, PCCERT_CONTEXT pCertContext, FILETIME* pTime,
+                             HCERTSTORE hAdditionalStore, PCERT_CHAIN_PARA pChainPara, DWORD dwFlags,
+                             LPVOID pvReserved, PCCERT_CHAIN_CONTEXT* ppChainContext);
+void CertFreeCertificateChain(PCCERT_CHAIN_CONTEXT pChainContext);
+PCCERT_CHAIN_CONTEXT CertDuplicateCertificateChain(PCCERT_CHAIN_CONTEXT pChainContext);

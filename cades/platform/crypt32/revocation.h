@@ -1,0 +1,58 @@
+// Revocation status of one certificate, given its issuer: CRLs the caller
+// found in stores, then what the process has cached, then the certificate's
+// own sources over HTTP (OCSP from authority information access, then CRL
+// distribution points).  Works on OpenSSL objects; the chain engine maps the
+// verdict to its status bits.  docs/revocation.md tells the order and rules.
+#pragma once
+
+#include <openssl/x509.h>
+
+#include <chrono>
+#include <ctime>
+#include <optional>
+#include <vector>
+
+#include "wincrypt_types.h"
+
+namespace bv::platform::revocation {
+
+enum class Verdict {
+  good,
+  revoked,
+  unknown,  // no source for this certificate at all
+  offline,  // it has sources, but none gave an answer that could be used
+};
+
+enum class Source { none, store_crl, cached_crl, downloaded_crl, cached_ocsp, ocsp };
+
+struct Result {
+  Verdict verdict = Verdict::unknown;
+  Source source = Source::none;
+  // 0, CRYPT_E_REVOKED, CRYPT_E_NO_REVOCATION_CHECK or CRYPT_E_REVOCATION_OFFLINE.
+  DWORD error = CRYPT_E_NO_REVOCATION_CHECK;
+  time_t this_update = 0;  // of the deciding CRL or response, 0 if none
+  int reason = -1;         // CRL reason code of a revocation, -1 if none given
+};
+
+using Clock = std::chrono::steady_clock;
+
+struct Options {
+  time_t at = 0;                              // the time the status is wanted for; 0: now
+  bool network = true;                        // false: stores and cache only
+  std::chrono::milliseconds timeout{15000};   // per request
+  std::optional<Clock::time_point> deadline;  // shared by all requests of one chain, if set
+  std::vector<X509_CRL*> store_crls;          // borrowed: the CRLs of the stores
+};
+
+// The status of `cert` issued by `issuer` (the same object for a
+// self-signed certificate).  Never fails: what can't be learnt is a verdict.
+Result check(X509* cert, X509* issuer, const Options& options);
+
+// The per-request time-out: BV_PLATFORM_URL_TIMEOUT_MS when set to a number
+// above 0, else 15 seconds.
+std::chrono::milliseconds default_timeout();
+
+// Forgets cached CRLs, OCSP answers and sources marked unreachable.
+void clear_cache();
+
+}  // namespace bv::platform::revocation
