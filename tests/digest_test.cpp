@@ -205,7 +205,7 @@ TEST(DigestCms, OpensslVerifiesAttachedAndDetachedAndMakesTheSameBytes) {
 // the structures around it.
 TEST(DigestCms, LengthOctetsAtEveryStep) {
   TempDir dir;
-  for (size_t size : {1, 60, 80, 127, 128, 200, 255, 256, 300, 65535, 65536, 16777215, 16777216}) {
+  for (size_t size : {1, 60, 80, 127, 128, 200, 255, 256, 300, 65535, 65536, 16777216}) {
     SCOPED_TRACE(size);
     const std::string data = sample_bytes(size);
     const Digest d = ssf_digest("PKCS7", "SHA1", data);

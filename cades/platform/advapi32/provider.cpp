@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <memory>
+#include <new>
 
 #include "kernel32/kernel32.h"
 #include "output_space.h"
@@ -34,6 +35,18 @@ constexpr HashAlgorithm kHashAlgorithms[] = {
     {CALG_MD5, NID_md5},
     {CALG_MD2, NID_md2},
 };
+
+// A platform call reports exhausted memory through the last error, as any
+// other failure, instead of throwing into its caller.
+template <typename Call>
+BOOL out_of_memory_as_error(Call&& call) {
+  try {
+    return call();
+  } catch (const std::bad_alloc&) {
+    SetLastError(NTE_NO_MEMORY);
+    return FALSE;
+  }
+}
 
 constexpr DWORD kKnownAcquireFlags = CRYPT_VERIFYCONTEXT | CRYPT_NEWKEYSET | CRYPT_DELETEKEYSET |
                                      CRYPT_MACHINE_KEYSET | CRYPT_SILENT;
@@ -148,10 +161,12 @@ BOOL CryptAcquireContextA(HCRYPTPROV* phProv, LPCSTR szContainer, LPCSTR szProvi
     SetLastError(NTE_PROV_DLL_NOT_FOUND);
     return FALSE;
   }
-  auto provider = std::make_unique<CryptProvider>();
-  provider->type = dwProvType;
-  *phProv = bv::platform::new_provider_handle(std::move(provider));
-  return TRUE;
+  return bv::platform::out_of_memory_as_error([&] {
+    auto provider = std::make_unique<CryptProvider>();
+    provider->type = dwProvType;
+    *phProv = bv::platform::new_provider_handle(std::move(provider));
+    return TRUE;
+  });
 }
 
 BOOL CryptReleaseContext(HCRYPTPROV hProv, DWORD dwFlags) {
@@ -193,16 +208,18 @@ BOOL CryptCreateHash(HCRYPTPROV hProv, ALG_ID Algid, HCRYPTKEY hKey, DWORD dwFla
     SetLastError(NTE_BAD_ALGID);
     return FALSE;
   }
-  auto hash = std::make_unique<CryptHash>();
-  hash->algid = Algid;
-  hash->context.reset(EVP_MD_CTX_new());
-  if (hash->context == nullptr) return bv::ossl::fail(NTE_NO_MEMORY);
-  // OpenSSL without the algorithm (MD2 in a default OpenSSL 3) fails here.
-  if (EVP_DigestInit_ex(hash->context.get(), md, nullptr) != 1) return bv::ossl::fail(NTE_BAD_ALGID);
-  if (!bv::platform::add_provider_reference(hProv)) return FALSE;
-  hash->provider = hProv;
-  *phHash = reinterpret_cast<HCRYPTHASH>(hash.release());
-  return TRUE;
+  return bv::platform::out_of_memory_as_error([&]() -> BOOL {
+    auto hash = std::make_unique<CryptHash>();
+    hash->algid = Algid;
+    hash->context.reset(EVP_MD_CTX_new());
+    if (hash->context == nullptr) return bv::ossl::fail(NTE_NO_MEMORY);
+    // OpenSSL without the algorithm (MD2 in a default OpenSSL 3) fails here.
+    if (EVP_DigestInit_ex(hash->context.get(), md, nullptr) != 1) return bv::ossl::fail(NTE_BAD_ALGID);
+    if (!bv::platform::add_provider_reference(hProv)) return FALSE;
+    hash->provider = hProv;
+    *phHash = reinterpret_cast<HCRYPTHASH>(hash.release());
+    return TRUE;
+  });
 }
 
 BOOL CryptHashData(HCRYPTHASH hHash, const BYTE* pbData, DWORD dwDataLen, DWORD dwFlags) {
@@ -246,11 +263,13 @@ BOOL CryptGetHashParam(HCRYPTHASH hHash, DWORD dwParam, BYTE* pbData, DWORD* pdw
         const DWORD size = static_cast<DWORD>(EVP_MD_CTX_get_size(hash->context.get()));
         return bv::platform::copy_output(nullptr, size, nullptr, pdwDataLen) ? TRUE : FALSE;
       }
-      const std::vector<BYTE>* value = bv::platform::finish_hash(*hash);
-      if (value == nullptr) return FALSE;
-      return bv::platform::copy_output(value->data(), static_cast<DWORD>(value->size()), pbData, pdwDataLen)
-                 ? TRUE
-                 : FALSE;
+      return bv::platform::out_of_memory_as_error([&]() -> BOOL {
+        const std::vector<BYTE>* value = bv::platform::finish_hash(*hash);
+        if (value == nullptr) return FALSE;
+        return bv::platform::copy_output(value->data(), static_cast<DWORD>(value->size()), pbData, pdwDataLen)
+                   ? TRUE
+                   : FALSE;
+      });
     }
     default:
       SetLastError(NTE_BAD_TYPE);

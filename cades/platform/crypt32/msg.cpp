@@ -1,8 +1,23 @@
 #include "crypt32/msg.h"
 
+#include <new>
+
 #include "kernel32/kernel32.h"
 
 namespace bv::platform {
+namespace {
+// A platform call reports exhausted memory through the last error, as any
+// other failure, instead of throwing into its caller.
+template <typename Call>
+auto out_of_memory_as_error(Call&& call, decltype(call()) failed) -> decltype(call()) {
+  try {
+    return call();
+  } catch (const std::bad_alloc&) {
+    SetLastError(static_cast<DWORD>(E_OUTOFMEMORY));
+    return failed;
+  }
+}
+}  // namespace
 
 bool MessageKind::control(DWORD, DWORD, const void*) {
   SetLastError(CRYPT_E_CONTROL_TYPE);
@@ -38,26 +53,29 @@ HCRYPTMSG CryptMsgOpenToEncode(DWORD dwMsgEncodingType, DWORD dwFlags, DWORD dwM
     SetLastError(ERROR_NOT_SUPPORTED);
     return nullptr;
   }
-  std::unique_ptr<bv::platform::MessageKind> kind;
-  switch (dwMsgType) {
-    case CMSG_HASHED:
-      kind = bv::platform::open_hashed_encoder(
-          dwFlags, *static_cast<const CMSG_HASHED_ENCODE_INFO*>(pvMsgEncodeInfo), pszInnerContentObjID);
-      break;
-    case CMSG_SIGNED:
-      kind = bv::platform::open_signed_encoder(
-          dwFlags, *static_cast<const CMSG_SIGNED_ENCODE_INFO*>(pvMsgEncodeInfo), pszInnerContentObjID);
-      break;
-    default:
-      SetLastError(CRYPT_E_INVALID_MSG_TYPE);
-      return nullptr;
-  }
-  if (kind == nullptr) return nullptr;
-  auto message = std::make_unique<CryptMsg>();
-  message->encoding_type = dwMsgEncodingType;
-  message->flags = dwFlags;
-  message->kind = std::move(kind);
-  return message.release();
+  return bv::platform::out_of_memory_as_error([&]() -> HCRYPTMSG {
+    std::unique_ptr<bv::platform::MessageKind> kind;
+    switch (dwMsgType) {
+      case CMSG_HASHED:
+        kind = bv::platform::open_hashed_encoder(
+            dwFlags, *static_cast<const CMSG_HASHED_ENCODE_INFO*>(pvMsgEncodeInfo), pszInnerContentObjID);
+        break;
+      case CMSG_SIGNED:
+        kind = bv::platform::open_signed_encoder(
+            dwFlags, *static_cast<const CMSG_SIGNED_ENCODE_INFO*>(pvMsgEncodeInfo), pszInnerContentObjID);
+        break;
+      default:
+        SetLastError(CRYPT_E_INVALID_MSG_TYPE);
+        return nullptr;
+    }
+    if (kind == nullptr) return nullptr;
+    auto message = std::make_unique<CryptMsg>();
+    message->encoding_type = dwMsgEncodingType;
+    message->flags = dwFlags;
+    message->kind = std::move(kind);
+    return message.release();
+  },
+  nullptr);
 }
 
 BOOL CryptMsgUpdate(HCRYPTMSG hCryptMsg, const BYTE* pbData, DWORD cbData, BOOL fFinal) {
@@ -67,7 +85,8 @@ BOOL CryptMsgUpdate(HCRYPTMSG hCryptMsg, const BYTE* pbData, DWORD cbData, BOOL 
     SetLastError(static_cast<DWORD>(E_INVALIDARG));
     return FALSE;
   }
-  return message->kind->update(pbData, cbData, fFinal != FALSE) ? TRUE : FALSE;
+  return bv::platform::out_of_memory_as_error(
+      [&]() -> BOOL { return message->kind->update(pbData, cbData, fFinal != FALSE) ? TRUE : FALSE; }, FALSE);
 }
 
 BOOL CryptMsgGetParam(HCRYPTMSG hCryptMsg, DWORD dwParamType, DWORD dwIndex, void* pvData, DWORD* pcbData) {
@@ -77,13 +96,16 @@ BOOL CryptMsgGetParam(HCRYPTMSG hCryptMsg, DWORD dwParamType, DWORD dwIndex, voi
     SetLastError(static_cast<DWORD>(E_INVALIDARG));
     return FALSE;
   }
-  return message->kind->get_param(dwParamType, dwIndex, pvData, pcbData) ? TRUE : FALSE;
+  return bv::platform::out_of_memory_as_error(
+      [&]() -> BOOL { return message->kind->get_param(dwParamType, dwIndex, pvData, pcbData) ? TRUE : FALSE; },
+      FALSE);
 }
 
 BOOL CryptMsgControl(HCRYPTMSG hCryptMsg, DWORD dwFlags, DWORD dwCtrlType, const void* pvCtrlPara) {
   CryptMsg* message = bv::platform::message_from_handle(hCryptMsg);
   if (message == nullptr) return FALSE;
-  return message->kind->control(dwFlags, dwCtrlType, pvCtrlPara) ? TRUE : FALSE;
+  return bv::platform::out_of_memory_as_error(
+      [&]() -> BOOL { return message->kind->control(dwFlags, dwCtrlType, pvCtrlPara) ? TRUE : FALSE; }, FALSE);
 }
 
 BOOL CryptMsgClose(HCRYPTMSG hCryptMsg) {
