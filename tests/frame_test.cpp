@@ -191,12 +191,6 @@ TEST(Guarded, EachClauseEndsWithItsCodeAndLines) {
   }
 }
 
-TEST(Guarded, TheBodysAnswerPassesThrough) {
-  CoreTrace trace;
-  EXPECT_EQ(bv::frame::guarded("SsfSign", nullptr, [] { return SSF_ERR_SIGNER; }), SSF_ERR_SIGNER);
-  EXPECT_TRUE(trace.messages().empty());
-}
-
 TEST(Licence, TheShippedGateGrantsAndARefusalEndsIn13) {
   CoreTrace trace;
   EXPECT_EQ(bv::frame::guarded("SsfSign", nullptr, [] { return static_cast<SSF_RC>(SSFAPICheckLicense()); }), SSF_OK);

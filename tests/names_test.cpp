@@ -238,27 +238,28 @@ TEST(EncodeDecode, TheLoadedLibraryTracesARawNameAsAWarningAndASuccess) {
             (std::vector<std::string>{kStart, "#warn# Unknown format name ('RAW_GOST_INVERTED').\n", kSuccess}));
 }
 
-TEST(EncodeDecode, TraceLinesOfARawNameAndAFailure) {
+TEST(EncodeDecode, RefusalsNameTheirCause) {
   CoreTrace trace;
   const unsigned char input[] = {7};
   unsigned char* output = nullptr;
   uint32_t length = 0;
-  ASSERT_EQ(SsfEncode("RAW_GOST", 8, input, 1, &output, &length), SSF_OK);
-  std::free(output);
-  EXPECT_EQ(trace.messages(),
-            (std::vector<std::string>{kStart, "#warn# Unknown format name ('RAW_GOST').\n", kSuccess}));
-
-  trace.clear();
-  EXPECT_EQ(SsfDecode("PKCS7", 5, input, 0, &output, &length), SSF_ERR_INPUT);
-  EXPECT_EQ(trace.messages(), (std::vector<std::string>{kStart, "#error#: ostrEncodedDataL <= 0\n", kFailure}));
-
-  trace.clear();
-  EXPECT_EQ(SsfEncode("PKCS7", 5, input, 0, &output, &length), SSF_ERR_INPUT);
-  EXPECT_EQ(trace.messages(), (std::vector<std::string>{kStart, "#error#: ostrInputDataL <= 0\n", kFailure}));
-
-  trace.clear();
-  EXPECT_EQ(SsfEncode("BAD", 3, input, 1, &output, &length), SSF_ERR_FORMAT);
-  EXPECT_EQ(trace.messages(), (std::vector<std::string>{kStart, "#warn# Unknown format name ('BAD').\n", kFailure}));
+  const struct {
+    Convert convert;
+    const char* format;
+    int32_t format_length;
+    int32_t input_length;
+    const char* cause;
+  } cases[] = {
+      {SsfDecode, "PKCS7", 5, 0, "#error#: ostrEncodedDataL <= 0\n"},
+      {SsfEncode, "PKCS7", 5, 0, "#error#: ostrInputDataL <= 0\n"},
+      {SsfEncode, "BAD", 3, 1, "#warn# Unknown format name ('BAD').\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.cause);
+    trace.clear();
+    EXPECT_NE(c.convert(c.format, c.format_length, input, c.input_length, &output, &length), SSF_OK);
+    EXPECT_EQ(trace.messages(), (std::vector<std::string>{kStart, c.cause, kFailure}));
+  }
 }
 
 }  // namespace

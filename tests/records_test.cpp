@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cstring>
 #include <string>
 
@@ -13,26 +12,30 @@
 // must be blanks by the time the library frees it.  Every free of this
 // program, the library's included, passes through here.
 namespace wipe_watch {
-std::atomic<void*> watched{nullptr};
+void* watched = nullptr;  // read and written with atomic builtins only
 size_t watched_length = 0;
 char seen[256];
-std::atomic<bool> seen_any{false};
+bool seen_any = false;
 }  // namespace wipe_watch
 
-extern "C" void free(void* block) {
+// Runs before the sanitizers' runtime is set up, so it is not instrumented
+// and uses builtins only.
+extern "C" __attribute__((no_sanitize("address", "undefined"))) void free(void* block) {
   using FreeFn = void (*)(void*);
-  static std::atomic<FreeFn> next{nullptr};
-  static std::atomic<bool> resolving{false};
-  if (block != nullptr && block == wipe_watch::watched.load()) {
-    std::memcpy(wipe_watch::seen, block, wipe_watch::watched_length);
-    wipe_watch::seen_any = true;
-    wipe_watch::watched = nullptr;
+  static FreeFn next = nullptr;
+  static bool resolving = false;
+  if (block != nullptr && block == __atomic_load_n(&wipe_watch::watched, __ATOMIC_SEQ_CST)) {
+    __builtin_memcpy(wipe_watch::seen, block, wipe_watch::watched_length);
+    __atomic_store_n(&wipe_watch::seen_any, true, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&wipe_watch::watched, nullptr, __ATOMIC_SEQ_CST);
   }
-  if (next.load() == nullptr) {
-    if (resolving.exchange(true)) return;  // a free inside the lookup itself is left alone
-    next = reinterpret_cast<FreeFn>(dlsym(RTLD_NEXT, "free"));
+  FreeFn forward = __atomic_load_n(&next, __ATOMIC_ACQUIRE);
+  if (forward == nullptr) {
+    if (__atomic_exchange_n(&resolving, true, __ATOMIC_SEQ_CST)) return;  // a free inside the lookup itself
+    forward = reinterpret_cast<FreeFn>(dlsym(RTLD_NEXT, "free"));
+    __atomic_store_n(&next, forward, __ATOMIC_RELEASE);
   }
-  next.load()(block);
+  forward(block);
 }
 
 namespace {
@@ -118,7 +121,7 @@ TEST(DeleteRecord, WipesThePasswordWithBlanksAndNullsThePointer) {
     SsfInfo* info = make("CN=Signer", "My", pin);
     wipe_watch::seen_any = false;
     wipe_watch::watched_length = pin.size();
-    wipe_watch::watched = info->Password;
+    __atomic_store_n(&wipe_watch::watched, static_cast<void*>(info->Password), __ATOMIC_SEQ_CST);
     if (as_list) {
       SsfInfoNode* list = nullptr;
       ASSERT_EQ(api().SsfINSSigRcpSsfInfo(info, &list), SSF_OK);
@@ -130,7 +133,7 @@ TEST(DeleteRecord, WipesThePasswordWithBlanksAndNullsThePointer) {
       EXPECT_EQ(info, nullptr);
       EXPECT_EQ(api().SsfDELSigRcpSsfInfo(&info), SSF_REC_NULL_INFO);
     }
-    ASSERT_TRUE(wipe_watch::seen_any.load());
+    ASSERT_TRUE(__atomic_load_n(&wipe_watch::seen_any, __ATOMIC_SEQ_CST));
     EXPECT_EQ(std::string(wipe_watch::seen, pin.size()), std::string(pin.size(), ' '));
   }
 }

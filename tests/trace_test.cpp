@@ -103,12 +103,6 @@ TEST_F(TraceLine, AllOptionsOnGiveEveryPart) {
   EXPECT_EQ(raw.substr(22), expected);
 }
 
-TEST_F(TraceLine, SiteTextKeepsANameWithoutBackslash) {
-  const TraceSite site("check_ssf_format", "bvsapssf", 5);
-  EXPECT_EQ(std::string(site.text), "{" + std::to_string(syscall(SYS_gettid)) + "} /check_ssf_format/ bvsapssf");
-  EXPECT_EQ(site.line, 5u);
-}
-
 TEST_F(TraceLine, LongLinesAreCutAt1023Characters) {
   CoreTrace trace;
   for (const bool file_and_line : {false, true}) {

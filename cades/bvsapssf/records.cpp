@@ -62,6 +62,39 @@ constexpr size_t kEntryFrameSize = 53;
 constexpr size_t kRecordBaseSize = 94;
 constexpr size_t kFieldFrameSize = 25;
 
+// The text of one record; the list print calls it directly rather than
+// through the export, which a host's own symbol of that name could shadow.
+SSF_RC print_record(const SsfInfo* info, char** text, uint32_t* textL) {
+  if (info == nullptr) return SSF_REC_NULL_INFO;
+
+  // 94 bytes for the frame and the longest result name, 25 more per field
+  // beside the field's own bytes.
+  size_t size = kRecordBaseSize;
+  if (info->strSigRcpIdL > 0) size += kFieldFrameSize + static_cast<size_t>(info->strSigRcpIdL);
+  if (info->ReservedL > 0) size += kFieldFrameSize + static_cast<size_t>(info->ReservedL);
+  if (info->ProfileL > 0) size += kFieldFrameSize + static_cast<size_t>(info->ProfileL);
+  char* block = static_cast<char*>(std::malloc(size));
+  if (block == nullptr) return SSF_REC_NOMEMORY;
+
+  // %.*s stops at a NUL inside the bytes; the number stays the full length.
+  size_t used = 0;
+  block[0] = '\0';
+  append(block, size, &used, "Signer/Recipient Security Information :\n");
+  if (info->strSigRcpIdL > 0)
+    append(block, size, &used, "Id        : %.*s (%d)\n", info->strSigRcpIdL, info->strSigRcpId, info->strSigRcpIdL);
+  if (info->ReservedL > 0)
+    append(block, size, &used, "Reserved  : %.*s (%d)\n", info->ReservedL, info->Reserved, info->ReservedL);
+  if (info->ProfileL > 0)
+    append(block, size, &used, "Profile   : %.*s (%d)\n", info->ProfileL, info->Profile, info->ProfileL);
+  append(block, size, &used, "\n\nSigner/Recipient Result : ");
+  append(block, size, &used, "%s", result_name(info->Result));
+  append(block, size, &used, "\n\n");
+
+  *text = block;
+  *textL = static_cast<uint32_t>(used);
+  return SSF_OK;
+}
+
 }  // namespace
 
 extern "C" {
@@ -157,36 +190,7 @@ SSF_RC SsfDELSigRcpSsfInfoList(SsfInfoNode** list) {
   return SSF_OK;
 }
 
-SSF_RC SsfPRISigRcpSsfInfo(SsfInfo* info, char** text, uint32_t* textL) {
-  if (info == nullptr) return SSF_REC_NULL_INFO;
-
-  // 94 bytes for the frame and the longest result name, 25 more per field
-  // beside the field's own bytes.
-  size_t size = kRecordBaseSize;
-  if (info->strSigRcpIdL > 0) size += kFieldFrameSize + static_cast<size_t>(info->strSigRcpIdL);
-  if (info->ReservedL > 0) size += kFieldFrameSize + static_cast<size_t>(info->ReservedL);
-  if (info->ProfileL > 0) size += kFieldFrameSize + static_cast<size_t>(info->ProfileL);
-  char* block = static_cast<char*>(std::malloc(size));
-  if (block == nullptr) return SSF_REC_NOMEMORY;
-
-  // %.*s stops at a NUL inside the bytes; the number stays the full length.
-  size_t used = 0;
-  block[0] = '\0';
-  append(block, size, &used, "Signer/Recipient Security Information :\n");
-  if (info->strSigRcpIdL > 0)
-    append(block, size, &used, "Id        : %.*s (%d)\n", info->strSigRcpIdL, info->strSigRcpId, info->strSigRcpIdL);
-  if (info->ReservedL > 0)
-    append(block, size, &used, "Reserved  : %.*s (%d)\n", info->ReservedL, info->Reserved, info->ReservedL);
-  if (info->ProfileL > 0)
-    append(block, size, &used, "Profile   : %.*s (%d)\n", info->ProfileL, info->Profile, info->ProfileL);
-  append(block, size, &used, "\n\nSigner/Recipient Result : ");
-  append(block, size, &used, "%s", result_name(info->Result));
-  append(block, size, &used, "\n\n");
-
-  *text = block;
-  *textL = static_cast<uint32_t>(used);
-  return SSF_OK;
-}
+SSF_RC SsfPRISigRcpSsfInfo(SsfInfo* info, char** text, uint32_t* textL) { return print_record(info, text, textL); }
 
 SSF_RC SsfPRISigRcpSsfInfoList(SsfInfoNode* list, char** text, uint32_t* textL) {
   if (list == nullptr) return SSF_REC_NULL_LIST;
@@ -204,7 +208,7 @@ SSF_RC SsfPRISigRcpSsfInfoList(SsfInfoNode* list, char** text, uint32_t* textL) 
     // A node without a record ends the whole print with its code.
     char* entry = nullptr;
     uint32_t entryL = 0;
-    const SSF_RC rc = SsfPRISigRcpSsfInfo(node->info, &entry, &entryL);
+    const SSF_RC rc = print_record(node->info, &entry, &entryL);
     if (rc != SSF_OK) {
       std::free(block);
       return rc;
