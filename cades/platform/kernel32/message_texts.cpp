@@ -34,6 +34,7 @@ constexpr MessageText kSystemTexts[] = {
     {267, "The directory name is invalid.\r\n"},
     {1004, "Invalid flags.\r\n"},
     {1008, "An attempt was made to reference a token that does not exist.\r\n"},
+    {1113, "No mapping for the Unicode character exists in the target multi-byte code page.\r\n"},
     {1168, "Element not found.\r\n"},
     {1359, "An internal error occurred.\r\n"},
     {0x8000FFFF, "Catastrophic failure\r\n"},
