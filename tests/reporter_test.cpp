@@ -79,13 +79,14 @@ TEST(ReportError, CatalogueCodesPrintTheirRow) {
 }
 
 TEST(ReportError, PrintsUnderPrintStringAtLevel2) {
-  const bv::trace::ProcessSettings saved = bv::trace::read_process();
-  bv::trace::ProcessSettings process = saved;
-  process.file_name_and_line_no = true;
-  bv::trace::write_process(process);
   {
     CoreTrace trace(TRACE_NORMAL);
+    bv::trace::ProcessSettings process = bv::trace::read_process();
+    process.file_name_and_line_no = true;
+    bv::trace::write_process(process);
     ReportError("x", 1, 502);
+    process.file_name_and_line_no = false;
+    bv::trace::write_process(process);
     const auto lines = trace.messages();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_NE(lines[0].find("/PrintString/ bvsapssf("), std::string::npos) << lines[0];
@@ -95,7 +96,6 @@ TEST(ReportError, PrintsUnderPrintStringAtLevel2) {
     ReportError("x", 1, 502);
     EXPECT_TRUE(trace.messages().empty()) << trace.dump();
   }
-  bv::trace::write_process(saved);
 }
 
 struct LastErrorCase {
