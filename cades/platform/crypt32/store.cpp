@@ -11,7 +11,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <map>
 
@@ -19,6 +18,7 @@
 #include "crypt32/keys.h"
 #include "crypt32/store.h"
 #include "kernel32/kernel32.h"
+#include "shell32/shell32.h"
 
 namespace bv::platform {
 
@@ -86,23 +86,10 @@ PCCERT_CONTEXT handed_out(CertElement* element) {
 // ---------------------------------------------------------------------------
 // Folders and the cache of their contents
 
-std::string env_or_empty(const char* name) {
-  const char* value = std::getenv(name);
-  return value == nullptr ? std::string() : std::string(value);
-}
-
-std::string local_appdata() {
-  std::string folder = env_or_empty("BV_PLATFORM_LOCAL_APPDATA");
-  if (!folder.empty()) return folder;
-  folder = env_or_empty("XDG_DATA_HOME");
-  if (!folder.empty()) return folder;
-  const std::string home = env_or_empty("HOME");
-  return home.empty() ? std::string() : home + "/.local/share";
-}
-
-std::string common_appdata() {
-  std::string folder = env_or_empty("BV_PLATFORM_COMMON_APPDATA");
-  return folder.empty() ? std::string("/var/opt") : folder;
+// Folder 28 (the user's) or 35 (the machine's), as the shell gives them.
+std::string special_folder(int csidl) {
+  char path[MAX_PATH] = {};
+  return SHGetFolderPathA(nullptr, csidl, nullptr, SHGFP_TYPE_CURRENT, path) == S_OK ? std::string(path) : std::string();
 }
 
 bool make_folders(const std::string& path) {
@@ -421,9 +408,9 @@ bool effective_key_prov_info(CertElement& element, KeyProvInfo& out) {
 std::string system_store_root(DWORD location) {
   std::string base;
   if (location == CERT_SYSTEM_STORE_CURRENT_USER) {
-    base = local_appdata();
+    base = special_folder(CSIDL_LOCAL_APPDATA);
   } else if (location == CERT_SYSTEM_STORE_LOCAL_MACHINE) {
-    base = common_appdata();
+    base = special_folder(CSIDL_COMMON_APPDATA);
   }
   if (base.empty()) return {};
   while (base.size() > 1 && base.back() == '/') base.pop_back();
