@@ -462,16 +462,4 @@ TEST_F(HashedMessage, RefusedOpens) {
   EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
 }
 
-TEST_F(HashedMessage, OtherInnerContentTypeGivesVersionTwoThatOpensslReads) {
-  TempDir dir;
-  char inner[] = "1.2.840.113549.1.7.2";
-  bv::platform::MessageHandle message(open(0, "1.3.14.3.2.26", inner));
-  ASSERT_TRUE(CryptMsgUpdate(message.get(), reinterpret_cast<const BYTE*>("inner"), 5, TRUE));
-  bv::test::write_file(dir / "m.der", content(message.get()));
-  const std::string printed =
-      bv::test::run_command("openssl cms -cmsout -print -inform DER -in " + dir / "m.der" + " 2>&1");
-  EXPECT_NE(printed.find("version: 2"), std::string::npos) << printed;
-  EXPECT_NE(printed.find("eContentType: pkcs7-signedData"), std::string::npos) << printed;
-}
-
 }  // namespace
