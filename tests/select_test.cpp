@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "chain_pki.h"
+#include "cryptui/cryptui.h"
 #include "cryptui/terminal.h"
 #include "host.h"
 #include "kernel32/kernel32.h"
@@ -176,7 +178,9 @@ TEST(AskPin, WithoutTerminalThroughTheHelperProgram) {
       }
     });
     EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
-    if (!c.body.empty()) EXPECT_EQ(bv::test::read_file(prompt_file), "PIN for \"key\": ");
+    if (!c.body.empty()) {
+      EXPECT_EQ(bv::test::read_file(prompt_file), "PIN for \"key\": ");
+    }
   }
 }
 
@@ -197,6 +201,142 @@ TEST(HelperProgram, ProgramThatIgnoresItsInputDoesNotKillTheHost) {
   std::string output;
   EXPECT_TRUE(bv::platform::run_helper_program("/bin/echo", "done", input, output));
   EXPECT_EQ(output, "done\n");
+}
+
+// ---------------------------------------------------------------- chooser
+
+std::string hex_hash(X509* cert) {
+  unsigned char md[20];
+  unsigned int length = 0;
+  X509_digest(cert, EVP_sha1(), md, &length);
+  static const char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  for (unsigned int i = 0; i < length; ++i) {
+    out += kHex[md[i] >> 4];
+    out += kHex[md[i] & 15];
+  }
+  return out;
+}
+
+std::string hash_of(PCCERT_CONTEXT context) {
+  return context == nullptr ? std::string("(none)") : hex_hash(bv::platform::certificate_x509(context));
+}
+
+// A memory store with three GOST certificates, as the library hands it over.
+class Chooser : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    key = bv::chaintest::gost_key();
+    for (int i = 1; i <= 3; ++i) {
+      certs.push_back(bv::chaintest::make_cert({.name = "Signer " + std::to_string(i), .serial = i}, key.get()));
+      const std::string der = bv::chaintest::der_of(certs.back().get());
+      ASSERT_TRUE(CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()),
+                                                   static_cast<DWORD>(der.size()), CERT_STORE_ADD_ALWAYS, nullptr));
+    }
+  }
+  void TearDown() override { CertCloseStore(store, 0); }
+
+  // Runs the chooser as the library calls it and checks what it returned.
+  void expect_choice(int expected_index, DWORD expected_error, DWORD hidden = CRYPTUI_SELECT_LOCATION_COLUMN) {
+    SetLastError(0);
+    PCCERT_CONTEXT chosen = CryptUIDlgSelectCertificateFromStore(store, nullptr, nullptr, nullptr, hidden, 0, nullptr);
+    if (expected_index < 0) {
+      EXPECT_EQ(chosen, nullptr);
+      EXPECT_EQ(GetLastError(), expected_error);
+    } else {
+      EXPECT_EQ(hash_of(chosen), hex_hash(certs[static_cast<size_t>(expected_index)].get()));
+    }
+    CertFreeCertificateContext(chosen);
+  }
+
+  bv::ossl::UniquePtr<EVP_PKEY> key;
+  std::vector<bv::ossl::UniquePtr<X509>> certs;
+  HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, CERT_STORE_CREATE_NEW_FLAG, nullptr);
+};
+
+TEST_F(Chooser, OnTheTerminal) {
+  const std::string prompt = "Number of the certificate";
+  std::string hash_with_blanks;
+  const std::string third = hex_hash(certs[2].get());
+  for (size_t i = 0; i < third.size(); i += 2) hash_with_blanks += (i ? " " : "") + third.substr(i, 2);
+  for (char& c : hash_with_blanks) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  struct Case {
+    const char* name;
+    std::vector<Exchange> script;
+    int index;
+    DWORD error;
+  };
+  const std::vector<Case> cases = {
+      {"by number", {{prompt, "2\r"}}, 1, 0},
+      {"by hash", {{prompt, hash_with_blanks + "\r"}}, 2, 0},
+      {"wrong, then right", {{prompt, "9\r"}, {"There is no certificate \"9\"", "1\r"}}, 0, 0},
+      {"Enter cancels", {{prompt, "\r"}}, -1, ERROR_CANCELLED},
+      {"Ctrl-C cancels", {{prompt, "\x03"}}, -1, ERROR_CANCELLED},
+      {"three wrong answers", {{prompt, "0\r"}, {"\"0\"", "x\r"}, {"\"x\"", "4\r"}}, -1, ERROR_CANCELLED},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const PtyRun run = run_on_pty(c.script, [&] { expect_choice(c.index, c.error); });
+    EXPECT_EQ(run.exit_code, 0) << run.screen;
+    for (const auto& cert : certs) EXPECT_NE(run.screen.find(hex_hash(cert.get())), std::string::npos);
+    EXPECT_NE(run.screen.find("CN=Signer 2"), std::string::npos) << run.screen;
+    EXPECT_NE(run.screen.find("Issuer: "), std::string::npos);
+    EXPECT_NE(run.screen.find("Valid:  "), std::string::npos);
+  }
+  // A left-out column stays out.
+  const PtyRun run = run_on_pty({{prompt, "3\r"}}, [&] { expect_choice(2, 0, CRYPTUI_SELECT_ISSUEDBY_COLUMN); });
+  EXPECT_EQ(run.screen.find("Issuer: "), std::string::npos) << run.screen;
+}
+
+TEST_F(Chooser, ThroughTheSelectProgram) {
+  TempDir dir;
+  const std::string list_file = dir / "list";
+  struct Case {
+    const char* name;
+    std::string body;  // of the program; empty: BV_PLATFORM_SELECT unset
+    int index;
+    DWORD error;
+  };
+  const std::string hash = hex_hash(certs[2].get());
+  const std::vector<Case> cases = {
+      {"number", "echo 2\n", 1, 0},
+      {"hash, lower case", "echo '" + hash + "' | tr A-F a-f\n", 2, 0},
+      {"number with blanks, more lines", "printf ' 1 \\nignored\\n'\n", 0, 0},
+      {"out of range", "echo 4\n", -1, ERROR_INVALID_DATA},
+      {"unknown hash", "echo 0123456789012345678901234567890123456789\n", -1, ERROR_INVALID_DATA},
+      {"empty answer", "true\n", -1, ERROR_CANCELLED},
+      {"refused", "echo 1; exit 2\n", -1, ERROR_CANCELLED},
+      {"no program", "", -1, ERROR_CANCELLED},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string program =
+        c.body.empty() ? "" : write_script(dir, "select", "cat > '" + list_file + "'\n" + c.body);
+    const auto child = bv::test::run_isolated({{"BV_PLATFORM_SELECT", program}}, [&] {
+      setsid();
+      expect_choice(c.index, c.error);
+    });
+    EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
+  }
+  // The list the program read: one certificate a line, tab-separated.
+  const std::string list = bv::test::read_file(list_file);
+  EXPECT_EQ(list.find("1\t" + hex_hash(certs[0].get()) + "\tCN=Signer 1, O=Chain Test\t"), 0u) << list;
+  EXPECT_NE(list.find("\n3\t" + hash + "\t"), std::string::npos) << list;
+}
+
+TEST_F(Chooser, EmptyStoreAsksNobody) {
+  HCERTSTORE empty = CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, CERT_STORE_CREATE_NEW_FLAG, nullptr);
+  TempDir dir;
+  const std::string marker = dir / "asked";
+  const std::string program = write_script(dir, "select", "touch '" + marker + "'; echo 1\n");
+  const auto child = bv::test::run_isolated({{"BV_PLATFORM_SELECT", program}}, [&] {
+    setsid();
+    EXPECT_EQ(CryptUIDlgSelectCertificateFromStore(empty, nullptr, nullptr, nullptr, 0, 0, nullptr), nullptr);
+    EXPECT_EQ(GetLastError(), CRYPT_E_NOT_FOUND);
+  });
+  EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
+  EXPECT_NE(access(marker.c_str(), F_OK), 0);
+  CertCloseStore(empty, 0);
 }
 
 }  // namespace

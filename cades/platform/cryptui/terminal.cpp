@@ -93,6 +93,7 @@ void wipe(std::string& text) {
 }  // namespace
 
 std::optional<Terminal> Terminal::open() {
+  std::unique_lock lock(g_terminal_mutex);
   const int fd = ::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
   // A process outside the terminal's foreground group would be stopped by
@@ -101,14 +102,14 @@ std::optional<Terminal> Terminal::open() {
     ::close(fd);
     return std::nullopt;
   }
-  return Terminal(fd);
+  return Terminal(fd, std::move(lock));
 }
 
 Terminal::~Terminal() {
   if (fd_ >= 0) ::close(fd_);
 }
 
-Terminal::Terminal(Terminal&& other) noexcept : fd_(other.fd_) { other.fd_ = -1; }
+Terminal::Terminal(Terminal&& other) noexcept : lock_(std::move(other.lock_)), fd_(other.fd_) { other.fd_ = -1; }
 
 void Terminal::write(const std::string& text) { write_all(fd_, text.data(), text.size()); }
 
@@ -240,13 +241,10 @@ bool run_helper_program(const std::string& program, const std::string& argument,
 
 bool ask_pin(const std::string& prompt, std::string& pin) {
   wipe(pin);
-  {
-    std::lock_guard lock(g_terminal_mutex);
-    if (auto terminal = Terminal::open()) {
-      if (terminal->read_line(prompt, /*secret=*/true, pin)) return true;
-      SetLastError(SCARD_W_CANCELLED_BY_USER);
-      return false;
-    }
+  if (auto terminal = Terminal::open()) {
+    if (terminal->read_line(prompt, /*secret=*/true, pin)) return true;
+    SetLastError(SCARD_W_CANCELLED_BY_USER);
+    return false;
   }
   const char* askpass = std::getenv("BV_PLATFORM_ASKPASS");
   if (askpass == nullptr || *askpass == '\0') {

@@ -3,6 +3,7 @@
 // names in the environment, else the answer is "cancelled".
 #pragma once
 
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -12,7 +13,8 @@ namespace bv::platform {
 
 // The process's controlling terminal (/dev/tty), opened only while the
 // process is in its foreground group, so that a background job never stops
-// on SIGTTIN.  One terminal conversation runs at a time in the process.
+// on SIGTTIN.  One terminal conversation runs at a time in the process: the
+// object holds the process's terminal lock while it lives.
 class Terminal {
  public:
   // Null when there is no usable terminal.
@@ -30,7 +32,8 @@ class Terminal {
   bool read_line(const std::string& prompt, bool secret, std::string& line);
 
  private:
-  explicit Terminal(int fd) : fd_(fd) {}
+  Terminal(int fd, std::unique_lock<std::mutex> lock) : lock_(std::move(lock)), fd_(fd) {}
+  std::unique_lock<std::mutex> lock_;
   int fd_ = -1;
 };
 
