@@ -66,6 +66,92 @@ void expect_message(const std::string& message, const std::string& data, bool de
 }
 
 
+TEST(SignMessages, AcceptedByOpenssl) {
+  const SigningWorld& w = SigningWorld::get();
+  const SignerSpec alice{"CN=Alice", "", "1111"}, bob{"CN=Bob", "", "2222"}, carol{"CN=Carol", "", ""};
+  struct Case {
+    std::string format;
+    std::vector<SignerSpec> signers;
+    bool certs, detached;
+    std::vector<std::string> digests;
+  };
+  const std::vector<Case> cases = {
+      {"PKCS7", {alice}, true, false, {kGost12_256}},
+      {"PKCS7", {alice}, false, false, {kGost12_256}},
+      {"PKCS7", {alice}, true, true, {kGost12_256}},
+      {"PKCS7", {bob}, false, true, {kGost12_512}},
+      {"PKCS7_ANY", {carol}, true, false, {kGost94}},
+      {"PKCS7", {carol, alice, bob}, true, false, {kGost94, kGost12_256, kGost12_512}},
+      {"PKCS7", {bob, carol}, false, true, {kGost12_512, kGost94}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.format + " signers " + std::to_string(c.signers.size()) + (c.certs ? " certs" : "") +
+                 (c.detached ? " detached" : ""));
+    SignRequest request;
+    request.format = c.format;
+    request.signers = c.signers;
+    request.include_certs = c.certs;
+    request.detached = c.detached;
+    request.data = "Payment order No. 17\n\x01\x02\xFF binary tail";
+    const SignOutcome outcome = sign_through_export(w.env(), request);
+    ASSERT_EQ(outcome.rc, SSF_OK) << outcome.child_stderr;
+    EXPECT_EQ(outcome.results, std::vector<int32_t>(c.signers.size(), 0));
+    expect_message(outcome.signed_data, request.data, c.detached, c.certs, c.digests);
+  }
+}
+
+// The bare value comes in the provider's order, the reverse of the order in
+// CMS; reversed, OpenSSL accepts it over the same data.
+TEST(SignRaw, ReversedValueVerifies) {
+  const SigningWorld& w = SigningWorld::get();
+  struct Case {
+    SignerSpec signer;
+    const CliCertificate* cert;
+    const char* digest;
+    size_t length;
+  };
+  const std::vector<Case> cases = {
+      {{"CN=Alice", "", "1111"}, &w.alice, "md_gost12_256", 64},
+      {{"CN=Bob", "", "2222"}, &w.bob, "md_gost12_512", 128},
+      {{"CN=Carol", "", ""}, &w.carol, "md_gost94", 64},
+  };
+  TempDir dir;
+  const std::string data = "bare signature data";
+  write_file(dir / "data", data);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.signer.id);
+    const std::string public_key = dir / "public.pem";
+    run_checked("openssl x509 -engine gost -pubkey -noout -in '" + c.cert->cert_pem + "' > '" + public_key +
+                "' 2>/dev/null");
+    const auto verifies = [&](const std::string& signature) {
+      write_file(dir / "signature", signature);
+      int status = -1;
+      run_command("openssl dgst -engine gost -" + std::string(c.digest) + " -verify '" + public_key +
+                      "' -signature '" + (dir / "signature") + "' '" + (dir / "data") + "' 2>&1",
+                  &status);
+      return status == 0;
+    };
+    for (const bool certs_and_detached : {false, true}) {
+      SignRequest request;
+      request.signers = {c.signer};
+      request.data = data;
+      request.include_certs = request.detached = certs_and_detached;
+      request.format = "RAW_GOST";
+      const SignOutcome raw = sign_through_export(w.env(), request);
+      request.format = "RAW_GOST_INVERTED";
+      const SignOutcome inverted = sign_through_export(w.env(), request);
+      ASSERT_EQ(raw.rc, SSF_OK) << raw.child_stderr;
+      ASSERT_EQ(inverted.rc, SSF_OK) << inverted.child_stderr;
+      EXPECT_EQ(raw.signed_data.size(), c.length);
+      EXPECT_EQ(inverted.signed_data.size(), c.length);
+      std::string reversed(raw.signed_data.rbegin(), raw.signed_data.rend());
+      EXPECT_TRUE(verifies(reversed));
+      EXPECT_TRUE(verifies(inverted.signed_data));
+      EXPECT_FALSE(verifies(raw.signed_data));
+    }
+  }
+}
+
 // The message service on its own, with keys and certificates straight from
 // OpenSSL, several signers of different key kinds in one message.
 TEST(SignedMessageEncoder, SeveralSignersEachWithItsKeyAndHash) {

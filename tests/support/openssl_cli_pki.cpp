@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include <unistd.h>
+
 #include "host.h"
 
 namespace bv::test {
@@ -113,6 +115,8 @@ SignOutcome sign_through_export(const std::map<std::string, std::string>& env, c
   const std::string outcome_path = exchange / "outcome";
   const std::string signed_path = exchange / "signed";
   const ChildResult child = run_isolated(env, [&] {
+    // No controlling terminal: the provider and the chooser never prompt here.
+    setsid();
     const SsfApi& api = SsfApi::get();
     SsfInfoNode* list = nullptr;
     std::vector<SsfInfo*> records;

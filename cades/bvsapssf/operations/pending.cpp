@@ -15,13 +15,6 @@ SSF_RC not_yet(const char* trace_function) {
 
 extern "C" {
 
-SSF_RC SsfSign(const char*, int32_t, const char*, int32_t, SSF_BOOL, SSF_BOOL, const unsigned char*, int32_t,
-               SsfInfoNode*, unsigned char** ostrSignedData, uint32_t* ostrSignedDataL) {
-  *ostrSignedData = nullptr;
-  *ostrSignedDataL = 0;
-  return not_yet("SsfSign");
-}
-
 SSF_RC SsfVerify(const char*, int32_t, SSF_BOOL, const unsigned char*, int32_t, const unsigned char*, int32_t,
                  const char*, int32_t, const char*, int32_t, SsfInfoNode**, unsigned char**, uint32_t*) {
   return not_yet("SsfVerify");

@@ -1,0 +1,164 @@
+#include "identity/lookup.h"
+
+#include <cctype>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "bvsapssf.h"
+#include "identity/chain_policy.h"
+#include "identity/identity.h"
+#include "identity/selection.h"
+#include "kernel32/kernel32.h"
+#include "trace/trace.h"
+
+namespace {
+constexpr const char* trace_file = "ssfxxmain";
+
+constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
+constexpr DWORD kFindAny = 0;             // CERT_FIND_ANY
+constexpr DWORD kFindSha1Hash = 0x10000;  // CERT_FIND_SHA1_HASH
+constexpr DWORD kOidNameStr = 2;          // CERT_OID_NAME_STR
+
+constexpr DWORD kLocalMachine = 0x20000;   // CERT_SYSTEM_STORE_LOCAL_MACHINE
+constexpr DWORD kCurrentUser = 0x10000;    // CERT_SYSTEM_STORE_CURRENT_USER
+constexpr DWORD kOpenExisting = 0x4000;    // CERT_STORE_OPEN_EXISTING_FLAG
+constexpr DWORD kDeferClose = 0x4;         // CERT_STORE_DEFER_CLOSE_UNTIL_LAST_FREE_FLAG
+
+bool all_digits(const char* text, size_t count) {
+  for (size_t i = 0; i < count; ++i)
+    if (!std::isdigit(static_cast<unsigned char>(text[i]))) return false;
+  return true;
+}
+
+}  // namespace
+
+HCERTSTORE open_profile_store(const char* name, int32_t nameL, ProfileStoreUse use) {
+  std::string store_name;
+  if (nameL > 0)
+    store_name.assign(name, static_cast<size_t>(nameL));
+  else
+    store_name = use == ProfileStoreUse::Envelope ? "Addressbook" : "My";
+
+  // The whole name is copied, then read as a terminated text.
+  const char* rest = store_name.c_str();
+  DWORD location = kCurrentUser;
+  if (rest[0] == 'm') {
+    location = kLocalMachine;
+    rest += 1;
+  } else if (rest[0] == 'u') {
+    rest += 1;
+  } else if (std::strncmp(rest, "<TIME>", 6) == 0) {
+    rest += 6;
+  } else if (std::strlen(rest) > 14 && all_digits(rest, 14)) {
+    rest += 14;
+  }
+
+  const int wide_length = MultiByteToWideChar(CP_ACP, 0, rest, -1, nullptr, 0);
+  std::vector<WCHAR> wide(static_cast<size_t>(wide_length > 0 ? wide_length : 0) + 1, 0);
+  if (wide_length > 0) MultiByteToWideChar(CP_ACP, 0, rest, -1, wide.data(), wide_length);
+
+  DWORD flags = location | kOpenExisting;
+  if (use == ProfileStoreUse::Sign) flags |= kDeferClose;
+  return CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, flags, wide.data());
+}
+
+bool search_signer_certificate(const char* trace_function, SsfInfo* info, int index,
+                               CMSG_SIGNER_ENCODE_INFO* encode, SignerSearch& search) {
+  info->Result = SSF_RES_UNKNOWN;
+  if (info->strSigRcpIdL <= 0) {
+    BV_TRACE(TRACE_NORMAL, "#error#: strSigRcpIdL <= 0\n");
+    info->Result = SSF_RES_UNKNOWN;
+    ++search.failures;
+    return false;
+  }
+  int32_t blanks = 0;
+  while (blanks < info->strSigRcpIdL && info->strSigRcpId[blanks] == ' ') ++blanks;
+  if (blanks == info->strSigRcpIdL) {
+    BV_TRACE(TRACE_NORMAL, "#error#: Empty strSigRcpId\n");
+    info->Result = SSF_RES_UNKNOWN;
+    ++search.failures;
+    return false;
+  }
+
+  encode->cbSize = sizeof(CMSG_SIGNER_ENCODE_INFO);
+
+  if (info->ProfileL > 0) {
+    const std::string profile(info->Profile, static_cast<size_t>(info->ProfileL));
+    BV_TRACE(TRACE_DETAIL, "#trace# Signer %d Store = %s.\n", index, profile.c_str());
+  }
+  HCERTSTORE store = open_profile_store(info->Profile, info->ProfileL, ProfileStoreUse::Sign);
+  if (store == nullptr) {
+    BV_TRACE(TRACE_NORMAL, "#error#: Invalid store in user's profile\n");
+    info->Result = SSF_RES_INVALID_PROFILE;
+    ++search.failures;
+    return false;
+  }
+
+  select_certificate_from_list_if_needed(store, &info->strSigRcpId, &info->strSigRcpIdL);
+  const std::string identity(info->strSigRcpId, static_cast<size_t>(info->strSigRcpIdL));
+  BV_TRACE(TRACE_NORMAL, "#info#: Searched userID (%s)\n", identity.c_str());
+
+  DWORD find_type = kFindAny;
+  const void* find_para = nullptr;
+  RdnList wanted;
+  bool identity_read = false;
+  if (is_hash_id(info->strSigRcpId, info->strSigRcpIdL)) {
+    find_type = kFindSha1Hash;
+    find_para = &search.hash;
+    identity_read = parse_CertHashID(info->strSigRcpId, info->strSigRcpIdL, &search.hash);
+  } else {
+    identity_read = parse_dn_string(info->strSigRcpId, info->strSigRcpIdL, wanted) == 0;
+  }
+  if (!identity_read) {
+    BV_TRACE(TRACE_NORMAL, "#error#: Invalid user's ID (%s)\n", identity.c_str());
+    info->Result = SSF_RES_UNKNOWN;
+    ++search.failures;
+    CertCloseStore(store, 0);
+    return false;
+  }
+
+  BV_TRACE(TRACE_DETAIL, "#trace# Search Signer's certificate.\n");
+  bool found = false;
+  PCCERT_CONTEXT cert = nullptr;
+  while ((cert = CertFindCertificateInStore(store, kEncoding, 0, find_type, find_para, cert)) != nullptr) {
+    if (find_type == kFindAny) {
+      const DWORD subject_length =
+          CertNameToStrA(kEncoding, &cert->pCertInfo->Subject, kOidNameStr, nullptr, 0);
+      std::vector<char> subject(subject_length > 0 ? subject_length : 1, '\0');
+      CertNameToStrA(kEncoding, &cert->pCertInfo->Subject, kOidNameStr, subject.data(), subject_length);
+      RdnList have;
+      if (parse_dn_string(subject.data(), static_cast<int32_t>(subject_length), have) != 0) {
+        BV_TRACE(TRACE_NORMAL, "#error#: Invalid certificate DN\n");
+        info->Result = SSF_RES_NOT_OK;
+        continue;
+      }
+      if (!dn_contains_all(wanted, have)) continue;
+    }
+
+    if (config.VerifyCertOnSign != 0) {
+      DWORD status = 0;
+      const int32_t verified = VerifyCertificate(cert, config.VerifyCertFlagsOnSelect, &status);
+      if (!certificate_status_acceptable(verified, status)) {
+        BV_TRACE(TRACE_DETAIL, "#trace# Signer's certificate Not verified. Check result = 0x%x\n", status);
+        continue;
+      }
+    }
+
+    BV_TRACE(TRACE_DETAIL,
+             "#trace# One of Signer's certificate found. Trying to acquire private key.\n");
+    if (acquire_signer_key(trace_function, cert, info, encode, search.certs)) {
+      found = true;
+      break;
+    }
+  }
+
+  CertCloseStore(store, 0);
+  if (found) {
+    info->Result = SSF_RES_OK;
+  } else {
+    ++search.failures;
+    BV_TRACE(TRACE_NORMAL, "#error# Signer's (%d) Certificate with supplied pin code NOT FOUND.\n", index);
+  }
+  return found;
+}

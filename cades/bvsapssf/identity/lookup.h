@@ -1,0 +1,33 @@
+// From a signer record to a certificate with a usable key: the store its
+// profile names, the identity read as a hash or a DN, and the walk of the
+// store under the chain policy.
+#pragma once
+
+#include <cstdint>
+
+#include "bvsapssf_api.h"
+#include "crypt32/cert.h"
+#include "crypt32/msg.h"
+#include "identity/signer_key.h"
+
+// Which operation opens the store: the default name and the flags differ.
+enum class ProfileStoreUse { Sign, AddSign, Develope, Envelope };
+
+// Opens the system store that `name` names (counted text; "m" and "u" pick
+// the location, "<TIME>" and 14 leading digits are skipped).  A length of 0
+// or less opens the operation's default.  Null with the last error set when
+// the store can't be opened.
+HCERTSTORE open_profile_store(const char* name, int32_t nameL, ProfileStoreUse use);
+
+// State one signing call shares between its signers.
+struct SignerSearch {
+  CRYPT_HASH_BLOB hash{0, nullptr};  // shared by all signers; freed once, after the last
+  int32_t failures = 0;              // signers left without a certificate
+  SignerCertList certs;              // the winners, in signer order
+};
+
+// Runs the search for the signer at `index` (its record is not null): writes
+// its Result, counts a failure in `search`, and on success fills `encode`
+// and appends the certificate.  Trace lines carry `trace_function`.
+bool search_signer_certificate(const char* trace_function, SsfInfo* info, int index,
+                               CMSG_SIGNER_ENCODE_INFO* encode, SignerSearch& search);

@@ -1,0 +1,277 @@
+// Finding a signer's certificate and key through SsfSign, against real
+// stores: profiles, identities, the chain policy, PINs and key links.
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "signing_fixture.h"
+
+namespace bv::test {
+namespace {
+
+constexpr int32_t kUntouched = 99;  // what the test's records start with
+
+SignOutcome sign_one(const SignerSpec& signer, const std::map<std::string, std::string>& extra = {}) {
+  const SigningWorld& world = SigningWorld::get();
+  SignRequest request;
+  request.signers = {signer};
+  return sign_through_export(world.env(extra), request);
+}
+
+TEST(Lookup, ProfileNamesTheStore) {
+  const SigningWorld& w = SigningWorld::get();
+  struct Case {
+    std::string profile;
+    std::string id;
+    std::string pin;
+    int32_t result;
+  };
+  const std::vector<Case> cases = {
+      {"", "CN=Alice", "1111", 0},                    // default: My of the current user
+      {"My", "CN=Alice", "1111", 0},
+      {"uMy", "CN=Alice", "1111", 0},
+      {"mMy", "CN=Dave", "6666", 0},                  // local machine
+      {"mMy", "CN=Alice", "1111", 22},                // not in the machine's My
+      {"my", "CN=Erin", "7777", 0},                   // "m" taken as the location: machine store "y"
+      {"<TIME>Other", "CN=Bob", "2222", 0},
+      {"uOther", "CN=Bob", "2222", 0},
+      {"12345678901234Other", "CN=Bob", "2222", 0},   // 14 digits skipped
+      {"12345678901234", "CN=Carol", "", 0},          // exactly 14 digits: the whole name
+      {"NoSuchStore", "CN=Alice", "1111", 24},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.profile + " " + c.id);
+    const SignOutcome outcome = sign_one({c.id, c.profile, c.pin});
+    ASSERT_EQ(outcome.results.size(), 1u);
+    EXPECT_EQ(outcome.results[0], c.result);
+    EXPECT_EQ(outcome.rc, c.result == 0 ? SSF_OK : SSF_ERR_SIGNER);
+  }
+  (void)w;
+}
+
+TEST(Lookup, IdentityForms) {
+  const SigningWorld& w = SigningWorld::get();
+  std::string spaced_lower;
+  for (size_t i = 0; i < w.bob.sha1_hex.size(); i += 2) {
+    if (i > 0) spaced_lower += ' ';
+    spaced_lower += static_cast<char>(std::tolower(w.bob.sha1_hex[i]));
+    spaced_lower += static_cast<char>(std::tolower(w.bob.sha1_hex[i + 1]));
+  }
+  struct Case {
+    std::string id;
+    std::string pin;
+    int32_t result;
+  };
+  const std::vector<Case> cases = {
+      {w.bob.sha1_hex, "2222", 0},
+      {"  " + spaced_lower + "\t", "2222", 0},
+      {"O=Test Bank, CN=Bob", "2222", 0},       // order of items doesn't matter
+      {"CN = Bob , C=RU", "2222", 0},
+      {"cn=Bob", "2222", 22},                   // lower-case key meets no OID
+      {"CN=Bob, L=Moscow", "2222", 22},         // an item the subject lacks
+      {"   ", "2222", 22},                      // blanks only
+      {"CN=Bob, O=", "2222", 22},               // value missing: identity refused
+      {"Bob", "2222", 22},                      // no "=": identity refused
+      {w.bob.sha1_hex + "0", "2222", 22},       // odd digit: count of the call's blob (none yet)
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.id);
+    const SignOutcome outcome = sign_one({c.id, "", c.pin});
+    ASSERT_EQ(outcome.results.size(), 1u);
+    EXPECT_EQ(outcome.results[0], c.result);
+  }
+}
+
+TEST(Lookup, PinAndKeyLink) {
+  // The provider's way of asking when there is no terminal: a helper that
+  // answers with Alice's PIN.
+  TempDir helper_dir;
+  const std::string askpass = helper_dir / "askpass";
+  write_file(askpass, "#!/bin/sh\necho 1111\n");
+  run_checked("chmod +x '" + askpass + "'");
+  struct Case {
+    const char* what;
+    SignerSpec signer;
+    std::map<std::string, std::string> settings;
+    int32_t result;
+  };
+  const std::vector<Case> cases = {
+      {"right PIN", {"CN=Alice", "", "1111"}, {}, 0},
+      {"wrong PIN", {"CN=Alice", "", "0000"}, {}, 25},
+      {"no PIN for a key that needs one", {"CN=Alice", "", ""}, {}, 25},
+      {"a key without PIN", {"CN=Carol", "", ""}, {}, 0},
+      {"a key without PIN, PIN given anyway", {"CN=Carol", "", "whatever"}, {}, 0},
+      {"no key link", {"CN=NoKey", "", ""}, {}, 22},
+      // "!" to "!!!" leave the asking to the provider; four are a PIN.
+      {"marker, nobody to ask", {"CN=Alice", "", "!"}, {}, 24},
+      {"marker, asked", {"CN=Alice", "", "!!!"}, {{"BV_PLATFORM_ASKPASS", askpass}}, 0},
+      {"four marks are a PIN", {"CN=Alice", "", "!!!!"}, {{"BV_PLATFORM_ASKPASS", askpass}}, 25},
+      {"empty, asking allowed", {"CN=Alice", "", ""},
+       {{"BV_PLATFORM_ASKPASS", askpass}, {"BV_SSF_ASK_PIN_WHEN_EMPTY", "yes"}}, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const SignOutcome outcome = sign_one(c.signer, c.settings);
+    ASSERT_EQ(outcome.results.size(), 1u);
+    EXPECT_EQ(outcome.results[0], c.result);
+    EXPECT_EQ(outcome.rc, c.result == 0 ? SSF_OK : SSF_ERR_SIGNER);
+  }
+}
+
+TEST(Lookup, ChainPolicy) {
+  struct Case {
+    const char* what;
+    std::string id, pin;
+    std::map<std::string, std::string> settings;
+    int32_t result;
+  };
+  const std::vector<Case> cases = {
+      {"untrusted one skipped for a later good one", "CN=Dup", "4444", {}, 0},
+      {"untrusted only", "CN=Lonely", "5555", {}, 22},
+      {"no chain built when off", "CN=Lonely", "5555", {{"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "no"}}, 0},
+      {"any other word keeps it on", "CN=Lonely", "5555", {{"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "off"}}, 22},
+      // One bit in common with the status is enough, whatever else is set.
+      {"untrusted root accepted", "CN=Lonely", "5555", {{"BV_SSF_VERIFYCERTACCEPTABLESTATUS", "20"}}, 0},
+      {"unrelated bit", "CN=Lonely", "5555", {{"BV_SSF_VERIFYCERTACCEPTABLESTATUS", "1"}}, 22},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const SignOutcome outcome = sign_one({c.id, "", c.pin}, c.settings);
+    ASSERT_EQ(outcome.results.size(), 1u);
+    EXPECT_EQ(outcome.results[0], c.result);
+  }
+}
+
+TEST(Lookup, UntrustedDuplicateIsNotTheSigner) {
+  const SigningWorld& w = SigningWorld::get();
+  SignRequest request;
+  request.signers = {{"CN=Dup", "", "4444"}};
+  request.include_certs = true;
+  const SignOutcome outcome = sign_through_export(w.env(), request);
+  ASSERT_EQ(outcome.rc, SSF_OK);
+  std::string diagnostics;
+  EXPECT_EQ(openssl_cms_verify(outcome.signed_data, w.pki->root().cert_pem, "", nullptr, nullptr, &diagnostics), 0)
+      << diagnostics;
+}
+
+TEST(Lookup, EverySignerIsTriedAndNoneIsLeftOut) {
+  const SigningWorld& w = SigningWorld::get();
+  SignRequest request;
+  request.signers = {{"CN=Alice", "", "1111"}, {"CN=Nobody", "", "1"}, {"CN=Bob", "", "2222"}};
+  const SignOutcome outcome = sign_through_export(w.env(), request);
+  EXPECT_EQ(outcome.rc, SSF_ERR_SIGNER);
+  EXPECT_EQ(outcome.results, (std::vector<int32_t>{0, 22, 0}));
+  EXPECT_TRUE(outcome.output_pointer_null);
+  EXPECT_TRUE(outcome.signed_data.empty());
+}
+
+TEST(Lookup, ListAndArgumentFailures) {
+  const SigningWorld& w = SigningWorld::get();
+  struct Case {
+    const char* what;
+    SignRequest request;
+    uint32_t rc;
+    std::vector<int32_t> results;
+  };
+  SignRequest two_raw;
+  two_raw.format = "RAW_GOST";
+  two_raw.signers = {{"CN=Alice", "", "1111"}, {"CN=Bob", "", "2222"}};
+  SignRequest hole;
+  hole.signers = {{"CN=Alice", "", "1111"}, {"", "", "", true}, {"CN=Bob", "", "2222"}};
+  SignRequest empty_input;
+  empty_input.format = "RAW_GOST";
+  empty_input.signers = {{"CN=Alice", "", "1111"}};
+  empty_input.data.clear();
+  SignRequest no_signers;
+  no_signers.data.clear();
+  SignRequest bad_format;
+  bad_format.format = "pkcs7";
+  bad_format.signers = {{"CN=Alice", "", "1111"}};
+  SignRequest cades;
+  cades.format = "CADES";
+  cades.signers = {{"CN=Alice", "", "1111"}};
+  const std::vector<Case> cases = {
+      {"raw with two signers: before any store", two_raw, SSF_ERR_INTERNAL, {kUntouched, kUntouched}},
+      {"node without record ends the call", hole, SSF_ERR_INTERNAL, {0, -1, kUntouched}},
+      {"empty input", empty_input, SSF_ERR_INPUT, {kUntouched}},
+      {"null list comes first", no_signers, SSF_ERR_SIGNER, {}},
+      {"format", bad_format, SSF_ERR_FORMAT, {kUntouched}},
+      // The CAdES encoder refuses every open for now: the signer was found.
+      {"CAdES open refused", cades, SSF_ERR_INTERNAL, {0}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    const SignOutcome outcome = sign_through_export(w.env(), c.request);
+    EXPECT_EQ(outcome.rc, c.rc);
+    EXPECT_EQ(outcome.results, c.results);
+    EXPECT_TRUE(outcome.output_pointer_null);
+  }
+}
+
+std::string upper_hex(const std::string& text) {
+  std::string out;
+  for (const char c : text)
+    if (c != ' ') out += static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+  return out;
+}
+
+// "$SELECT_CERTIFICATE$": the chooser gets the store's usable certificates,
+// and the record's identity becomes the chosen one's hash text.
+TEST(Lookup, SelectionThroughTheChooserProgram) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir helper_dir;
+  const std::string offered = helper_dir / "offered";
+  const std::string choose_bob = helper_dir / "choose-bob";
+  const std::string cancel = helper_dir / "cancel";
+  // The list arrives on standard input, one certificate a line, number first.
+  write_file(choose_bob, "#!/bin/sh\ntee '" + offered + "' | grep 'CN=Bob' | cut -f1\n");
+  write_file(cancel, "#!/bin/sh\ncat > '" + offered + "'\necho\n");
+  run_checked("chmod +x '" + choose_bob + "' '" + cancel + "'");
+
+  struct Case {
+    const char* what;
+    std::string id;
+    std::string chooser;
+    std::map<std::string, std::string> settings;
+    int32_t result;
+    bool chooser_runs;
+  };
+  const std::string marker = "$SELECT_CERTIFICATE$";
+  const std::vector<Case> cases = {
+      {"chosen", marker, choose_bob, {}, 0, true},
+      {"text behind the marker is lost", marker + "CN=Alice", choose_bob, {}, 0, true},
+      {"policy still filters with the check off", marker, choose_bob, {{"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "0"}}, 0,
+       true},
+      {"cancelled: the marker stays and is refused", marker, cancel, {}, 22, true},
+      {"19 bytes are no marker", marker.substr(0, 19), choose_bob, {}, 22, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::filesystem::remove(offered);
+    auto settings = c.settings;
+    settings["BV_PLATFORM_SELECT"] = c.chooser;
+    const SignOutcome outcome = sign_one({c.id, "", "2222"}, settings);
+    ASSERT_EQ(outcome.results.size(), 1u);
+    EXPECT_EQ(outcome.results[0], c.result);
+    ASSERT_EQ(std::filesystem::exists(offered), c.chooser_runs);
+    if (!c.chooser_runs) continue;
+    // Only certificates with a key link and an acceptable chain are offered.
+    const std::string list = upper_hex(read_file(offered));
+    for (const CliCertificate* good : {&w.alice, &w.bob, &w.carol, &w.dup_good})
+      EXPECT_NE(list.find(good->sha1_hex), std::string::npos);
+    for (const CliCertificate* bad : {&w.dup_untrusted, &w.lonely, &w.nokey})
+      EXPECT_EQ(list.find(bad->sha1_hex), std::string::npos);
+    if (c.result == 0) {
+      EXPECT_EQ(outcome.ids[0].size(), 59u);
+      EXPECT_EQ(upper_hex(outcome.ids[0]), w.bob.sha1_hex);
+    } else {
+      EXPECT_EQ(outcome.ids[0], c.id);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace bv::test

@@ -1,0 +1,99 @@
+// sign: SsfSign over a file, with signers given as ID[:PROFILE[:PIN]].
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "bvssf.h"
+
+namespace {
+
+struct SignerArgument {
+  std::string id, profile, pin;
+};
+
+// The PIN is the rest after the second colon, so it may hold colons itself.
+SignerArgument parse_signer(const std::string& text) {
+  SignerArgument signer;
+  const size_t first = text.find(':');
+  signer.id = text.substr(0, first);
+  if (first == std::string::npos) return signer;
+  const size_t second = text.find(':', first + 1);
+  signer.profile = text.substr(first + 1, second == std::string::npos ? std::string::npos : second - first - 1);
+  if (second != std::string::npos) signer.pin = text.substr(second + 1);
+  return signer;
+}
+
+const char* result_name(int32_t result) {
+  switch (result) {
+    case 0: return "OK";
+    case 21: return "INVALID_NAMESPACE";
+    case 22: return "UNKNOWN";
+    case 23: return "UNKNOWN_PROFILE";
+    case 24: return "INVALID_PROFILE";
+    case 25: return "INVALID_PASSWORD";
+    case 26: return "NOCERTIFICATE";
+    case 27: return "NOT_OK";
+    case 28: return "UNDEFINED";
+    default: return "?";
+  }
+}
+
+int sign(const std::vector<std::string>& args) {
+  std::vector<std::string> positional;
+  std::vector<SignerArgument> signer_args;
+  bool detached = false, include_certs = false;
+  for (size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--signer" && i + 1 < args.size()) {
+      signer_args.push_back(parse_signer(args[++i]));
+    } else if (args[i] == "--detached") {
+      detached = true;
+    } else if (args[i] == "--certs") {
+      include_certs = true;
+    } else {
+      positional.push_back(args[i]);
+    }
+  }
+  if (positional.size() != 3) {
+    std::fprintf(stderr, "bvssf sign: usage: bvssf sign FORMAT IN OUT --signer ID[:PROFILE[:PIN]] ... [--detached] [--certs]\n");
+    return 2;
+  }
+  const auto& lib = bvssf::library();
+  const std::string& format = positional[0];
+  const std::string input = bvssf::read_file(positional[1]);
+
+  SsfInfoNode* list = nullptr;
+  std::vector<SsfInfo*> records;
+  for (const SignerArgument& s : signer_args) {
+    SsfInfo* info = nullptr;
+    const SSF_RC rc = lib.SsfNEWSigRcpSsfInfo(s.id.data(), static_cast<int32_t>(s.id.size()), nullptr, 0,
+                                              s.profile.data(), static_cast<int32_t>(s.profile.size()),
+                                              s.pin.data(), static_cast<int32_t>(s.pin.size()), 0, &info);
+    if (rc != SSF_OK) {
+      lib.SsfDELSigRcpSsfInfoList(&list);
+      return bvssf::report(rc);
+    }
+    lib.SsfINSSigRcpSsfInfo(info, &list);
+    records.push_back(info);
+  }
+
+  unsigned char* signed_data = nullptr;
+  uint32_t signed_length = 0;
+  const SSF_RC rc = lib.SsfSign(format.data(), static_cast<int32_t>(format.size()), nullptr, 0,
+                                include_certs ? 1 : 0, detached ? 1 : 0,
+                                reinterpret_cast<const unsigned char*>(input.data()),
+                                static_cast<int32_t>(input.size()), list, &signed_data, &signed_length);
+  for (size_t i = 0; i < records.size(); ++i)
+    std::printf("signer %zu: %s (%d)\n", i + 1, result_name(records[i]->Result), records[i]->Result);
+  if (rc == SSF_OK) {
+    bvssf::write_file(positional[2], signed_data, signed_length);
+    std::printf("%u bytes written to %s\n", signed_length, positional[2].c_str());
+    lib.SsfDELSsfOctetstring(&signed_data, &signed_length);
+  }
+  if (list != nullptr) lib.SsfDELSigRcpSsfInfoList(&list);
+  return bvssf::report(rc);
+}
+
+const bool registered = bvssf::add_command(
+    {"sign", "FORMAT IN OUT --signer ID[:PROFILE[:PIN]] ... [--detached] [--certs]",
+     "SsfSign: PKCS7, PKCS7_ANY, CADES, PKCS7_CADES, RAW_GOST, RAW_GOST_INVERTED", sign});
+}  // namespace
