@@ -191,8 +191,9 @@ bool load_settings() {
   // 4. The setting: the registry, else Trace.ini.
   std::optional<std::u16string> setting = registry_text(key, setting_key);
   if (!setting.has_value()) {
+    // Trace.ini cannot tell an empty value from a missing one: both are none.
     std::u16string from_ini = trace_ini_value(setting_key);
-    if (GetLastError() != ERROR_FILE_NOT_FOUND || !from_ini.empty()) setting = std::move(from_ini);
+    if (!from_ini.empty()) setting = std::move(from_ini);
   }
 
   // 5. The log file, only for a module that has a setting.
