@@ -458,7 +458,8 @@ TEST_F(HashedMessage, RefusedOpens) {
     EXPECT_EQ(CryptMsgOpenToEncode(c.encoding, 0, c.type, &info, nullptr, nullptr), nullptr);
     EXPECT_EQ(GetLastError(), c.error);
   }
-  EXPECT_FALSE(CryptMsgUpdate(reinterpret_cast<HCRYPTMSG>(&caller_sentinel), nullptr, 0, TRUE));
+  uint64_t not_a_message = 0;
+  EXPECT_FALSE(CryptMsgUpdate(&not_a_message, nullptr, 0, TRUE));
   EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
 }
 
