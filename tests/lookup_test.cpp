@@ -273,5 +273,52 @@ TEST(Lookup, SelectionThroughTheChooserProgram) {
   }
 }
 
+// The trace of one call tells each signer's story in order, and no PIN
+// appears in it.
+TEST(Lookup, TraceOfASignerList) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir traced;
+  auto env = trace_env(traced);
+  std::filesystem::copy(w.common() + "/Brelvantec/Certificates", traced / "common/Brelvantec/Certificates",
+                        std::filesystem::copy_options::recursive);
+  env["BV_PLATFORM_LOCAL_APPDATA"] = w.local();
+  SignRequest request;
+  request.signers = {{"CN=Dup", "", "4444"}, {"CN=Nobody", "uMy", "5555"}, {"CN=Alice", "", "9731"}};
+  const SignOutcome outcome = sign_through_export(env, request);
+  EXPECT_EQ(outcome.results, (std::vector<int32_t>{0, 22, 25}));
+  EXPECT_EQ(outcome.rc, SSF_ERR_SIGNER);
+
+  const std::string log = trace_log(traced);
+  const std::vector<std::string> in_order = {
+      "#info# SSFformat name ('PKCS7').",
+      "#info#: accept isCades='0'",
+      "#trace# Count of signers=3.",
+      "#trace# Check Signer # = 0.",
+      "#info#: Searched userID (CN=Dup)",
+      "#trace# Search Signer's certificate.",
+      "#trace# Signer's certificate Not verified. Check result = 0x",  // the untrusted one
+      "#trace# One of Signer's certificate found. Trying to acquire private key.",
+      "#trace# Explicit pin code? IsPinExplicit = 1.",
+      "#trace# Private Key successfully acquired.",
+      "#trace# Using hash alg = 1.2.643.7.1.1.2.2.",
+      "#trace# Check Signer # = 1.",
+      "#trace# Signer 1 Store = uMy.",
+      "#info#: Searched userID (CN=Nobody)",
+      "#error# Signer's (1) Certificate with supplied pin code NOT FOUND.",
+      "#trace# Check Signer # = 2.",
+      "#trace# Can not Acquire Private Key with supplied pin code. Trying to search another certificate.",
+      "#error# Signer's (2) Certificate with supplied pin code NOT FOUND.",
+      "#error#: 2 certificates not found",
+      "!!!!!!!!!!!!!!!!#error#!!!!!!!!!!!!!!!!",
+  };
+  size_t position = 0;
+  for (const std::string& line : in_order) {
+    const size_t found = log.find(line, position);
+    ASSERT_NE(found, std::string::npos) << "missing or out of order: " << line << "\n" << log;
+    position = found + line.size();
+  }
+  for (const char* pin : {"4444", "5555", "9731"}) EXPECT_EQ(log.find(pin), std::string::npos) << pin << "\n" << log;
+}
+
 }  // namespace
 }  // namespace bv::test
