@@ -193,8 +193,13 @@ TEST(Lookup, ListAndArgumentFailures) {
   SignRequest cades;
   cades.format = "CADES";
   cades.signers = {{"CN=Alice", "", "1111"}};
+  SignRequest negative_pin;
+  negative_pin.signers = {{"CN=Alice", "", "1111"}};
+  negative_pin.signers[0].negative_pin_length = true;
   const std::vector<Case> cases = {
       {"raw with two signers: before any store", two_raw, SSF_ERR_INTERNAL, {kUntouched, kUntouched}},
+      // The PIN can't be copied and the call ends in its last exception clause.
+      {"negative PIN length", negative_pin, SSF_ERR_INTERNAL, {22}},
       {"node without record ends the call", hole, SSF_ERR_INTERNAL, {0, -1, kUntouched}},
       {"empty input", empty_input, SSF_ERR_INPUT, {kUntouched}},
       {"null list comes first", no_signers, SSF_ERR_SIGNER, {}},

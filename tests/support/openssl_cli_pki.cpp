@@ -135,6 +135,7 @@ SignOutcome sign_through_export(const std::map<std::string, std::string>& env, c
                                         s.profile.data(), static_cast<int32_t>(s.profile.size()), s.pin.data(),
                                         static_cast<int32_t>(s.pin.size()), 99, &info),
                 SSF_OK);
+      if (s.negative_pin_length) info->PasswordL = -1;
       ASSERT_EQ(api.SsfINSSigRcpSsfInfo(info, &list), SSF_OK);
       records.push_back(info);
     }

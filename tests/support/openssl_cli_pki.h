@@ -55,6 +55,7 @@ std::string store_folder(const std::string& appdata, const std::string& name);
 struct SignerSpec {
   std::string id, profile, pin;
   bool no_record = false;  // a list node without a record
+  bool negative_pin_length = false;  // PasswordL set below 0 by hand, as a host could
 };
 
 struct SignRequest {
