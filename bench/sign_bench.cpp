@@ -1,0 +1,206 @@
+// SsfSign ("PKCS7", GOST 2012-256) against OpenSSL's own CMS_sign with the
+// same key and certificate, and the cost of finding the signer by hash and
+// by DN in a store of 1,000 certificates.
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "bvsapssf_api.h"
+#include "openssl/ossl.h"
+
+namespace {
+
+using bv::ossl::UniquePtr;
+
+constexpr const char* kPin = "1234";
+
+UniquePtr<EVP_PKEY> make_key() {
+  UniquePtr<EVP_PKEY_CTX> context(EVP_PKEY_CTX_new_id(NID_id_GostR3410_2012_256, bv::ossl::gost_engine()));
+  EVP_PKEY* key = nullptr;
+  if (!context || EVP_PKEY_keygen_init(context.get()) <= 0 ||
+      EVP_PKEY_CTX_ctrl_str(context.get(), "paramset", "A") <= 0 || EVP_PKEY_keygen(context.get(), &key) <= 0)
+    std::abort();
+  return UniquePtr<EVP_PKEY>(key);
+}
+
+UniquePtr<X509> make_certificate(const std::string& common_name, long serial, EVP_PKEY* key, X509* issuer,
+                                 EVP_PKEY* issuer_key) {
+  UniquePtr<X509> cert(X509_new());
+  X509_set_version(cert.get(), 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), serial);
+  X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600);
+  X509_gmtime_adj(X509_getm_notAfter(cert.get()), 30L * 24 * 3600);
+  X509_NAME* name = X509_get_subject_name(cert.get());
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(common_name.c_str()),
+                             -1, -1, 0);
+  X509_NAME_add_entry_by_txt(name, "O", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("Bench"), -1, -1, 0);
+  X509_set_issuer_name(cert.get(), issuer != nullptr ? X509_get_subject_name(issuer) : name);
+  X509_set_pubkey(cert.get(), key);
+  X509V3_CTX v3;
+  X509V3_set_ctx(&v3, issuer != nullptr ? issuer : cert.get(), cert.get(), nullptr, nullptr, 0);
+  const char* constraints = issuer == nullptr ? "critical,CA:true" : "CA:false";
+  X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &v3, NID_basic_constraints, constraints);
+  X509_add_ext(cert.get(), extension, -1);
+  X509_EXTENSION_free(extension);
+  if (X509_sign(cert.get(), issuer_key, bv::ossl::digest_by_nid(NID_id_GostR3411_2012_256)) <= 0) std::abort();
+  return cert;
+}
+
+void write_der(const std::string& path, X509* cert) {
+  UniquePtr<BIO> out(BIO_new_file(path.c_str(), "wb"));
+  i2d_X509_bio(out.get(), cert);
+}
+
+// Under the PIN, as a signer's key usually is; or plain.
+void write_key(const std::string& path, EVP_PKEY* key, bool with_pin = true) {
+  UniquePtr<BIO> out(BIO_new_file(path.c_str(), "wb"));
+  if (with_pin)
+    PEM_write_bio_PKCS8PrivateKey(out.get(), key, EVP_aes_256_cbc(), nullptr, 0, nullptr, const_cast<char*>(kPin));
+  else
+    PEM_write_bio_PKCS8PrivateKey(out.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
+}
+
+std::string sha1_hex(X509* cert) {
+  unsigned char digest[20];
+  unsigned length = 0;
+  X509_digest(cert, EVP_sha1(), digest, &length);
+  std::string text;
+  char pair[3];
+  for (unsigned i = 0; i < length; ++i) {
+    std::snprintf(pair, sizeof pair, "%02X", digest[i]);
+    text += pair;
+  }
+  return text;
+}
+
+// System stores of the current user: "Small" with the signer alone, "Plain"
+// the same with its key not under a PIN, and "Large" with 999 other
+// certificates in front of the signer.
+struct World {
+  std::string folder;
+  UniquePtr<EVP_PKEY> signer_key;
+  UniquePtr<X509> signer;
+  std::string signer_hash;
+
+  World() {
+    char pattern[] = "/tmp/bvsapssf-bench-XXXXXX";
+    folder = mkdtemp(pattern);
+    const std::string stores = folder + "/local/Brelvantec/Certificates/";
+    for (const char* store : {"Root", "Small", "Plain", "Large"}) std::filesystem::create_directories(stores + store);
+    setenv("BV_PLATFORM_LOCAL_APPDATA", (folder + "/local").c_str(), 1);
+    setenv("BV_PLATFORM_COMMON_APPDATA", (folder + "/common").c_str(), 1);
+
+    UniquePtr<EVP_PKEY> root_key = make_key();
+    UniquePtr<X509> root = make_certificate("Bench Root", 1, root_key.get(), nullptr, root_key.get());
+    write_der(stores + "Root/root.cer", root.get());
+    UniquePtr<X509_CRL> crl(X509_CRL_new());
+    X509_CRL_set_version(crl.get(), 1);
+    X509_CRL_set_issuer_name(crl.get(), X509_get_subject_name(root.get()));
+    UniquePtr<ASN1_STRING> now(ASN1_TIME_adj(nullptr, time(nullptr), -1, 0));
+    UniquePtr<ASN1_STRING> next(ASN1_TIME_adj(nullptr, time(nullptr), 30, 0));
+    X509_CRL_set1_lastUpdate(crl.get(), now.get());
+    X509_CRL_set1_nextUpdate(crl.get(), next.get());
+    X509_CRL_sign(crl.get(), root_key.get(), bv::ossl::digest_by_nid(NID_id_GostR3411_2012_256));
+    {
+      UniquePtr<BIO> out(BIO_new_file((stores + "Root/root.crl").c_str(), "wb"));
+      i2d_X509_CRL_bio(out.get(), crl.get());
+    }
+
+    signer_key = make_key();
+    signer = make_certificate("Bench Signer", 2, signer_key.get(), root.get(), root_key.get());
+    signer_hash = sha1_hex(signer.get());
+    write_der(stores + "Small/signer.cer", signer.get());
+    write_key(stores + "Small/signer.key", signer_key.get());
+    write_der(stores + "Plain/signer.cer", signer.get());
+    write_key(stores + "Plain/signer.key", signer_key.get(), false);
+
+    UniquePtr<EVP_PKEY> filler_key = make_key();
+    char stem[32];
+    for (int i = 0; i < 999; ++i) {
+      UniquePtr<X509> filler =
+          make_certificate("Filler " + std::to_string(i), 1000 + i, filler_key.get(), root.get(), root_key.get());
+      std::snprintf(stem, sizeof stem, "a%04d", i);
+      write_der(stores + "Large/" + stem + ".cer", filler.get());
+    }
+    write_der(stores + "Large/z-signer.cer", signer.get());
+    write_key(stores + "Large/z-signer.key", signer_key.get());
+  }
+  ~World() { std::filesystem::remove_all(folder); }
+
+  static World& get() {
+    static World world;
+    return world;
+  }
+};
+
+void sign_through_library(benchmark::State& state, const char* store, const std::string& id) {
+  World& world = World::get();
+  const std::string data(static_cast<size_t>(state.range(0)), 'x');
+  SsfInfo info{};
+  info.strSigRcpId = static_cast<char*>(std::malloc(id.size()));
+  std::copy(id.begin(), id.end(), info.strSigRcpId);
+  info.strSigRcpIdL = static_cast<int32_t>(id.size());
+  info.Profile = const_cast<char*>(store);
+  info.ProfileL = static_cast<int32_t>(std::strlen(store));
+  info.Password = const_cast<char*>(kPin);
+  info.PasswordL = static_cast<int32_t>(std::strlen(kPin));
+  SsfInfoNode node{nullptr, &info};
+  for (auto _ : state) {
+    unsigned char* out = nullptr;
+    uint32_t out_length = 0;
+    const SSF_RC rc = SsfSign("PKCS7", 5, nullptr, 0, 0, 0, reinterpret_cast<const unsigned char*>(data.data()),
+                              static_cast<int32_t>(data.size()), &node, &out, &out_length);
+    if (rc != SSF_OK) {
+      state.SkipWithError("SsfSign failed");
+      break;
+    }
+    SsfDELSsfOctetstring(&out, &out_length);
+  }
+  std::free(info.strSigRcpId);
+  (void)world;
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
+}
+
+void BM_OpenSSL_CMS_sign(benchmark::State& state) {
+  World& world = World::get();
+  const std::string data(static_cast<size_t>(state.range(0)), 'x');
+  for (auto _ : state) {
+    UniquePtr<BIO> in(BIO_new_mem_buf(data.data(), static_cast<int>(data.size())));
+    UniquePtr<CMS_ContentInfo> cms(CMS_sign(world.signer.get(), world.signer_key.get(), nullptr, in.get(),
+                                            CMS_BINARY | CMS_NOATTR | CMS_NOCERTS));
+    unsigned char* der = nullptr;
+    const int length = i2d_CMS_ContentInfo(cms.get(), &der);
+    benchmark::DoNotOptimize(length);
+    OPENSSL_free(der);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
+}
+
+void BM_SsfSign_SmallStore_ByHash(benchmark::State& state) {
+  sign_through_library(state, "Small", World::get().signer_hash);
+}
+void BM_SsfSign_SmallStore_PlainKey(benchmark::State& state) {
+  sign_through_library(state, "Plain", World::get().signer_hash);
+}
+void BM_SsfSign_LargeStore_ByHash(benchmark::State& state) {
+  sign_through_library(state, "Large", World::get().signer_hash);
+}
+void BM_SsfSign_LargeStore_ByDN(benchmark::State& state) {
+  sign_through_library(state, "Large", "CN=Bench Signer, O=Bench");
+}
+
+BENCHMARK(BM_OpenSSL_CMS_sign)->Arg(1024)->Arg(1 << 20)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_SsfSign_SmallStore_ByHash)->Arg(1024)->Arg(1 << 20)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_SsfSign_SmallStore_PlainKey)->Arg(1024)->Arg(1 << 20)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_SsfSign_LargeStore_ByHash)->Arg(1024)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_SsfSign_LargeStore_ByDN)->Arg(1024)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
