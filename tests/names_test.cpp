@@ -40,6 +40,7 @@ TEST(CheckSsfFormat, ExactNamesAndTheTwoWarnings) {
       {"RAW_GOST", 8, 2, 0, "#warn# Unknown format name ('RAW_GOST').\n"},
       {"PKCS7", 0, 2, 0, "#warn# Invalid format name lnegth (0)\n"},
       {nullptr, 0, 2, 0, "#warn# Invalid format name lnegth (0)\n"},
+      {nullptr, 5, 2, 0, "#warn# Unknown format name ('').\n"},
       {"PKCS7", -3, 2, 0, "#warn# Invalid format name lnegth (-3)\n"},
       {too_long.c_str(), 257, 2, 0, "#warn# Invalid format name lnegth (257)\n"},
   };

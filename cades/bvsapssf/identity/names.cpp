@@ -51,6 +51,11 @@ int check_ssf_format(const char* strFormat, int32_t strFormatL, unsigned char* i
     BV_TRACE(TRACE_NORMAL, "#warn# Invalid format name lnegth (%d)\n", strFormatL);
     return 2;
   }
+  if (strFormat == nullptr) {
+    // A counted name without bytes: refused like any unknown name, not read.
+    BV_TRACE(TRACE_NORMAL, "#warn# Unknown format name ('%s').\n", "");
+    return 2;
+  }
   bool known = false;
   for (const FormatName& format : kFormats)
     if (same_name(strFormat, strFormatL, format.name, format.length)) known = true;
@@ -74,7 +79,7 @@ unsigned char raw_gost_format(const char* strFormat, int32_t strFormatL) {
 }
 
 const HashName* find_hash_name(const char* strHashAlg, int32_t strHashAlgL) {
-  if (strHashAlgL < 1) return nullptr;
+  if (strHashAlgL < 1 || strHashAlg == nullptr) return nullptr;
   for (const HashName& row : kHashNames)
     if (_mbsnbcmp(reinterpret_cast<const unsigned char*>(strHashAlg),
                   reinterpret_cast<const unsigned char*>(row.name), static_cast<size_t>(strHashAlgL)) == 0)
@@ -83,7 +88,7 @@ const HashName* find_hash_name(const char* strHashAlg, int32_t strHashAlgL) {
 }
 
 const char* find_encryption_oid(const char* strEncrAlg, int32_t strEncrAlgL) {
-  if (strEncrAlgL < 1) return nullptr;
+  if (strEncrAlgL < 1 || strEncrAlg == nullptr) return nullptr;
   for (const char* name : kEncryptionNames)
     if (_mbsnbcmp(reinterpret_cast<const unsigned char*>(strEncrAlg), reinterpret_cast<const unsigned char*>(name),
                   static_cast<size_t>(strEncrAlgL)) == 0)
