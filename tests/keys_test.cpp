@@ -93,7 +93,9 @@ TEST(PrivateKey, Parameter109ProvesThePin) {
     EXPECT_EQ(key_spec, AT_KEYEXCHANGE);
     EXPECT_FALSE(caller_frees);
     EXPECT_EQ(key_opened(provider), c.opened);
-    if (!c.opened) EXPECT_EQ(GetLastError(), c.error);
+    if (!c.opened) {
+      EXPECT_EQ(GetLastError(), c.error);
+    }
     CertFreeCertificateContext(context);  // the handle goes with it
   }
 }
@@ -174,8 +176,11 @@ TEST(PrivateKey, AsksTheHelperProgramWhenAllowed) {
       DWORD spec = 0;
       const BOOL acquired = CryptAcquireCertificatePrivateKey(context, c.flags, nullptr, &provider, &spec, nullptr);
       EXPECT_EQ(acquired != 0, c.acquired);
-      if (!acquired) EXPECT_EQ(GetLastError(), static_cast<DWORD>(SCARD_W_CANCELLED_BY_USER));
-      if (acquired) EXPECT_EQ(key_opened(provider), c.opened);
+      if (!acquired) {
+        EXPECT_EQ(GetLastError(), static_cast<DWORD>(SCARD_W_CANCELLED_BY_USER));
+      } else {
+        EXPECT_EQ(key_opened(provider), c.opened);
+      }
       CertFreeCertificateContext(context);
     });
     EXPECT_EQ(result.exit_code, 0) << result.stderr_text;

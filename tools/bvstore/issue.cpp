@@ -134,9 +134,18 @@ void make_folders(const std::string& path) {
   }
 }
 
+// Written beside and renamed into place, so a reader of the store never
+// sees half a certificate.
 void write_der_certificate(const std::string& path, X509* certificate) {
-  bv::ossl::UniquePtr<BIO> out(BIO_new_file(path.c_str(), "wb"));
-  check(out && i2d_X509_bio(out.get(), certificate) == 1, "writing " + path);
+  const std::string temporary = path + ".tmp";
+  {
+    bv::ossl::UniquePtr<BIO> out(BIO_new_file(temporary.c_str(), "wb"));
+    check(out && i2d_X509_bio(out.get(), certificate) == 1 && BIO_flush(out.get()) == 1, "writing " + path);
+  }
+  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+    std::remove(temporary.c_str());
+    throw Failure{"cannot write " + path};
+  }
 }
 
 void write_der_crl(const std::string& path, X509_CRL* crl) {

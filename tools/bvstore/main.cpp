@@ -195,9 +195,10 @@ int command_import(const Arguments& arguments) {
     throw Failure{"the key is not the certificate's"};
   make_folders(folder);
   const std::string stem = folder + "/" + certificate_hash(certificate.get());
-  write_der_certificate(stem + ".cer", certificate.get());
+  // The key first: a key file without its certificate is never read.
   if (key && !bv::platform::write_key_file(stem + ".key", key.get(), arguments.pin))
     throw Failure{"cannot write " + stem + ".key"};
+  write_der_certificate(stem + ".cer", certificate.get());
   std::printf("%s%s\n", certificate_hash(certificate.get()).c_str(), key ? "  with key" : "");
   return 0;
 }
