@@ -305,6 +305,20 @@ TEST(DigestFailures, ChecksComeInTheirOrderAndLeaveThePointerAlone) {
   }
 }
 
+// Null pointers behind positive lengths end in a code, not a crash.
+TEST(DigestFailures, NullPointersBehindLengths) {
+  const SsfApi& api = SsfApi::get();
+  const auto* data = reinterpret_cast<const unsigned char*>("data");
+  unsigned char* out = &caller_sentinel;
+  uint32_t length = 7;
+  EXPECT_EQ(api.SsfDigest(nullptr, 5, 0, data, 4, "SHA1", 4, &out, &length), SSF_ERR_FORMAT);
+  EXPECT_EQ(api.SsfDigest("PKCS7", 5, 0, data, 4, nullptr, 4, &out, &length), SSF_ERR_HASHALG);
+  EXPECT_EQ(api.SsfDigest("RAW_GOST", 8, 0, nullptr, 4, "SHA1", 4, &out, &length), SSF_ERR_ENCODE);
+  EXPECT_EQ(api.SsfDigest("PKCS7", 5, 1, nullptr, 4, "GOST2012-256", 12, &out, &length), SSF_ERR_ENCODE);
+  EXPECT_EQ(out, &caller_sentinel);
+  EXPECT_EQ(length, 0u);
+}
+
 // OpenSSL 3 keeps MD2 in its legacy provider, which the library does not
 // load: the hash cannot be created, on either path.
 TEST(DigestFailures, HashThatCannotBeCreated) {
