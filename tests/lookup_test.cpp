@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -276,6 +277,30 @@ TEST(Lookup, SelectionThroughTheChooserProgram) {
       EXPECT_EQ(outcome.ids[0], c.id);
     }
   }
+}
+
+// At a terminal the user picks from the numbered list; the record then
+// holds the 59-byte hash text of the choice.
+TEST(Lookup, SelectionAtATerminal) {
+  const SigningWorld& w = SigningWorld::get();
+  SignRequest request;
+  request.signers = {{"$SELECT_CERTIFICATE$", "", "2222"}};
+  std::string screen;
+  const SignOutcome outcome = sign_at_terminal(
+      w.env(), request, "Number of the certificate",
+      [](const std::string& shown) {
+        // The number in front of Bob's entry: "  N) <subject with CN=Bob>".
+        const size_t bob = shown.find("Bob");
+        const size_t line = shown.rfind('\n', bob) + 1;
+        return std::to_string(std::atoi(shown.c_str() + line)) + "\r";
+      },
+      &screen);
+  ASSERT_EQ(outcome.results.size(), 1u) << screen;
+  EXPECT_EQ(outcome.results[0], 0) << screen;
+  EXPECT_EQ(outcome.ids[0].size(), 59u);
+  EXPECT_EQ(upper_hex(outcome.ids[0]), w.bob.sha1_hex);
+  EXPECT_EQ(screen.find("Lonely"), std::string::npos);  // its chain fails: not offered
+  EXPECT_EQ(screen.find("NoKey"), std::string::npos);   // no key link: not offered
 }
 
 // The trace of one call tells each signer's story in order, and no PIN

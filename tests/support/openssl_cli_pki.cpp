@@ -6,7 +6,13 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include <poll.h>
+#include <pty.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
+
+#include <chrono>
 
 #include "host.h"
 
@@ -110,56 +116,54 @@ void install_certificate(const CliCertificate& certificate, const std::string& f
                                std::filesystem::copy_options::overwrite_existing);
 }
 
-SignOutcome sign_through_export(const std::map<std::string, std::string>& env, const SignRequest& request) {
-  TempDir exchange;
-  const std::string outcome_path = exchange / "outcome";
-  const std::string signed_path = exchange / "signed";
-  const ChildResult child = run_isolated(env, [&] {
-    // No controlling terminal: the provider and the chooser never prompt here.
-    setsid();
-    const SsfApi& api = SsfApi::get();
-    SsfInfoNode* list = nullptr;
-    std::vector<SsfInfo*> records;
-    for (const SignerSpec& s : request.signers) {
-      if (s.no_record) {
-        // A node the host built by hand, without a record.
-        auto* node = static_cast<SsfInfoNode*>(std::calloc(1, sizeof(SsfInfoNode)));
-        SsfInfoNode** tail = &list;
-        while (*tail != nullptr) tail = &(*tail)->next;
-        *tail = node;
-        records.push_back(nullptr);
-        continue;
-      }
-      SsfInfo* info = nullptr;
-      ASSERT_EQ(api.SsfNEWSigRcpSsfInfo(s.id.data(), static_cast<int32_t>(s.id.size()), nullptr, 0,
-                                        s.profile.data(), static_cast<int32_t>(s.profile.size()), s.pin.data(),
-                                        static_cast<int32_t>(s.pin.size()), 99, &info),
-                SSF_OK);
-      if (s.negative_pin_length) info->PasswordL = -1;
-      ASSERT_EQ(api.SsfINSSigRcpSsfInfo(info, &list), SSF_OK);
-      records.push_back(info);
+namespace {
+
+// The host's side of one SsfSign call, in the process that runs it; what
+// came back goes to two files for the test's process.
+void sign_here(const SignRequest& request, const std::string& outcome_path, const std::string& signed_path) {
+  const SsfApi& api = SsfApi::get();
+  SsfInfoNode* list = nullptr;
+  std::vector<SsfInfo*> records;
+  for (const SignerSpec& s : request.signers) {
+    if (s.no_record) {
+      // A node the host built by hand, without a record.
+      auto* node = static_cast<SsfInfoNode*>(std::calloc(1, sizeof(SsfInfoNode)));
+      SsfInfoNode** tail = &list;
+      while (*tail != nullptr) tail = &(*tail)->next;
+      *tail = node;
+      records.push_back(nullptr);
+      continue;
     }
-    unsigned char* out = reinterpret_cast<unsigned char*>(1);
-    uint32_t out_length = 12345;
-    const SSF_RC rc = api.SsfSign(request.format.data(), static_cast<int32_t>(request.format.size()), nullptr, 0,
-                                  request.include_certs ? 1 : 0, request.detached ? 1 : 0,
-                                  reinterpret_cast<const unsigned char*>(request.data.data()),
-                                  static_cast<int32_t>(request.data.size()), list, &out, &out_length);
-    std::string outcome = std::to_string(rc) + " " + (out == nullptr ? "null" : "set") + "\n";
-    for (SsfInfo* info : records) {
-      if (info == nullptr) {
-        outcome += "-\n";
-        continue;
-      }
-      outcome += std::to_string(info->Result) + " " + std::string(info->strSigRcpId, info->strSigRcpIdL) + "\n";
+    SsfInfo* info = nullptr;
+    ASSERT_EQ(api.SsfNEWSigRcpSsfInfo(s.id.data(), static_cast<int32_t>(s.id.size()), nullptr, 0,
+                                      s.profile.data(), static_cast<int32_t>(s.profile.size()), s.pin.data(),
+                                      static_cast<int32_t>(s.pin.size()), 99, &info),
+              SSF_OK);
+    if (s.negative_pin_length) info->PasswordL = -1;
+    ASSERT_EQ(api.SsfINSSigRcpSsfInfo(info, &list), SSF_OK);
+    records.push_back(info);
+  }
+  unsigned char* out = reinterpret_cast<unsigned char*>(1);
+  uint32_t out_length = 12345;
+  const SSF_RC rc = api.SsfSign(request.format.data(), static_cast<int32_t>(request.format.size()), nullptr, 0,
+                                request.include_certs ? 1 : 0, request.detached ? 1 : 0,
+                                reinterpret_cast<const unsigned char*>(request.data.data()),
+                                static_cast<int32_t>(request.data.size()), list, &out, &out_length);
+  std::string outcome = std::to_string(rc) + " " + (out == nullptr ? "null" : "set") + "\n";
+  for (SsfInfo* info : records) {
+    if (info == nullptr) {
+      outcome += "-\n";
+      continue;
     }
-    write_file(outcome_path, outcome);
-    write_file(signed_path, out == nullptr ? std::string() : std::string(reinterpret_cast<char*>(out), out_length));
-    if (out != nullptr) api.SsfDELSsfOctetstring(&out, &out_length);
-  });
+    outcome += std::to_string(info->Result) + " " + std::string(info->strSigRcpId, info->strSigRcpIdL) + "\n";
+  }
+  write_file(outcome_path, outcome);
+  write_file(signed_path, out == nullptr ? std::string() : std::string(reinterpret_cast<char*>(out), out_length));
+  if (out != nullptr) api.SsfDELSsfOctetstring(&out, &out_length);
+}
+
+SignOutcome read_outcome(const std::string& outcome_path, const std::string& signed_path) {
   SignOutcome outcome;
-  outcome.child_stderr = child.stderr_text;
-  EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
   const std::string text = read_file(outcome_path);
   size_t line_end = text.find('\n');
   if (line_end == std::string::npos) return outcome;
@@ -181,6 +185,70 @@ SignOutcome sign_through_export(const std::map<std::string, std::string>& env, c
   }
   outcome.signed_data = read_file(signed_path);
   return outcome;
+}
+
+
+}  // namespace
+
+SignOutcome sign_through_export(const std::map<std::string, std::string>& env, const SignRequest& request) {
+  TempDir exchange;
+  const ChildResult child = run_isolated(env, [&] {
+    // No controlling terminal: the provider and the chooser never prompt here.
+    setsid();
+    sign_here(request, exchange / "outcome", exchange / "signed");
+  });
+  EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
+  SignOutcome outcome = read_outcome(exchange / "outcome", exchange / "signed");
+  outcome.child_stderr = child.stderr_text;
+  return outcome;
+}
+
+SignOutcome sign_at_terminal(const std::map<std::string, std::string>& env, const SignRequest& request,
+                             const std::string& prompt, const std::function<std::string(const std::string&)>& answer,
+                             std::string* screen_out) {
+  TempDir exchange;
+  std::fflush(nullptr);
+  int terminal = -1;
+  const pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
+  if (pid == 0) {
+    for (const auto& [name, value] : env) {
+      if (value.empty())
+        unsetenv(name.c_str());
+      else
+        setenv(name.c_str(), value.c_str(), 1);
+    }
+    sign_here(request, exchange / "outcome", exchange / "signed");
+    std::fflush(nullptr);
+    _exit(::testing::Test::HasFailure() ? 1 : 0);
+  }
+  std::string screen;
+  bool answered = false;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  for (;;) {
+    pollfd ready{terminal, POLLIN, 0};
+    if (poll(&ready, 1, 200) > 0) {
+      char chunk[4096];
+      const ssize_t n = read(terminal, chunk, sizeof chunk);
+      if (n <= 0) break;  // the child closed the terminal
+      screen.append(chunk, static_cast<size_t>(n));
+      if (!answered && screen.find(prompt) != std::string::npos) {
+        const std::string typed = answer(screen);
+        EXPECT_EQ(write(terminal, typed.data(), typed.size()), static_cast<ssize_t>(typed.size()));
+        answered = true;
+      }
+    }
+    if (std::chrono::steady_clock::now() > deadline) {
+      ADD_FAILURE() << "no end at the terminal:\n" << screen;
+      kill(pid, SIGKILL);
+      break;
+    }
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  close(terminal);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << screen;
+  if (screen_out != nullptr) *screen_out = screen;
+  return read_outcome(exchange / "outcome", exchange / "signed");
 }
 
 int openssl_cms_verify(const std::string& message, const std::string& ca_file, const std::string& signer_certs,
