@@ -1,6 +1,7 @@
 #include "host.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -105,6 +106,8 @@ ChildResult run_isolated(const std::map<std::string, std::string>& env, const st
   close(pipe_fds[0]);
   int status = 0;
   waitpid(pid, &status, 0);
+  // The child ended without running exit code, so a trace table it made is still there.
+  shm_unlink(bv::trace::table_name(pid).c_str());
   result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   return result;
 }
