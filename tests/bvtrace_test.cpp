@@ -19,12 +19,6 @@ using bv::test::TempDir;
 
 namespace {
 
-class RemoveStaleTables : public ::testing::Environment {
- public:
-  void TearDown() override { bv::trace::remove_stale_tables(); }
-};
-const auto* const g_cleanup = ::testing::AddGlobalTestEnvironment(new RemoveStaleTables);
-
 const std::string kTool = BV_TOOLS_DIR "/bvtrace";
 
 void query_formats() {

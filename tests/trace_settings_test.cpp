@@ -27,13 +27,6 @@ namespace {
 using Env = std::map<std::string, std::string>;
 using Lines = std::vector<std::string>;
 
-// Children that end with _exit leave their tables behind; nothing may stay.
-class RemoveStaleTables : public ::testing::Environment {
- public:
-  void TearDown() override { bv::trace::remove_stale_tables(); }
-};
-const auto* const g_cleanup = ::testing::AddGlobalTestEnvironment(new RemoveStaleTables);
-
 Env folders(const TempDir& dir) {
   return {{"BV_PLATFORM_COMMON_APPDATA", dir / "common"},
           {"BV_PLATFORM_LOCAL_APPDATA", dir / "local"},
