@@ -130,11 +130,18 @@ TEST(CertNameToStrA, SizeQueryAndShortBuffer) {
   char shorter[5];
   EXPECT_EQ(CertNameToStrA(X509_ASN_ENCODING, &blob, CERT_X500_NAME_STR, shorter, sizeof shorter), 5u);
   EXPECT_STREQ(shorter, "CN=I");
+  // A value that is no text shows as its encoding in hexadecimal.
+  std::vector<BYTE> octets = {0x30, 0x0E, 0x31, 0x0C, 0x30, 0x0A, 0x06, 0x03, 0x2A, 0x03,
+                              0x04, 0x04, 0x03, 0x01, 0x02, 0x03};
+  EXPECT_EQ(render(octets, CERT_X500_NAME_STR), "OID.1.2.3.4=#0403010203");
+  // Not a name, or a name cut short: an empty text.
+  std::vector<BYTE> cut(der.begin(), der.end() - 1);
   BYTE garbage[] = {0x04, 0x01, 0x00};
-  CERT_NAME_BLOB bad{sizeof garbage, garbage};
-  char empty[4] = "xyz";
-  EXPECT_EQ(CertNameToStrA(X509_ASN_ENCODING, &bad, CERT_X500_NAME_STR, empty, sizeof empty), 1u);
-  EXPECT_STREQ(empty, "");
+  for (CERT_NAME_BLOB bad : {CERT_NAME_BLOB{sizeof garbage, garbage}, CERT_NAME_BLOB{static_cast<DWORD>(cut.size()), cut.data()}}) {
+    char empty[4] = "xyz";
+    EXPECT_EQ(CertNameToStrA(X509_ASN_ENCODING, &bad, CERT_X500_NAME_STR, empty, sizeof empty), 1u);
+    EXPECT_STREQ(empty, "");
+  }
 }
 
 TEST(CertCompareIntegerBlob, ReducesAsTheTableSays) {

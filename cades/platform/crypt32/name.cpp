@@ -3,14 +3,16 @@
 // the attributes of one RDN with " + "; a value is put in double quotes
 // when it is empty, starts or ends with a blank, or holds one of
 // , + = " \n < > # ; and a quote inside it is doubled.
+#include <openssl/asn1.h>  // the V_ASN1_ tag numbers
+
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "crypt32/cert.h"
 #include "kernel32/kernel32.h"
-#include "openssl/ossl.h"
 
 namespace {
 
@@ -80,13 +82,65 @@ bool decode_utf8(const unsigned char* bytes, size_t length, std::vector<uint32_t
   return true;
 }
 
+// One DER element: its tag, its content, and the whole of it.
+struct Element {
+  int tag = 0;
+  const unsigned char* content = nullptr;
+  size_t length = 0;
+  const unsigned char* start = nullptr;
+  size_t total = 0;
+};
+
+// Reads the element at `cursor` (single-byte tags, definite lengths) and
+// steps over it.  False for anything malformed or running past `end`.
+bool read_element(const unsigned char*& cursor, const unsigned char* end, Element& out) {
+  if (cursor >= end) return false;
+  out.start = cursor;
+  out.tag = *cursor++;
+  if ((out.tag & 0x1F) == 0x1F || cursor >= end) return false;
+  size_t length = *cursor++;
+  if (length & 0x80) {
+    const size_t bytes = length & 0x7F;
+    if (bytes == 0 || bytes > 4 || static_cast<size_t>(end - cursor) < bytes) return false;
+    length = 0;
+    for (size_t i = 0; i < bytes; ++i) length = (length << 8) | *cursor++;
+  }
+  if (static_cast<size_t>(end - cursor) < length) return false;
+  out.content = cursor;
+  out.length = length;
+  cursor += length;
+  out.total = static_cast<size_t>(cursor - out.start);
+  return true;
+}
+
+// Dotted text of an OBJECT IDENTIFIER's content; empty if malformed.
+std::string dotted_oid(const unsigned char* bytes, size_t length) {
+  std::string text;
+  uint64_t arc = 0;
+  bool first = true;
+  for (size_t i = 0; i < length; ++i) {
+    if (arc > (UINT64_MAX >> 7)) return {};
+    arc = (arc << 7) | (bytes[i] & 0x7F);
+    if (bytes[i] & 0x80) continue;
+    if (first) {
+      const uint64_t top = arc < 40 ? 0 : arc < 80 ? 1 : 2;
+      text = std::to_string(top) + "." + std::to_string(arc - 40 * top);
+      first = false;
+    } else {
+      text += "." + std::to_string(arc);
+    }
+    arc = 0;
+  }
+  return (length == 0 || (bytes[length - 1] & 0x80)) ? std::string() : text;
+}
+
 // The value's characters as code points.  Types that are no text show as
 // '#' and the hexadecimal of their encoding.
-std::vector<uint32_t> value_characters(const ASN1_STRING* value) {
+std::vector<uint32_t> value_characters(const Element& value) {
   std::vector<uint32_t> out;
-  const unsigned char* bytes = ASN1_STRING_get0_data(value);
-  const size_t length = static_cast<size_t>(ASN1_STRING_length(value));
-  switch (ASN1_STRING_type(value)) {
+  const unsigned char* bytes = value.content;
+  const size_t length = value.length;
+  switch (value.tag) {
     case V_ASN1_UTF8STRING:
       if (!decode_utf8(bytes, length, out)) {
         out.clear();
@@ -122,24 +176,70 @@ std::vector<uint32_t> value_characters(const ASN1_STRING* value) {
       break;
     default: {
       static const char digits[] = "0123456789ABCDEF";
-      unsigned char* der = nullptr;
-      ASN1_TYPE* any = ASN1_TYPE_new();
-      int der_length = 0;
-      if (any != nullptr) {
-        ASN1_TYPE_set1(any, ASN1_STRING_type(value), value);
-        der_length = i2d_ASN1_TYPE(any, &der);
-        ASN1_TYPE_free(any);
-      }
       out.push_back('#');
-      for (int i = 0; i < der_length; ++i) {
-        out.push_back(static_cast<uint32_t>(digits[der[i] >> 4]));
-        out.push_back(static_cast<uint32_t>(digits[der[i] & 15]));
+      for (size_t i = 0; i < value.total; ++i) {
+        out.push_back(static_cast<uint32_t>(digits[value.start[i] >> 4]));
+        out.push_back(static_cast<uint32_t>(digits[value.start[i] & 15]));
       }
-      OPENSSL_free(der);
       break;
     }
   }
   return out;
+}
+
+bool is_text(int tag) {
+  switch (tag) {
+    case V_ASN1_UTF8STRING:
+    case V_ASN1_BMPSTRING:
+    case V_ASN1_UNIVERSALSTRING:
+    case V_ASN1_T61STRING:
+    case V_ASN1_PRINTABLESTRING:
+    case V_ASN1_IA5STRING:
+    case V_ASN1_NUMERICSTRING:
+    case V_ASN1_VISIBLESTRING:
+      return true;
+    default:
+      return false;
+  }
+}
+
+struct Attribute {
+  std::string oid;
+  Element value;
+};
+
+// Name ::= SEQUENCE OF RelativeDistinguishedName
+// RelativeDistinguishedName ::= SET SIZE (1..MAX) OF AttributeTypeAndValue
+// AttributeTypeAndValue ::= SEQUENCE { type OBJECT IDENTIFIER, value ANY }
+// Read directly: this runs for every certificate a DN search visits.
+bool read_name(const unsigned char* der, size_t length, std::vector<std::vector<Attribute>>& rdns) {
+  const unsigned char* cursor = der;
+  const unsigned char* end = der + length;
+  Element name;
+  if (!read_element(cursor, end, name) || name.tag != 0x30) return false;
+  const unsigned char* rdn_cursor = name.content;
+  const unsigned char* rdn_end = name.content + name.length;
+  while (rdn_cursor < rdn_end) {
+    Element set;
+    if (!read_element(rdn_cursor, rdn_end, set) || set.tag != 0x31 || set.length == 0) return false;
+    rdns.emplace_back();
+    const unsigned char* attribute_cursor = set.content;
+    const unsigned char* attribute_end = set.content + set.length;
+    while (attribute_cursor < attribute_end) {
+      Element sequence, type, value;
+      if (!read_element(attribute_cursor, attribute_end, sequence) || sequence.tag != 0x30) return false;
+      const unsigned char* inner = sequence.content;
+      const unsigned char* inner_end = sequence.content + sequence.length;
+      if (!read_element(inner, inner_end, type) || type.tag != 0x06 || !read_element(inner, inner_end, value) ||
+          inner != inner_end) {
+        return false;
+      }
+      Attribute attribute{dotted_oid(type.content, type.length), value};
+      if (attribute.oid.empty()) return false;
+      rdns.back().push_back(std::move(attribute));
+    }
+  }
+  return true;
 }
 
 bool needs_quotes(const std::vector<uint32_t>& value) {
@@ -164,34 +264,15 @@ bool needs_quotes(const std::vector<uint32_t>& value) {
   return false;
 }
 
-std::string oid_of(const ASN1_OBJECT* object) {
-  char text[128];
-  const int length = OBJ_obj2txt(text, sizeof text, object, 1);
-  return length > 0 && static_cast<size_t>(length) < sizeof text ? std::string(text) : std::string();
-}
-
 }  // namespace
 
 DWORD CertNameToStrA(DWORD /*dwCertEncodingType*/, PCERT_NAME_BLOB pName, DWORD dwStrType, LPSTR psz, DWORD csz) {
   std::string text;
   const DWORD form = dwStrType & 0xFFFF;
-  const unsigned char* cursor = pName != nullptr ? pName->pbData : nullptr;
-  bv::ossl::UniquePtr<X509_NAME> name;
-  if (cursor != nullptr && pName->cbData != 0) {
-    name.reset(d2i_X509_NAME(nullptr, &cursor, static_cast<long>(pName->cbData)));
-  }
-  if (!name) {
-    bv::ossl::fail(CRYPT_E_ASN1_BADTAG);
+  std::vector<std::vector<Attribute>> rdns;
+  if (pName == nullptr || pName->pbData == nullptr || !read_name(pName->pbData, pName->cbData, rdns)) {
+    SetLastError(CRYPT_E_ASN1_BADTAG);
   } else {
-    // Group the attributes by RDN, in encoded order.
-    std::vector<std::vector<const X509_NAME_ENTRY*>> rdns;
-    int last_set = -1;
-    for (int i = 0; i < X509_NAME_entry_count(name.get()); ++i) {
-      const X509_NAME_ENTRY* entry = X509_NAME_get_entry(name.get(), i);
-      if (rdns.empty() || X509_NAME_ENTRY_set(entry) != last_set) rdns.emplace_back();
-      last_set = X509_NAME_ENTRY_set(entry);
-      rdns.back().push_back(entry);
-    }
     if (dwStrType & CERT_NAME_STR_REVERSE_FLAG) std::reverse(rdns.begin(), rdns.end());
     const char* rdn_separator = ", ";
     if (dwStrType & CERT_NAME_STR_SEMICOLON_FLAG) rdn_separator = "; ";
@@ -203,8 +284,8 @@ DWORD CertNameToStrA(DWORD /*dwCertEncodingType*/, PCERT_NAME_BLOB pName, DWORD 
       if (r != 0) text += rdn_separator;
       for (size_t a = 0; a < rdns[r].size(); ++a) {
         if (a != 0) text += attribute_separator;
-        const X509_NAME_ENTRY* entry = rdns[r][a];
-        const std::string oid = oid_of(X509_NAME_ENTRY_get_object(entry));
+        const Attribute& entry = rdns[r][a];
+        const std::string& oid = entry.oid;
         if (form == CERT_OID_NAME_STR) {
           text += oid + "=";
         } else if (form == CERT_X500_NAME_STR) {
@@ -213,8 +294,9 @@ DWORD CertNameToStrA(DWORD /*dwCertEncodingType*/, PCERT_NAME_BLOB pName, DWORD 
             if (oid == known.oid) key = known.key;
           text += key != nullptr ? std::string(key) + "=" : "OID." + oid + "=";
         }
-        const std::vector<uint32_t> value = value_characters(X509_NAME_ENTRY_get_data(entry));
-        const bool quoted = quoting && needs_quotes(value);
+        const std::vector<uint32_t> value = value_characters(entry.value);
+        // The '#' in front of an encoding in hexadecimal is no reason to quote.
+        const bool quoted = quoting && is_text(entry.value.tag) && needs_quotes(value);
         if (quoted) text += '"';
         for (uint32_t c : value) {
           if (quoted && c == '"') text += '"';
