@@ -39,6 +39,13 @@ void react_to_errno(int saved) {
   }
 }
 
+// Every call site formats the thread id, passing line or not; ask the kernel
+// once per thread.
+int current_thread_id() {
+  thread_local const int id = static_cast<int>(syscall(SYS_gettid));
+  return id;
+}
+
 const char* after_last_backslash(const char* file) {
   const char* cut = std::strrchr(file, '\\');
   return cut != nullptr ? cut + 1 : file;
@@ -109,7 +116,7 @@ TraceSite::TraceSite(const char* function, const char* file, int line_no) : Trac
 TraceSite::TraceSite(const char* function, const char* file) : text(buffer), line(0) {
   const int saved = errno;
   errno = 0;
-  std::snprintf(buffer, sizeof buffer, "{%d} /%s/ %s", static_cast<int>(syscall(SYS_gettid)), function,
+  std::snprintf(buffer, sizeof buffer, "{%d} /%s/ %s", current_thread_id(), function,
                 after_last_backslash(file));
   buffer[sizeof buffer - 1] = '\0';
   if (errno == 0) errno = saved;
