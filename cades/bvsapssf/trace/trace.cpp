@@ -1,5 +1,6 @@
 #include "trace/trace.h"
 
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -40,9 +41,18 @@ void react_to_errno(int saved) {
 }
 
 // Every call site formats the thread id, passing line or not; ask the kernel
-// once per thread.
+// once per thread, and again after a fork, where the caller's copy of the
+// cached id would name the parent's thread.
+unsigned g_fork_generation = 1;
+const int g_fork_hook = pthread_atfork(nullptr, nullptr, [] { ++g_fork_generation; });
+
 int current_thread_id() {
-  thread_local const int id = static_cast<int>(syscall(SYS_gettid));
+  thread_local int id = 0;
+  thread_local unsigned generation = 0;
+  if (generation != g_fork_generation) {
+    id = static_cast<int>(syscall(SYS_gettid));
+    generation = g_fork_generation;
+  }
   return id;
 }
 
