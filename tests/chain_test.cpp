@@ -209,7 +209,7 @@ TEST_F(ChainTest, AnchorsAndIntermediatesComeFromTheirStores) {
   CertCloseStore(my, 0);
 }
 
-TEST_F(ChainTest, IntermediateFromTheAdditionalStore) {
+TEST_F(ChainTest, IntermediateFromTheAdditionalOrTheOwnStore) {
   stores.put("Root", "root.cer", root.get());
   UniquePtr<X509> cert = end_cert({});
   HCERTSTORE message = CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, CERT_STORE_CREATE_NEW_FLAG, nullptr);
@@ -221,6 +221,9 @@ TEST_F(ChainTest, IntermediateFromTheAdditionalStore) {
   EXPECT_EQ(chain.status(), 0u);
   EXPECT_EQ(chain.length(), 3u);
   CertCloseStore(message, 0);
+  // The certificate's own store serves as well.
+  stores.put("My", "zz-ca.cer", ca.get());
+  EXPECT_EQ(build(cert.get(), 0).status(), 0u);
 }
 
 TEST_F(ChainTest, RevocationAsTheFlagsAsk) {

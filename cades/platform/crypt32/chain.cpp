@@ -9,6 +9,8 @@
 #include <new>
 #include <set>
 #include <string>
+#include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "crypt32/revocation.h"
@@ -97,16 +99,27 @@ struct Candidate {
   bool trusted = false;  // a self-signed certificate of a Root store
 };
 
+unsigned long name_hash(const X509_NAME* name) {
+  int ok = 0;
+  const unsigned long hash = X509_NAME_hash_ex(name, nullptr, nullptr, &ok);
+  ERR_clear_error();
+  return ok ? hash : 0;
+}
+
 // Every certificate the engine knows besides the end certificate, trust
-// anchors first, and the CRLs of the stores.
+// anchors first, and the CRLs of the stores.  Indexed by subject, so that a
+// store of thousands of certificates costs a look-up, not a scan, per step.
 struct Pool {
   std::vector<Candidate> candidates;
-  std::vector<UniquePtr<X509>> distrusted;
+  std::unordered_set<std::string> known, anchors, distrusted;  // SHA-1 of the certificates
+  std::unordered_multimap<unsigned long, size_t> by_subject;
   std::vector<UniquePtr<X509_CRL>> crls;
 
   void add(UniquePtr<X509> cert, bool trusted) {
-    for (const Candidate& known : candidates)
-      if (X509_cmp(known.x509.get(), cert.get()) == 0) return;
+    const std::string id = sha1_of(cert.get());
+    if (!known.insert(id).second) return;
+    if (trusted) anchors.insert(id);
+    by_subject.emplace(name_hash(X509_get_subject_name(cert.get())), candidates.size());
     candidates.push_back(Candidate{std::move(cert), trusted});
   }
   void add_store(HCERTSTORE store) {
@@ -122,6 +135,21 @@ struct Pool {
       add(std::move(cert), anchor);
     }
     for (auto& crl : objects.crls) crls.push_back(std::move(crl));
+  }
+  void add_distrusted(DWORD location) {
+    bv::platform::StoreObjects objects;
+    if (bv::platform::read_system_store("Disallowed", location, objects))
+      for (auto& cert : objects.certificates) distrusted.insert(sha1_of(cert.get()));
+  }
+  // Candidates whose subject may be `name`, in the order they were added.
+  std::vector<const Candidate*> named(const X509_NAME* name) const {
+    std::vector<size_t> indexes;
+    const auto range = by_subject.equal_range(name_hash(name));
+    for (auto it = range.first; it != range.second; ++it) indexes.push_back(it->second);
+    std::sort(indexes.begin(), indexes.end());
+    std::vector<const Candidate*> out;
+    for (size_t index : indexes) out.push_back(&candidates[index]);
+    return out;
   }
 };
 
@@ -222,7 +250,7 @@ BOOL CertGetCertificateChain(HCERTCHAINENGINE hChainEngine, PCCERT_CONTEXT pCert
   const time_t at = pTime != nullptr ? time_from_filetime(*pTime) : std::time(nullptr);
 
   // 2. What the engine knows: trust anchors of the Root stores, the
-  //    additional store, the certificate's own store, the CA stores.
+  //    additional store, the CA stores, the certificate's own store.
   const bool machine_only = hChainEngine == HCCE_LOCAL_MACHINE || (dwFlags & CERT_CHAIN_USE_LOCAL_MACHINE_STORE) != 0;
   std::vector<DWORD> locations;
   if (!machine_only) locations.push_back(CERT_SYSTEM_STORE_CURRENT_USER);
@@ -230,13 +258,20 @@ BOOL CertGetCertificateChain(HCERTCHAINENGINE hChainEngine, PCCERT_CONTEXT pCert
   Pool pool;
   for (DWORD location : locations) pool.add_system_store("Root", location, /*roots=*/true);
   pool.add_store(hAdditionalStore);
-  pool.add_store(pCertContext->hCertStore);
   for (DWORD location : locations) pool.add_system_store("CA", location, /*roots=*/false);
-  for (DWORD location : locations) {
-    bv::platform::StoreObjects disallowed;
-    if (bv::platform::read_system_store("Disallowed", location, disallowed))
-      for (auto& cert : disallowed.certificates) pool.distrusted.push_back(std::move(cert));
-  }
+  // The certificate's own store (often a large My store) is read only when
+  // the others hold no issuer by that name.
+  bool own_store_added = false;
+  auto issuers_named = [&](const X509_NAME* name) {
+    std::vector<const Candidate*> found = pool.named(name);
+    if (found.empty() && !own_store_added) {
+      own_store_added = true;
+      pool.add_store(pCertContext->hCertStore);
+      found = pool.named(name);
+    }
+    return found;
+  };
+  for (DWORD location : locations) pool.add_distrusted(location);
 
   // 3. Build upwards: at each step the best issuer that isn't in the chain
   //    yet, until a self-signed certificate or nobody is found.
@@ -251,25 +286,24 @@ BOOL CertGetCertificateChain(HCERTCHAINENGINE hChainEngine, PCCERT_CONTEXT pCert
     if (self_issued(current) && signed_by(current, current)) {
       reached_root = true;
       infos.back() |= CERT_TRUST_IS_SELF_SIGNED | CERT_TRUST_HAS_NAME_MATCH_ISSUER | CERT_TRUST_HAS_PREFERRED_ISSUER;
-      for (const Candidate& candidate : pool.candidates)
-        if (candidate.trusted && X509_cmp(candidate.x509.get(), current) == 0) trusted_root = true;
+      trusted_root = pool.anchors.count(sha1_of(current)) != 0;
       break;
     }
     const Candidate* best = nullptr;
     int best_rank = -1;
     bool only_cycles = false;
-    for (const Candidate& candidate : pool.candidates) {
-      const int rank = issuer_rank(current, candidate, at);
+    for (const Candidate* candidate : issuers_named(X509_get_issuer_name(current))) {
+      const int rank = issuer_rank(current, *candidate, at);
       if (rank < 0) continue;
       const bool in_chain = std::any_of(chain.begin(), chain.end(), [&](const UniquePtr<X509>& link) {
-        return X509_cmp(link.get(), candidate.x509.get()) == 0;
+        return X509_cmp(link.get(), candidate->x509.get()) == 0;
       });
       if (in_chain) {
         only_cycles = best == nullptr;
         continue;
       }
       if (rank > best_rank) {
-        best = &candidate;
+        best = candidate;
         best_rank = rank;
       }
     }
@@ -328,8 +362,7 @@ BOOL CertGetCertificateChain(HCERTCHAINENGINE hChainEngine, PCCERT_CONTEXT pCert
     if ((X509_get_extension_flags(cert) & EXFLAG_CRITICAL) != 0)
       errors[i] |= CERT_TRUST_INVALID_EXTENSION | CERT_TRUST_HAS_NOT_SUPPORTED_CRITICAL_EXT;
     if (!usage_satisfied(usages_of(cert), pChainPara->RequestedUsage)) errors[i] |= CERT_TRUST_IS_NOT_VALID_FOR_USAGE;
-    for (const auto& bad : pool.distrusted)
-      if (X509_cmp(bad.get(), cert) == 0) errors[i] |= CERT_TRUST_IS_EXPLICIT_DISTRUST;
+    if (pool.distrusted.count(sha1_of(cert)) != 0) errors[i] |= CERT_TRUST_IS_EXPLICIT_DISTRUST;
     ERR_clear_error();
   }
   if (reached_root && !trusted_root) errors[count - 1] |= CERT_TRUST_IS_UNTRUSTED_ROOT;
