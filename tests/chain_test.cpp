@@ -92,7 +92,10 @@ class ChainTest : public ::testing::Test {
 
   Chain build(X509* cert, DWORD flags, HCERTCHAINENGINE engine = nullptr, HCERTSTORE additional = nullptr,
               CERT_USAGE_MATCH usage = {}) {
-    PCCERT_CONTEXT context = in_my_store(cert);
+    stores.put("My", "end.cer", cert);
+    // Open while the chain is built, as a caller's store is.
+    HCERTSTORE my = CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, u"My");
+    PCCERT_CONTEXT context = CertEnumCertificatesInStore(my, nullptr);
     Chain chain;
     CERT_CHAIN_PARA para{};
     para.cbSize = sizeof para;
@@ -100,6 +103,7 @@ class ChainTest : public ::testing::Test {
     chain.ok = CertGetCertificateChain(engine, context, nullptr, additional, &para, flags, nullptr, &chain.context);
     chain.last_error = GetLastError();
     CertFreeCertificateContext(context);
+    CertCloseStore(my, 0);
     EXPECT_TRUE(chain.ok) << std::hex << chain.last_error;
     return chain;
   }
