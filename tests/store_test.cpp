@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <filesystem>
+#include <thread>
 #include <string>
 #include <vector>
 
@@ -233,6 +235,30 @@ TEST_F(StoreTest, InhibitedPropertyStaysWithThisOpenStore) {
   CertFreeCertificateContext(other);
   CertCloseStore(one, 0);
   CertCloseStore(two, 0);
+}
+
+TEST_F(StoreTest, ThreadsShareTheCacheSafely) {
+  // A host calls from any thread: opens, finds and closes race on the cache
+  // (the sanitizer build watches for it); every thread sees the same store.
+  const DemoPki& pki = DemoPki::get();
+  bv::platform::forget_cached_stores();
+  std::vector<std::string> expected;
+  for (const auto& entry : pki.entries())
+    if (entry.store == "My") expected.push_back(entry.hash);
+  std::vector<std::thread> threads;
+  std::atomic<int> mismatches{0};
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 50; ++i) {
+        if (i % 10 == 0) bv::platform::forget_cached_stores();
+        HCERTSTORE store = open_system(u"My", 0x14004);
+        if (hashes_in(store) != expected) ++mismatches;
+        CertCloseStore(store, 0);
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(mismatches.load(), 0);
 }
 
 TEST_F(StoreTest, ChainEngineReadsCertificatesAndCrls) {
