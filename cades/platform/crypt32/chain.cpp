@@ -23,6 +23,7 @@ using bv::ossl::UniquePtr;
 namespace revocation = bv::platform::revocation;
 
 constexpr size_t kMaxChainLength = 16;
+constexpr int kSignatureGood = 8;  // the weight of a good signature in an issuer's rank
 
 // What a PCCERT_CHAIN_CONTEXT points at: the public record first, then the
 // storage its pointers lead into.
@@ -160,7 +161,7 @@ int issuer_rank(X509* cert, const Candidate& candidate, time_t at) {
   ERR_clear_error();
   if (check != X509_V_OK && check != X509_V_ERR_KEYUSAGE_NO_CERTSIGN) return -1;
   int rank = 0;
-  if (signed_by(cert, candidate.x509.get())) rank += 8;
+  if (signed_by(cert, candidate.x509.get())) rank += kSignatureGood;
   if (check == X509_V_OK) rank += 4;
   if (time_valid(candidate.x509.get(), at)) rank += 2;
   if (candidate.trusted) rank += 1;
@@ -259,18 +260,6 @@ BOOL CertGetCertificateChain(HCERTCHAINENGINE hChainEngine, PCCERT_CONTEXT pCert
   for (DWORD location : locations) pool.add_system_store("Root", location, /*roots=*/true);
   pool.add_store(hAdditionalStore);
   for (DWORD location : locations) pool.add_system_store("CA", location, /*roots=*/false);
-  // The certificate's own store (often a large My store) is read only when
-  // the others hold no issuer by that name.
-  bool own_store_added = false;
-  auto issuers_named = [&](const X509_NAME* name) {
-    std::vector<const Candidate*> found = pool.named(name);
-    if (found.empty() && !own_store_added) {
-      own_store_added = true;
-      pool.add_store(pCertContext->hCertStore);
-      found = pool.named(name);
-    }
-    return found;
-  };
   for (DWORD location : locations) pool.add_distrusted(location);
 
   // 3. Build upwards: at each step the best issuer that isn't in the chain
@@ -281,6 +270,7 @@ BOOL CertGetCertificateChain(HCERTCHAINENGINE hChainEngine, PCCERT_CONTEXT pCert
   std::vector<DWORD> errors(1, 0), infos(1, 0);
   DWORD chain_errors = 0;
   bool reached_root = false, trusted_root = false;
+  bool own_store_added = false;
   for (;;) {
     X509* current = chain.back().get();
     if (self_issued(current) && signed_by(current, current)) {
@@ -289,22 +279,34 @@ BOOL CertGetCertificateChain(HCERTCHAINENGINE hChainEngine, PCCERT_CONTEXT pCert
       trusted_root = pool.anchors.count(sha1_of(current)) != 0;
       break;
     }
+    // The certificate's own store (often a large My store) is read only
+    // when the other stores hold no issuer whose signature verifies.
     const Candidate* best = nullptr;
     int best_rank = -1;
     bool only_cycles = false;
-    for (const Candidate* candidate : issuers_named(X509_get_issuer_name(current))) {
-      const int rank = issuer_rank(current, *candidate, at);
-      if (rank < 0) continue;
-      const bool in_chain = std::any_of(chain.begin(), chain.end(), [&](const UniquePtr<X509>& link) {
-        return X509_cmp(link.get(), candidate->x509.get()) == 0;
-      });
-      if (in_chain) {
-        only_cycles = best == nullptr;
-        continue;
+    for (int pass = 0; pass < 2 && best_rank < kSignatureGood; ++pass) {
+      if (pass == 1) {
+        if (own_store_added) break;
+        own_store_added = true;
+        pool.add_store(pCertContext->hCertStore);
       }
-      if (rank > best_rank) {
-        best = candidate;
-        best_rank = rank;
+      best = nullptr;
+      best_rank = -1;
+      only_cycles = false;
+      for (const Candidate* candidate : pool.named(X509_get_issuer_name(current))) {
+        const int rank = issuer_rank(current, *candidate, at);
+        if (rank < 0) continue;
+        const bool in_chain = std::any_of(chain.begin(), chain.end(), [&](const UniquePtr<X509>& link) {
+          return X509_cmp(link.get(), candidate->x509.get()) == 0;
+        });
+        if (in_chain) {
+          only_cycles = best == nullptr;
+          continue;
+        }
+        if (rank > best_rank) {
+          best = candidate;
+          best_rank = rank;
+        }
       }
     }
     if (best == nullptr) {
