@@ -34,7 +34,7 @@ std::vector<BYTE> parameters_der(const X509_ALGOR* algorithm) {
   int type = 0;
   const void* value = nullptr;
   X509_ALGOR_get0(nullptr, &type, &value, algorithm);
-  if (type == V_ASN1_UNDEF || value == nullptr && type != V_ASN1_NULL) return {};
+  if (type == V_ASN1_UNDEF || (value == nullptr && type != V_ASN1_NULL)) return {};
   ASN1_TYPE* parameters = ASN1_TYPE_new();
   if (parameters == nullptr) return {};
   ASN1_TYPE_set1(parameters, type, value);

@@ -640,7 +640,10 @@ HCERTSTORE CertOpenStore(LPCSTR lpszStoreProvider, DWORD /*dwEncodingType*/, HCR
   if (auto contents = folder_contents(folder)) {
     std::lock_guard<std::mutex> lock(store->mutex);
     store->elements.reserve(contents->certificates.size());
-    for (const auto& parsed : contents->certificates) store->elements.push_back(new_element(store, parsed));
+    for (const auto& parsed : contents->certificates) {
+      store->elements.push_back(new_element(store, parsed));
+      store->elements.back()->position = store->elements.size() - 1;
+    }
   }
   return store;
 }
@@ -689,9 +692,10 @@ PCCERT_CONTEXT CertFindCertificateInStore(HCERTSTORE hCertStore, DWORD /*dwCertE
   std::lock_guard<std::mutex> lock(store->mutex);
   size_t start = 0;
   if (previous != nullptr) {
-    auto at = std::find(store->elements.begin(), store->elements.end(), previous);
-    if (at == store->elements.end()) return finish(nullptr, CRYPT_E_NOT_FOUND);
-    start = static_cast<size_t>(at - store->elements.begin()) + 1;
+    // A context of another store, or one replaced since, has no place here.
+    if (previous->position >= store->elements.size() || store->elements[previous->position] != previous)
+      return finish(nullptr, CRYPT_E_NOT_FOUND);
+    start = previous->position + 1;
   }
   for (size_t i = start; i < store->elements.size(); ++i) {
     if (matches(*store->elements[i], dwFindType, pvFindPara)) return finish(handed_out(store->elements[i]), 0);
@@ -736,9 +740,11 @@ BOOL CertAddCertificateContextToStore(HCERTSTORE hCertStore, PCCERT_CONTEXT pCer
     if (dwAddDisposition == CERT_STORE_ADD_REPLACE_EXISTING_INHERIT_PROPERTIES && !added->key_prov_info_set) {
       copy_properties(*replaced, *added);
     }
+    added->position = static_cast<size_t>(existing - store->elements.begin());
     *existing = added;
     release_element(replaced);
   } else {
+    added->position = store->elements.size();
     store->elements.push_back(added);
   }
   if (ppStoreContext != nullptr) *ppStoreContext = handed_out(added);

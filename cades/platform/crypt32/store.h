@@ -111,6 +111,7 @@ struct CertElement {
   std::atomic<int> references{1};
   std::shared_ptr<const ParsedCertificate> parsed;
   CertStoreObject* store = nullptr;  // holds one reference on the store
+  size_t position = 0;               // index in the store's list, so enumeration steps in O(1)
   std::mutex mutex;                  // guards what follows
   bool key_prov_info_set = false;    // set (or removed) by the caller
   std::unique_ptr<KeyProvInfo> key_prov_info;
