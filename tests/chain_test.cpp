@@ -225,7 +225,13 @@ TEST_F(ChainTest, IntermediateFromTheAdditionalOrTheOwnStore) {
   EXPECT_EQ(chain.status(), 0u);
   EXPECT_EQ(chain.length(), 3u);
   CertCloseStore(message, 0);
-  // The certificate's own store serves as well.
+  // The certificate's own store serves as well, also when the CA store has
+  // a certificate of the issuer's name with another key.
+  UniquePtr<EVP_PKEY> other_key = gost_key();
+  stores.put("CA", "impostor.cer",
+             make_cert({.name = "Chain CA", .issuer = root.get(), .issuer_key = root_key.get(), .serial = 3, .ca = true},
+                       other_key.get())
+                 .get());
   stores.put("My", "zz-ca.cer", ca.get());
   EXPECT_EQ(build(cert.get(), 0).status(), 0u);
 }
