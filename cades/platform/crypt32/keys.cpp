@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "advapi32/provider.h"
 #include "advapi32/provider_handle.h"
 #include "cryptui/terminal.h"
 #include "kernel32/kernel32.h"
@@ -59,18 +60,7 @@ DWORD provider_type_for_key(const std::string& key_oid) {
   return 0;
 }
 
-const char* key_provider_name(DWORD type) {
-  switch (type) {
-    case PROV_GOST_2001_DH:
-      return "Brelvantec GOST R 34.10-2001 provider";
-    case PROV_GOST_2012_256:
-      return "Brelvantec GOST R 34.10-2012 256 provider";
-    case PROV_GOST_2012_512:
-      return "Brelvantec GOST R 34.10-2012 512 provider";
-    default:
-      return nullptr;
-  }
-}
+const char* key_provider_name(DWORD type) { return provider_name(type); }
 
 bool key_file_prov_info(const ParsedCertificate& certificate, KeyProvInfo& out) {
   if (certificate.key_file.empty()) return false;
