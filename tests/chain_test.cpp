@@ -303,7 +303,7 @@ TEST_F(ChainTest, RevokedByOcspAndOfflineWhenTheResponderIsDown) {
   const auto started = std::chrono::steady_clock::now();
   EXPECT_EQ(build(unasked.get(), kExcludeRoot).status(),
             CERT_TRUST_REVOCATION_STATUS_UNKNOWN | CERT_TRUST_IS_OFFLINE_REVOCATION);
-  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));  // not the 15 s time-out
   EXPECT_EQ(build(good.get(), kExcludeRoot).status(), 0u);
 }
 
