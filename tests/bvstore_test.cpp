@@ -55,10 +55,10 @@ bool opens_with(const std::string& name, const std::string& pin) {
     info->rgProvParam = &param;
     CertSetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, CERT_SET_PROPERTY_INHIBIT_PERSIST_FLAG, info);
     HCRYPTPROV provider = 0;
-    DWORD spec = 0;
+    DWORD key_spec = 0;
     BYTE value[8];
     DWORD value_size = sizeof value;
-    opened = CryptAcquireCertificatePrivateKey(context, 0x45, nullptr, &provider, &spec, nullptr) &&
+    opened = CryptAcquireCertificatePrivateKey(context, 0x45, nullptr, &provider, &key_spec, nullptr) &&
              CryptGetProvParam(provider, PP_KEY_OPENED, value, &value_size, 0);
   }
   CertFreeCertificateContext(context);

@@ -49,7 +49,7 @@ inline UniquePtr<EVP_PKEY> gost_key() {
 
 inline const EVP_MD* gost_digest() { return bv::ossl::digest_by_nid(NID_id_GostR3411_2012_256); }
 
-struct CertSpec {
+struct CertRequest {
   std::string name;                // common name
   X509* issuer = nullptr;          // null: self-signed
   EVP_PKEY* issuer_key = nullptr;
@@ -88,37 +88,37 @@ inline std::string der_of(X509_CRL* crl) {
   return out;
 }
 
-inline UniquePtr<X509> make_cert(const CertSpec& spec, EVP_PKEY* key) {
+inline UniquePtr<X509> make_cert(const CertRequest& request, EVP_PKEY* key) {
   UniquePtr<X509> cert(X509_new());
   X509_set_version(cert.get(), 2);
-  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), spec.serial);
+  ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), request.serial);
   UniquePtr<X509_NAME> name(X509_NAME_new());
   X509_NAME_add_entry_by_txt(name.get(), "O", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>("Chain Test"), -1, -1, 0);
   X509_NAME_add_entry_by_txt(name.get(), "CN", MBSTRING_UTF8,
-                             reinterpret_cast<const unsigned char*>(spec.name.c_str()), -1, -1, 0);
+                             reinterpret_cast<const unsigned char*>(request.name.c_str()), -1, -1, 0);
   X509_set_subject_name(cert.get(), name.get());
-  X509* issuer = spec.issuer != nullptr ? spec.issuer : cert.get();
+  X509* issuer = request.issuer != nullptr ? request.issuer : cert.get();
   X509_set_issuer_name(cert.get(), X509_get_subject_name(issuer));
-  X509_gmtime_adj(X509_getm_notBefore(cert.get()), spec.not_before);
-  X509_gmtime_adj(X509_getm_notAfter(cert.get()), spec.not_after);
+  X509_gmtime_adj(X509_getm_notBefore(cert.get()), request.not_before);
+  X509_gmtime_adj(X509_getm_notAfter(cert.get()), request.not_after);
   X509_set_pubkey(cert.get(), key);
   X509V3_CTX ctx;
   X509V3_set_ctx_nodb(&ctx);
   X509V3_set_ctx(&ctx, issuer, cert.get(), nullptr, nullptr, 0);
   add_extension(cert.get(), &ctx, NID_subject_key_identifier, "hash");
   add_extension(cert.get(), &ctx, NID_authority_key_identifier, "keyid:always");
-  if (spec.ca) {
+  if (request.ca) {
     add_extension(cert.get(), &ctx, NID_basic_constraints, "critical,CA:TRUE");
     add_extension(cert.get(), &ctx, NID_key_usage, "critical,keyCertSign,cRLSign");
   } else {
     add_extension(cert.get(), &ctx, NID_key_usage, "critical,digitalSignature,nonRepudiation,keyEncipherment");
   }
-  if (!spec.extended_usage.empty()) add_extension(cert.get(), &ctx, NID_ext_key_usage, spec.extended_usage);
-  if (!spec.crl_url.empty()) add_extension(cert.get(), &ctx, NID_crl_distribution_points, "URI:" + spec.crl_url);
-  if (!spec.ocsp_url.empty()) add_extension(cert.get(), &ctx, NID_info_access, "OCSP;URI:" + spec.ocsp_url);
-  EVP_PKEY* signer = spec.issuer_key != nullptr ? spec.issuer_key : key;
+  if (!request.extended_usage.empty()) add_extension(cert.get(), &ctx, NID_ext_key_usage, request.extended_usage);
+  if (!request.crl_url.empty()) add_extension(cert.get(), &ctx, NID_crl_distribution_points, "URI:" + request.crl_url);
+  if (!request.ocsp_url.empty()) add_extension(cert.get(), &ctx, NID_info_access, "OCSP;URI:" + request.ocsp_url);
+  EVP_PKEY* signer = request.issuer_key != nullptr ? request.issuer_key : key;
   if (X509_sign(cert.get(), signer, gost_digest()) <= 0) ADD_FAILURE() << "sign: " << bv::ossl::take_error_text();
-  if (!spec.corrupt_signature) return reparse(der_of(cert.get()));
+  if (!request.corrupt_signature) return reparse(der_of(cert.get()));
   std::string der = der_of(cert.get());
   der.back() ^= 0x5A;  // the last octet of a certificate is its signature's
   return reparse(der);

@@ -59,14 +59,14 @@ class ChainTest : public ::testing::Test {
                    ca_key.get());
   }
 
-  UniquePtr<X509> end_cert(CertSpec spec) {
-    if (spec.name.empty()) spec.name = "Chain User";
-    if (spec.issuer == nullptr) {
-      spec.issuer = ca.get();
-      spec.issuer_key = ca_key.get();
+  UniquePtr<X509> end_cert(CertRequest request) {
+    if (request.name.empty()) request.name = "Chain User";
+    if (request.issuer == nullptr) {
+      request.issuer = ca.get();
+      request.issuer_key = ca_key.get();
     }
-    if (spec.serial == 1) spec.serial = 0x100;
-    return make_cert(spec, end_key.get());
+    if (request.serial == 1) request.serial = 0x100;
+    return make_cert(request, end_key.get());
   }
 
   // Root in the user's Root store, the CA in the user's CA store.
@@ -142,7 +142,7 @@ TEST_F(ChainTest, StatusBitsOfBadCertificates) {
       {.name = "Chain CA", .issuer = root.get(), .issuer_key = root_key.get(), .serial = 2}, ca_key.get());
   struct Case {
     const char* name;
-    CertSpec spec;
+    CertRequest request;
     DWORD expected;        // the chain's error status, flags 0
     size_t element;        // where the bit sits
   };
@@ -157,7 +157,7 @@ TEST_F(ChainTest, StatusBitsOfBadCertificates) {
   install_hierarchy();
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    UniquePtr<X509> cert = end_cert(c.spec);
+    UniquePtr<X509> cert = end_cert(c.request);
     const Chain chain = build(cert.get(), 0);
     ASSERT_TRUE(chain.ok);
     EXPECT_EQ(chain.status(), c.expected) << std::hex << chain.status();

@@ -536,9 +536,9 @@ BOOL CertGetCertificateContextProperty(PCCERT_CONTEXT pCertContext, DWORD dwProp
         SetLastError(CRYPT_E_NOT_FOUND);
         return FALSE;
       }
-      const DWORD spec = info.dwKeySpec;
+      const DWORD key_spec = info.dwKeySpec;
       wipe_key_prov_info(info);
-      return copy_out(&spec, sizeof spec, pvData, pcbData) ? TRUE : FALSE;
+      return copy_out(&key_spec, sizeof key_spec, pvData, pcbData) ? TRUE : FALSE;
     }
     default:
       SetLastError(CRYPT_E_NOT_FOUND);
