@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "signing_fixture.h"
+#include "signing.h"
 
 namespace bv::test {
 namespace {
@@ -154,7 +154,7 @@ TEST(Lookup, UntrustedDuplicateIsNotTheSigner) {
   const SignOutcome outcome = sign_through_export(w.env(), request);
   ASSERT_EQ(outcome.rc, SSF_OK);
   std::string diagnostics;
-  EXPECT_EQ(openssl_cms_verify(outcome.signed_data, w.pki->root().cert_pem, "", nullptr, nullptr, &diagnostics), 0)
+  EXPECT_EQ(openssl_cms_verify(outcome.signed_data, w.root.cert_pem, "", nullptr, nullptr, &diagnostics), 0)
       << diagnostics;
 }
 
@@ -266,9 +266,9 @@ TEST(Lookup, SelectionThroughTheChooserProgram) {
     if (!c.chooser_runs) continue;
     // Only certificates with a key link and an acceptable chain are offered.
     const std::string list = upper_hex(read_file(offered));
-    for (const CliCertificate* good : {&w.alice, &w.bob, &w.carol, &w.dup_good})
+    for (const TestCert* good : {&w.alice, &w.bob, &w.carol, &w.dup_good})
       EXPECT_NE(list.find(good->sha1_hex), std::string::npos);
-    for (const CliCertificate* bad : {&w.dup_untrusted, &w.lonely, &w.nokey})
+    for (const TestCert* bad : {&w.dup_untrusted, &w.lonely, &w.nokey})
       EXPECT_EQ(list.find(bad->sha1_hex), std::string::npos);
     if (c.result == 0) {
       EXPECT_EQ(outcome.ids[0].size(), 59u);

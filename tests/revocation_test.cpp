@@ -5,14 +5,14 @@
 
 #include <chrono>
 
-#include "chain_pki.h"
+#include "certs.h"
 #include "crypt32/revocation.h"
 #include "http/http.h"
 #include "kernel32/kernel32.h"
 
 namespace {
 
-using namespace bv::chaintest;
+using namespace bv::test;
 namespace revocation = bv::platform::revocation;
 using revocation::Source;
 using revocation::Verdict;

@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "chain_pki.h"
+#include "certs.h"
 #include "cryptui/cryptui.h"
 #include "cryptui/terminal.h"
 #include "host.h"
@@ -26,74 +26,9 @@ namespace {
 
 using bv::test::TempDir;
 
-// One exchange on the terminal: wait until the output holds `expect`, then
-// type `send`.
-struct Exchange {
-  std::string expect;
-  std::string send;
-};
-
-struct PtyRun {
-  int exit_code = -1;
-  std::string screen;  // everything the child wrote to its terminal
-};
-
-// Runs `fn` in a child whose controlling terminal is a new pseudo-terminal,
-// plays `script` on it and returns what appeared on the screen.
-PtyRun run_on_pty(const std::vector<Exchange>& script, const std::function<void()>& fn,
-                  const std::map<std::string, std::string>& env = {}) {
-  PtyRun run;
-  const int master = posix_openpt(O_RDWR | O_NOCTTY);
-  if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) {
-    ADD_FAILURE() << "no pseudo-terminal";
-    return run;
-  }
-  const std::string slave_name = ptsname(master);
-  std::fflush(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    close(master);
-    setsid();
-    const int slave = open(slave_name.c_str(), O_RDWR);  // becomes the controlling terminal
-    if (slave < 0) _exit(3);
-    for (const auto& [name, value] : env) setenv(name.c_str(), value.c_str(), 1);
-    fn();
-    std::fflush(nullptr);
-    _exit(::testing::Test::HasFailure() ? 1 : 0);
-  }
-  // Each expectation is looked for in what appeared after the last answer
-  // was typed: a prompt shown again must be the new one.
-  size_t seen = 0;
-  auto read_until = [&](const std::string& expect) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (run.screen.find(expect, seen) == std::string::npos && std::chrono::steady_clock::now() < deadline) {
-      pollfd p{master, POLLIN, 0};
-      if (poll(&p, 1, 100) <= 0) continue;
-      char chunk[4096];
-      const ssize_t n = read(master, chunk, sizeof chunk);
-      if (n <= 0) break;
-      run.screen.append(chunk, static_cast<size_t>(n));
-    }
-    const size_t at = run.screen.find(expect, seen);
-    if (at == std::string::npos) return false;
-    seen = at + expect.size();
-    return true;
-  };
-  for (const Exchange& step : script) {
-    if (!read_until(step.expect)) {
-      ADD_FAILURE() << "never saw \"" << step.expect << "\" on the screen:\n" << run.screen;
-      kill(pid, SIGKILL);
-      break;
-    }
-    if (write(master, step.send.data(), step.send.size()) < 0) ADD_FAILURE() << "write to terminal";
-  }
-  int status = 0;
-  waitpid(pid, &status, 0);
-  read_until("\x01never");  // drain what is left
-  close(master);
-  run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return run;
-}
+using bv::test::Exchange;
+using bv::test::PtyRun;
+using bv::test::run_on_pty;
 
 std::string write_script(const TempDir& dir, const std::string& name, const std::string& body) {
   const std::string path = dir / name;
@@ -203,31 +138,20 @@ TEST(HelperProgram, ProgramThatIgnoresItsInputDoesNotKillTheHost) {
 
 // ---------------------------------------------------------------- chooser
 
-std::string hex_hash(X509* cert) {
-  unsigned char md[20];
-  unsigned int length = 0;
-  X509_digest(cert, EVP_sha1(), md, &length);
-  static const char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  for (unsigned int i = 0; i < length; ++i) {
-    out += kHex[md[i] >> 4];
-    out += kHex[md[i] & 15];
-  }
-  return out;
-}
+using bv::test::sha1_hex;
 
 std::string hash_of(PCCERT_CONTEXT context) {
-  return context == nullptr ? std::string("(none)") : hex_hash(bv::platform::certificate_x509(context));
+  return context == nullptr ? std::string("(none)") : sha1_hex(bv::platform::certificate_x509(context));
 }
 
 // A memory store with three GOST certificates, as the library hands it over.
 class Chooser : public ::testing::Test {
  protected:
   void SetUp() override {
-    key = bv::chaintest::gost_key();
+    key = bv::test::gost_key();
     for (int i = 1; i <= 3; ++i) {
-      certs.push_back(bv::chaintest::make_cert({.name = "Signer " + std::to_string(i), .serial = i}, key.get()));
-      const std::string der = bv::chaintest::der_of(certs.back().get());
+      certs.push_back(bv::test::make_cert({.name = "Signer " + std::to_string(i), .serial = i}, key.get()));
+      const std::string der = bv::test::der_of(certs.back().get());
       ASSERT_TRUE(CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()),
                                                    static_cast<DWORD>(der.size()), CERT_STORE_ADD_ALWAYS, nullptr));
     }
@@ -242,7 +166,7 @@ class Chooser : public ::testing::Test {
       EXPECT_EQ(chosen, nullptr);
       EXPECT_EQ(GetLastError(), expected_error);
     } else {
-      EXPECT_EQ(hash_of(chosen), hex_hash(certs[static_cast<size_t>(expected_index)].get()));
+      EXPECT_EQ(hash_of(chosen), sha1_hex(certs[static_cast<size_t>(expected_index)].get()));
     }
     CertFreeCertificateContext(chosen);
   }
@@ -255,7 +179,7 @@ class Chooser : public ::testing::Test {
 TEST_F(Chooser, OnTheTerminal) {
   const std::string prompt = "Number of the certificate";
   std::string hash_with_blanks;
-  const std::string third = hex_hash(certs[2].get());
+  const std::string third = sha1_hex(certs[2].get());
   for (size_t i = 0; i < third.size(); i += 2) hash_with_blanks += (i ? " " : "") + third.substr(i, 2);
   for (char& c : hash_with_blanks) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   struct Case {
@@ -276,7 +200,7 @@ TEST_F(Chooser, OnTheTerminal) {
     SCOPED_TRACE(c.name);
     const PtyRun run = run_on_pty(c.script, [&] { expect_choice(c.index, c.error); });
     EXPECT_EQ(run.exit_code, 0) << run.screen;
-    for (const auto& cert : certs) EXPECT_NE(run.screen.find(hex_hash(cert.get())), std::string::npos);
+    for (const auto& cert : certs) EXPECT_NE(run.screen.find(sha1_hex(cert.get())), std::string::npos);
     EXPECT_NE(run.screen.find("CN=Signer 2"), std::string::npos) << run.screen;
     EXPECT_NE(run.screen.find("Issuer: "), std::string::npos);
     EXPECT_NE(run.screen.find("Valid:  "), std::string::npos);
@@ -295,7 +219,7 @@ TEST_F(Chooser, ThroughTheSelectProgram) {
     int index;
     DWORD error;
   };
-  const std::string hash = hex_hash(certs[2].get());
+  const std::string hash = sha1_hex(certs[2].get());
   const std::vector<Case> cases = {
       {"number", "echo 2\n", 1, 0},
       {"hash, lower case", "echo '" + hash + "' | tr A-F a-f\n", 2, 0},
@@ -318,7 +242,7 @@ TEST_F(Chooser, ThroughTheSelectProgram) {
   }
   // The list the program read: one certificate a line, tab-separated.
   const std::string list = bv::test::read_file(list_file);
-  EXPECT_EQ(list.find("1\t" + hex_hash(certs[0].get()) + "\tCN=Signer 1, O=Chain Test\t"), 0u) << list;
+  EXPECT_EQ(list.find("1\t" + sha1_hex(certs[0].get()) + "\tCN=Signer 1, O=Chain Test\t"), 0u) << list;
   EXPECT_NE(list.find("\n3\t" + hash + "\t"), std::string::npos) << list;
 }
 

@@ -9,7 +9,7 @@
 #include "crypt32/cert.h"
 #include "crypt32/msg.h"
 #include "advapi32/provider_handle.h"
-#include "signing_fixture.h"
+#include "signing.h"
 
 namespace bv::test {
 namespace {
@@ -46,7 +46,7 @@ void expect_message(const std::string& message, const std::string& data, bool de
                     const std::vector<std::string>& hash_oids) {
   const SigningWorld& w = SigningWorld::get();
   std::string content, diagnostics;
-  EXPECT_EQ(openssl_cms_verify(message, w.pki->root().cert_pem, with_certs ? "" : w.signers_pem,
+  EXPECT_EQ(openssl_cms_verify(message, w.root.cert_pem, with_certs ? "" : w.signers_pem,
                                detached ? &data : nullptr, &content, &diagnostics),
             0)
       << diagnostics;
@@ -106,7 +106,7 @@ TEST(SignRaw, ReversedValueVerifies) {
   const SigningWorld& w = SigningWorld::get();
   struct Case {
     SignerSpec signer;
-    const CliCertificate* cert;
+    const TestCert* cert;
     const char* digest;
     size_t length;
   };
@@ -158,7 +158,7 @@ TEST(SignedMessageEncoder, SeveralSignersEachWithItsKeyAndHash) {
   const SigningWorld& w = SigningWorld::get();
   ASSERT_NE(bv::ossl::gost_engine(), nullptr);
   struct Signer {
-    const CliCertificate* cert;
+    const TestCert* cert;
     const char* hash_oid;
     DWORD provider_type;
   };
@@ -167,16 +167,15 @@ TEST(SignedMessageEncoder, SeveralSignersEachWithItsKeyAndHash) {
   std::vector<HCRYPTPROV> providers;
   std::vector<std::string> ders;
   for (const Signer& s : all) {
-    ders.push_back(read_file(s.cert->cert_der));
+    ders.push_back(der_of(s.cert->cert.get()));
     contexts.push_back(CertCreateCertificateContext(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING,
                                                     reinterpret_cast<const BYTE*>(ders.back().data()),
                                                     static_cast<DWORD>(ders.back().size())));
     ASSERT_NE(contexts.back(), nullptr);
     auto provider = std::make_unique<bv::platform::CryptProvider>();
     provider->type = s.provider_type;
-    bv::ossl::UniquePtr<BIO> pem(BIO_new_file(s.cert->plain_key_pem.c_str(), "r"));
-    provider->key.reset(PEM_read_bio_PrivateKey(pem.get(), nullptr, nullptr, nullptr));
-    ASSERT_TRUE(provider->key);
+    EVP_PKEY_up_ref(s.cert->key.get());
+    provider->key.reset(s.cert->key.get());
     providers.push_back(bv::platform::new_provider_handle(std::move(provider)));
   }
 

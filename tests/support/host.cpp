@@ -1,10 +1,14 @@
 #include "host.h"
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -78,6 +82,34 @@ std::string read_file(const std::string& path) {
   return text.str();
 }
 
+namespace {
+
+// The child's side of run_isolated and run_on_pty: whatever `fn` throws
+// ends the child here, never unwinding into the rest of the test program.
+[[noreturn]] void run_child(const std::map<std::string, std::string>& env, const std::function<void()>& fn) {
+  for (const auto& [name, value] : env) {
+    if (value.empty())
+      unsetenv(name.c_str());
+    else
+      setenv(name.c_str(), value.c_str(), 1);
+  }
+  bool failed = true;
+  try {
+    fn();
+    failed = ::testing::Test::HasFailure();
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "child threw: %s\n", e.what());
+  } catch (...) {
+    std::fprintf(stderr, "child threw a non-standard exception\n");
+  }
+  std::fflush(nullptr);
+  _exit(failed ? 1 : 0);
+}
+
+int exit_code_of(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
+
+}  // namespace
+
 ChildResult run_isolated(const std::map<std::string, std::string>& env, const std::function<void()>& fn) {
   std::fflush(nullptr);
   int pipe_fds[2];
@@ -87,16 +119,7 @@ ChildResult run_isolated(const std::map<std::string, std::string>& env, const st
     close(pipe_fds[0]);
     dup2(pipe_fds[1], STDERR_FILENO);
     close(pipe_fds[1]);
-    for (const auto& [name, value] : env) {
-      if (value.empty())
-        unsetenv(name.c_str());
-      else
-        setenv(name.c_str(), value.c_str(), 1);
-    }
-    fn();
-    const bool failed = ::testing::Test::HasFailure();
-    std::fflush(nullptr);
-    _exit(failed ? 1 : 0);
+    run_child(env, fn);
   }
   close(pipe_fds[1]);
   ChildResult result;
@@ -108,8 +131,60 @@ ChildResult run_isolated(const std::map<std::string, std::string>& env, const st
   waitpid(pid, &status, 0);
   // The child ended without running exit code, so a trace table it made is still there.
   shm_unlink(bv::trace::table_name(pid).c_str());
-  result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  result.exit_code = exit_code_of(status);
   return result;
+}
+
+PtyRun run_on_pty(const std::vector<Exchange>& script, const std::function<void()>& fn,
+                  const std::map<std::string, std::string>& env) {
+  PtyRun run;
+  const int master = posix_openpt(O_RDWR | O_NOCTTY);
+  if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) {
+    ADD_FAILURE() << "no pseudo-terminal";
+    return run;
+  }
+  const std::string slave_name = ptsname(master);
+  std::fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    close(master);
+    setsid();
+    if (open(slave_name.c_str(), O_RDWR) < 0) _exit(3);  // becomes the controlling terminal
+    run_child(env, fn);
+  }
+  // Each expectation is looked for in what appeared after the last answer
+  // was typed: a prompt shown again must be the new one.
+  size_t seen = 0;
+  auto read_until = [&](const std::string& expect) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (run.screen.find(expect, seen) == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+      pollfd p{master, POLLIN, 0};
+      if (poll(&p, 1, 100) <= 0) continue;
+      char chunk[4096];
+      const ssize_t n = read(master, chunk, sizeof chunk);
+      if (n <= 0) break;
+      run.screen.append(chunk, static_cast<size_t>(n));
+    }
+    const size_t at = run.screen.find(expect, seen);
+    if (at == std::string::npos) return false;
+    seen = at + expect.size();
+    return true;
+  };
+  for (const Exchange& step : script) {
+    if (!read_until(step.expect)) {
+      ADD_FAILURE() << "never saw \"" << step.expect << "\" on the screen:\n" << run.screen;
+      kill(pid, SIGKILL);
+      break;
+    }
+    const std::string typed = step.answer ? step.answer(run.screen) : step.send;
+    if (write(master, typed.data(), typed.size()) < 0) ADD_FAILURE() << "write to terminal";
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  read_until("\x01never");  // drain what is left
+  close(master);
+  run.exit_code = exit_code_of(status);
+  return run;
 }
 
 std::vector<std::string> log_messages(const std::string& log, const std::string& module) {

@@ -70,6 +70,25 @@ struct ChildResult {
 // A failed gtest assertion in `fn` makes the exit code 1.
 ChildResult run_isolated(const std::map<std::string, std::string>& env, const std::function<void()>& fn);
 
+// One exchange at a terminal: once the screen shows `expect` (after what
+// the last answer brought), type `send`, or what `answer` makes of the
+// screen so far.
+struct Exchange {
+  std::string expect;
+  std::string send;
+  std::function<std::string(const std::string& screen)> answer = nullptr;
+};
+
+struct PtyRun {
+  int exit_code = -1;
+  std::string screen;  // everything the child wrote to its terminal
+};
+
+// Runs `fn` as run_isolated does, in a child whose controlling terminal is
+// a new pseudo-terminal, plays `script` on it and returns the screen.
+PtyRun run_on_pty(const std::vector<Exchange>& script, const std::function<void()>& fn,
+                  const std::map<std::string, std::string>& env = {});
+
 // The environment for run_isolated under which the library traces: a common
 // folder <dir>/common whose Brelvantec/registry.reg sets libbvsapssf.so to
 // `level` with the log file "trace.log" and `process_flags`, a local folder

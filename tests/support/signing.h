@@ -1,6 +1,6 @@
-// A small GOST PKI made by the openssl command line with the GOST engine,
-// independent of the library: a root, leaf certificates of the three GOST
-// key kinds with keys under a PIN, and the root's CRL.
+// The stores every signing test works on, made with OpenSSL alone: a root
+// with its CRL in Root, and signers of the three GOST key kinds in several
+// stores of both locations; and SsfSign run as a host runs it.
 #pragma once
 
 #include <cstdint>
@@ -9,49 +9,41 @@
 #include <string>
 #include <vector>
 
+#include "certs.h"
+#include "host.h"
+
 namespace bv::test {
 
-struct CliCertificate {
+struct TestCert {
+  UniquePtr<EVP_PKEY> key;
+  UniquePtr<X509> cert;
   std::string cert_pem;  // path of the certificate, PEM
-  std::string cert_der;  // path of the certificate, DER
-  std::string key_pem;   // path of the private key, PKCS #8, encrypted when a PIN was given
-  std::string plain_key_pem;  // path of the same key without a PIN
   std::string sha1_hex;  // SHA-1 of the DER, upper case, no blanks
 };
 
-class CliPki {
- public:
-  // Makes the root (GOST 2012-256) and its empty CRL under `folder`.
-  explicit CliPki(const std::string& folder);
+struct SigningWorld {
+  TempDir dir;
+  TestCert root;
+  TestCert alice;   // 2012-256, PIN 1111, current user My
+  TestCert bob;     // 2012-512, PIN 2222, current user My and Other
+  TestCert carol;   // 2001, no PIN, current user My and "12345678901234"
+  TestCert dup_untrusted, dup_good;  // same name; the first can't be chained
+  TestCert lonely;  // self-signed only, PIN 5555
+  TestCert nokey;   // no key link
+  TestCert dave;    // 2012-256, PIN 6666, local machine My
+  TestCert erin;    // 2012-256, PIN 7777, local machine "y"
+  std::string signers_pem;  // every leaf, for messages without certificates
 
-  const CliCertificate& root() const { return root_; }
-  const std::string& root_crl_der() const { return root_crl_der_; }
+  std::string local() const { return dir / "local"; }
+  std::string common() const { return dir / "common"; }
+  // The folders and, on top, `extra` settings.
+  std::map<std::string, std::string> env(const std::map<std::string, std::string>& extra = {}) const;
 
-  // A leaf for signing.  `algorithm`: "gost2001", "gost2012_256",
-  // "gost2012_512".  `subject` in openssl's "/CN=.../O=..." form.  An empty
-  // `pin` leaves the key plain.  `self_signed` makes a certificate no chain
-  // can reach.
-  CliCertificate issue(const std::string& name, const std::string& algorithm, const std::string& subject,
-                       const std::string& pin, bool self_signed = false);
-
- private:
-  std::string folder_;
-  CliCertificate root_;
-  std::string root_crl_der_;
-  int serial_ = 100;
+  static const SigningWorld& get();  // made once per test program
 };
 
 // Runs a shell command; a non-zero exit fails the calling test.
 std::string run_checked(const std::string& command);
-
-// Puts a certificate into the system store folder `store_folder` as
-// <stem>.cer (DER) with its key link <stem>.key beside it (unless
-// `with_key` is false).
-void install_certificate(const CliCertificate& certificate, const std::string& store_folder,
-                         const std::string& stem, bool with_key = true);
-
-// The folder of system store `name` under an application data folder.
-std::string store_folder(const std::string& appdata, const std::string& name);
 
 struct SignerSpec {
   std::string id, profile, pin;

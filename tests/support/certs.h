@@ -1,6 +1,7 @@
-// A GOST PKI made by the test with OpenSSL and the GOST engine, the stores it
-// lives in, and the revocation servers it names: a small HTTP server for
-// CRLs run inside the test, and the `openssl ocsp` responder as a child.
+// Certificates with the properties a test asks for, made with OpenSSL and
+// the GOST engine (never with the library); the store folders they go to;
+// and the revocation servers they name: a small HTTP server for CRLs run
+// inside the test, and the `openssl ocsp` responder as a child.
 #pragma once
 
 #include <arpa/inet.h>
@@ -33,13 +34,14 @@
 
 extern char** environ;
 
-namespace bv::chaintest {
+namespace bv::test {
 
 using bv::ossl::UniquePtr;
 constexpr long kDay = 86400;
 
-inline UniquePtr<EVP_PKEY> gost_key() {
-  UniquePtr<EVP_PKEY_CTX> ctx(EVP_PKEY_CTX_new_id(NID_id_GostR3410_2012_256, bv::ossl::gost_engine()));
+// `nid`: NID_id_GostR3410_2001, NID_id_GostR3410_2012_256 or _512.
+inline UniquePtr<EVP_PKEY> gost_key(int nid = NID_id_GostR3410_2012_256) {
+  UniquePtr<EVP_PKEY_CTX> ctx(EVP_PKEY_CTX_new_id(nid, bv::ossl::gost_engine()));
   EVP_PKEY* key = nullptr;
   if (!ctx || EVP_PKEY_keygen_init(ctx.get()) != 1 || EVP_PKEY_CTX_ctrl_str(ctx.get(), "paramset", "A") <= 0 ||
       EVP_PKEY_keygen(ctx.get(), &key) != 1)
@@ -51,6 +53,7 @@ inline const EVP_MD* gost_digest() { return bv::ossl::digest_by_nid(NID_id_GostR
 
 struct CertRequest {
   std::string name;                // common name
+  std::string organization = "Chain Test", country;
   X509* issuer = nullptr;          // null: self-signed
   EVP_PKEY* issuer_key = nullptr;
   long serial = 1;
@@ -72,30 +75,26 @@ inline UniquePtr<X509> reparse(const std::string& der) {
   return UniquePtr<X509>(d2i_X509(nullptr, &p, static_cast<long>(der.size())));
 }
 
-inline std::string der_of(X509* cert) {
+template <class T>
+std::string encoded(const T* object, int (*i2d)(const T*, unsigned char**)) {
   unsigned char* der = nullptr;
-  const int length = i2d_X509(cert, &der);
+  const int length = i2d(object, &der);
   std::string out(reinterpret_cast<char*>(der), static_cast<size_t>(length > 0 ? length : 0));
   OPENSSL_free(der);
   return out;
 }
-
-inline std::string der_of(X509_CRL* crl) {
-  unsigned char* der = nullptr;
-  const int length = i2d_X509_CRL(crl, &der);
-  std::string out(reinterpret_cast<char*>(der), static_cast<size_t>(length > 0 ? length : 0));
-  OPENSSL_free(der);
-  return out;
-}
+inline std::string der_of(X509* cert) { return encoded<X509>(cert, i2d_X509); }
+inline std::string der_of(X509_CRL* crl) { return encoded<X509_CRL>(crl, i2d_X509_CRL); }
 
 inline UniquePtr<X509> make_cert(const CertRequest& request, EVP_PKEY* key) {
   UniquePtr<X509> cert(X509_new());
   X509_set_version(cert.get(), 2);
   ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), request.serial);
   UniquePtr<X509_NAME> name(X509_NAME_new());
-  X509_NAME_add_entry_by_txt(name.get(), "O", MBSTRING_UTF8, reinterpret_cast<const unsigned char*>("Chain Test"), -1, -1, 0);
-  X509_NAME_add_entry_by_txt(name.get(), "CN", MBSTRING_UTF8,
-                             reinterpret_cast<const unsigned char*>(request.name.c_str()), -1, -1, 0);
+  for (const auto& [key, value] : {std::pair{"O", request.organization}, {"CN", request.name}, {"C", request.country}})
+    if (!value.empty())
+      X509_NAME_add_entry_by_txt(name.get(), key, MBSTRING_UTF8, reinterpret_cast<const unsigned char*>(value.c_str()),
+                                 -1, -1, 0);
   X509_set_subject_name(cert.get(), name.get());
   X509* issuer = request.issuer != nullptr ? request.issuer : cert.get();
   X509_set_issuer_name(cert.get(), X509_get_subject_name(issuer));
@@ -146,20 +145,35 @@ inline UniquePtr<X509_CRL> make_crl(X509* issuer, EVP_PKEY* key, const std::vect
   return crl;
 }
 
-inline std::string pem_of(X509* cert) {
+template <class Write>
+std::string pem_with(Write write) {
   UniquePtr<BIO> bio(BIO_new(BIO_s_mem()));
-  PEM_write_bio_X509(bio.get(), cert);
+  write(bio.get());
   char* data = nullptr;
   const long length = BIO_get_mem_data(bio.get(), &data);
   return std::string(data, static_cast<size_t>(length));
 }
+inline std::string pem_of(X509* cert) { return pem_with([&](BIO* b) { PEM_write_bio_X509(b, cert); }); }
+inline std::string pem_of(X509_CRL* crl) { return pem_with([&](BIO* b) { PEM_write_bio_X509_CRL(b, crl); }); }
+// PKCS #8, encrypted under `pin` unless it is empty.
+inline std::string pem_of(EVP_PKEY* key, const std::string& pin = {}) {
+  return pem_with([&](BIO* b) {
+    if (pin.empty())
+      PEM_write_bio_PrivateKey(b, key, nullptr, nullptr, 0, nullptr, nullptr);
+    else
+      PEM_write_bio_PKCS8PrivateKey(b, key, EVP_aes_256_cbc(), pin.data(), static_cast<int>(pin.size()), nullptr,
+                                    nullptr);
+  });
+}
 
-inline std::string pem_of(EVP_PKEY* key) {
-  UniquePtr<BIO> bio(BIO_new(BIO_s_mem()));
-  PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
-  char* data = nullptr;
-  const long length = BIO_get_mem_data(bio.get(), &data);
-  return std::string(data, static_cast<size_t>(length));
+// SHA-1 of the DER, 40 upper-case hex digits: the hash identity.
+inline std::string sha1_hex(X509* cert) {
+  unsigned char md[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  X509_digest(cert, EVP_sha1(), md, &length);
+  std::string hex;
+  for (unsigned int i = 0; i < length; ++i) hex += "0123456789ABCDEF"[md[i] >> 4], hex += "0123456789ABCDEF"[md[i] & 15];
+  return hex;
 }
 
 // A port on 127.0.0.1 that nothing listens on at the moment.
@@ -236,8 +250,7 @@ class HttpServer {
       const std::string head = found ? "HTTP/1.0 200 OK\r\nContent-Type: application/pkix-crl\r\n"
                                      : "HTTP/1.0 404 Not Found\r\n";
       const std::string answer = head + "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-      if (write(client, answer.data(), answer.size()) < 0) {
-      }
+      [[maybe_unused]] const ssize_t ignored = write(client, answer.data(), answer.size());
       close(client);
     }
   }
@@ -370,4 +383,4 @@ class StoreFolders {
   bv::test::TempDir dir_;
 };
 
-}  // namespace bv::chaintest
+}  // namespace bv::test

@@ -1,0 +1,211 @@
+#include "signing.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+
+namespace bv::test {
+
+std::string run_checked(const std::string& command) {
+  int status = -1;
+  std::string output = run_command(command, &status);
+  EXPECT_EQ(status, 0) << command << "\n" << output;
+  return output;
+}
+
+std::map<std::string, std::string> SigningWorld::env(const std::map<std::string, std::string>& extra) const {
+  std::map<std::string, std::string> all = {
+      {"BV_PLATFORM_LOCAL_APPDATA", local()},  {"BV_PLATFORM_COMMON_APPDATA", common()},
+      {"BV_SSF_VERIFYCERTFLAGS_ONSIGN", ""},   {"BV_SSF_VERIFYCERTACCEPTABLESTATUS", ""},
+      {"BV_SSF_VERIFYCERTFLAGS_ONSELECT", ""}, {"BV_SSF_ASK_PIN_WHEN_EMPTY", ""},
+      {"BV_PLATFORM_ASKPASS", ""},             {"BV_PLATFORM_SELECT", ""},
+  };
+  for (const auto& [name, value] : extra) all[name] = value;
+  return all;
+}
+
+const SigningWorld& SigningWorld::get() {
+  static const std::unique_ptr<SigningWorld> world = [] {
+    auto w = std::make_unique<SigningWorld>();
+    long serial = 1;
+    const auto make = [&](TestCert& c, CertRequest request, int key_nid) {
+      request.serial = serial++;
+      request.country = "RU";
+      c.key = gost_key(key_nid);
+      c.cert = make_cert(request, c.key.get());
+      c.cert_pem = w->dir / ("pki/" + std::to_string(request.serial) + ".pem");
+      write_file(c.cert_pem, pem_of(c.cert.get()));
+      c.sha1_hex = sha1_hex(c.cert.get());
+    };
+    constexpr int k256 = NID_id_GostR3410_2012_256;
+    make(w->root, {.name = "Test Root", .organization = "Test PKI", .ca = true}, k256);
+    const auto leaf = [&](TestCert& c, const std::string& name, const std::string& organization, int key_nid,
+                          bool self_signed = false) {
+      CertRequest request{.name = name, .organization = organization};
+      if (!self_signed) {
+        request.issuer = w->root.cert.get();
+        request.issuer_key = w->root.key.get();
+      }
+      make(c, request, key_nid);
+    };
+    leaf(w->alice, "Alice", "Test Bank", k256);
+    leaf(w->bob, "Bob", "Test Bank", NID_id_GostR3410_2012_512);
+    leaf(w->carol, "Carol", "Other Bank", NID_id_GostR3410_2001);
+    leaf(w->dup_untrusted, "Dup", "Test Bank", k256, true);
+    leaf(w->dup_good, "Dup", "Test Bank", k256);
+    leaf(w->lonely, "Lonely", "", k256, true);
+    leaf(w->nokey, "NoKey", "", k256);
+    leaf(w->dave, "Dave", "", k256);
+    leaf(w->erin, "Erin", "", k256);
+
+    // <stem>.cer with its key link <stem>.key beside it, the key under `pin`.
+    const auto install = [](const TestCert& c, const std::string& appdata, const std::string& store,
+                            const std::string& stem, const char* pin) {
+      const std::string folder = appdata + "/Brelvantec/Certificates/" + store + "/" + stem;
+      write_file(folder + ".cer", der_of(c.cert.get()));
+      if (pin != nullptr) write_file(folder + ".key", pem_of(c.key.get(), pin));
+    };
+    install(w->root, w->local(), "Root", "root", nullptr);
+    write_file(w->local() + "/Brelvantec/Certificates/Root/root.crl",
+               der_of(make_crl(w->root.cert.get(), w->root.key.get(), {}).get()));
+    install(w->alice, w->local(), "My", "01-alice", "1111");
+    install(w->bob, w->local(), "My", "02-bob", "2222");
+    install(w->carol, w->local(), "My", "03-carol", "");
+    install(w->dup_untrusted, w->local(), "My", "04-dup", "4444");
+    install(w->dup_good, w->local(), "My", "05-dup", "4444");
+    install(w->lonely, w->local(), "My", "06-lonely", "5555");
+    install(w->nokey, w->local(), "My", "07-nokey", nullptr);
+    install(w->bob, w->local(), "Other", "bob", "2222");
+    install(w->carol, w->local(), "12345678901234", "carol", "");
+    install(w->dave, w->common(), "My", "dave", "6666");
+    install(w->erin, w->common(), "y", "erin", "7777");
+
+    w->signers_pem = w->dir / "signers.pem";
+    std::string all;
+    for (const TestCert* c : {&w->alice, &w->bob, &w->carol, &w->dup_good, &w->lonely, &w->dave, &w->erin})
+      all += pem_of(c->cert.get());
+    write_file(w->signers_pem, all);
+    return w;
+  }();
+  return *world;
+}
+
+namespace {
+
+std::string quoted(const std::string& text) { return "'" + text + "'"; }
+
+// The host's side of one SsfSign call, in the process that runs it; what
+// came back goes to two files for the test's process.
+void sign_here(const SignRequest& request, const std::string& outcome_path, const std::string& signed_path) {
+  const SsfApi& api = SsfApi::get();
+  SsfInfoNode* list = nullptr;
+  std::vector<SsfInfo*> records;
+  for (const SignerSpec& s : request.signers) {
+    if (s.no_record) {
+      // A node the host built by hand, without a record.
+      auto* node = static_cast<SsfInfoNode*>(std::calloc(1, sizeof(SsfInfoNode)));
+      SsfInfoNode** tail = &list;
+      while (*tail != nullptr) tail = &(*tail)->next;
+      *tail = node;
+      records.push_back(nullptr);
+      continue;
+    }
+    SsfInfo* info = nullptr;
+    ASSERT_EQ(api.SsfNEWSigRcpSsfInfo(s.id.data(), static_cast<int32_t>(s.id.size()), nullptr, 0,
+                                      s.profile.data(), static_cast<int32_t>(s.profile.size()), s.pin.data(),
+                                      static_cast<int32_t>(s.pin.size()), 99, &info),
+              SSF_OK);
+    if (s.negative_pin_length) info->PasswordL = -1;
+    ASSERT_EQ(api.SsfINSSigRcpSsfInfo(info, &list), SSF_OK);
+    records.push_back(info);
+  }
+  unsigned char* out = reinterpret_cast<unsigned char*>(1);
+  uint32_t out_length = 12345;
+  const SSF_RC rc = api.SsfSign(request.format.data(), static_cast<int32_t>(request.format.size()), nullptr, 0,
+                                request.include_certs ? 1 : 0, request.detached ? 1 : 0,
+                                reinterpret_cast<const unsigned char*>(request.data.data()),
+                                static_cast<int32_t>(request.data.size()), list, &out, &out_length);
+  std::string outcome = std::to_string(rc) + " " + (out == nullptr ? "null" : "set") + "\n";
+  for (SsfInfo* info : records) {
+    if (info == nullptr) {
+      outcome += "-\n";
+      continue;
+    }
+    outcome += std::to_string(info->Result) + " " + std::string(info->strSigRcpId, info->strSigRcpIdL) + "\n";
+  }
+  write_file(outcome_path, outcome);
+  write_file(signed_path, out == nullptr ? std::string() : std::string(reinterpret_cast<char*>(out), out_length));
+  if (out != nullptr) api.SsfDELSsfOctetstring(&out, &out_length);
+}
+
+SignOutcome read_outcome(const std::string& outcome_path, const std::string& signed_path) {
+  SignOutcome outcome;
+  const std::string text = read_file(outcome_path);
+  size_t line_end = text.find('\n');
+  if (line_end == std::string::npos) return outcome;
+  const std::string first = text.substr(0, line_end);
+  outcome.rc = static_cast<uint32_t>(std::stoul(first.substr(0, first.find(' '))));
+  outcome.output_pointer_null = first.substr(first.find(' ') + 1) == "null";
+  size_t position = line_end + 1;
+  while ((line_end = text.find('\n', position)) != std::string::npos) {
+    const std::string line = text.substr(position, line_end - position);
+    position = line_end + 1;
+    if (line == "-") {
+      outcome.results.push_back(-1);
+      outcome.ids.emplace_back();
+      continue;
+    }
+    const size_t blank = line.find(' ');
+    outcome.results.push_back(std::stoi(line.substr(0, blank)));
+    outcome.ids.push_back(line.substr(blank + 1));
+  }
+  outcome.signed_data = read_file(signed_path);
+  return outcome;
+}
+}  // namespace
+
+SignOutcome sign_through_export(const std::map<std::string, std::string>& env, const SignRequest& request) {
+  TempDir exchange;
+  const ChildResult child = run_isolated(env, [&] {
+    // No controlling terminal: the provider and the chooser never prompt here.
+    setsid();
+    sign_here(request, exchange / "outcome", exchange / "signed");
+  });
+  EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
+  SignOutcome outcome = read_outcome(exchange / "outcome", exchange / "signed");
+  outcome.child_stderr = child.stderr_text;
+  return outcome;
+}
+
+SignOutcome sign_at_terminal(const std::map<std::string, std::string>& env, const SignRequest& request,
+                             const std::string& prompt, const std::function<std::string(const std::string&)>& answer,
+                             std::string* screen) {
+  TempDir exchange;
+  const PtyRun run = run_on_pty({{prompt, "", answer}},
+                                [&] { sign_here(request, exchange / "outcome", exchange / "signed"); }, env);
+  EXPECT_EQ(run.exit_code, 0) << run.screen;
+  if (screen != nullptr) *screen = run.screen;
+  return read_outcome(exchange / "outcome", exchange / "signed");
+}
+
+int openssl_cms_verify(const std::string& message, const std::string& ca_file, const std::string& signer_certs,
+                       const std::string* content, std::string* out_content, std::string* diagnostics) {
+  TempDir dir;
+  write_file(dir / "message.der", message);
+  std::string command = "openssl cms -verify -engine gost -binary -inform DER -in " + quoted(dir / "message.der") +
+                        " -CAfile " + quoted(ca_file) + " -purpose any -out " + quoted(dir / "content.out");
+  if (!signer_certs.empty()) command += " -certfile " + quoted(signer_certs);
+  if (content != nullptr) {
+    write_file(dir / "content.in", *content);
+    command += " -content " + quoted(dir / "content.in");
+  }
+  int status = -1;
+  const std::string output = run_command(command + " 2>&1", &status);
+  if (diagnostics != nullptr) *diagnostics = output;
+  if (out_content != nullptr && status == 0) *out_content = read_file(dir / "content.out");
+  return status;
+}
+
+}  // namespace bv::test
