@@ -160,66 +160,6 @@ bool key_matches_certificate(EVP_PKEY* key, X509* certificate) {
   return same;
 }
 
-std::string utf8_of(LPCWSTR text) {
-  std::string out;
-  if (text == nullptr) return out;
-  for (size_t i = 0; text[i] != 0; ++i) {
-    uint32_t code = text[i];
-    if (code >= 0xD800 && code < 0xDC00 && text[i + 1] >= 0xDC00 && text[i + 1] < 0xE000) {
-      code = 0x10000 + ((code - 0xD800) << 10) + (text[i + 1] - 0xDC00);
-      ++i;
-    }
-    if (code < 0x80) {
-      out += static_cast<char>(code);
-    } else if (code < 0x800) {
-      out += static_cast<char>(0xC0 | (code >> 6));
-      out += static_cast<char>(0x80 | (code & 0x3F));
-    } else if (code < 0x10000) {
-      out += static_cast<char>(0xE0 | (code >> 12));
-      out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (code & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (code >> 18));
-      out += static_cast<char>(0x80 | ((code >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (code & 0x3F));
-    }
-  }
-  return out;
-}
-
-std::u16string utf16_of(const std::string& text) {
-  std::u16string out;
-  for (size_t i = 0; i < text.size();) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    uint32_t code = 0xFFFD;
-    size_t extra = 0;
-    if (byte < 0x80) {
-      code = byte;
-    } else if ((byte & 0xE0) == 0xC0) {
-      code = byte & 0x1F, extra = 1;
-    } else if ((byte & 0xF0) == 0xE0) {
-      code = byte & 0x0F, extra = 2;
-    } else if ((byte & 0xF8) == 0xF0) {
-      code = byte & 0x07, extra = 3;
-    }
-    if (i + extra >= text.size() && extra != 0) {  // cut short
-      out += u'\xFFFD';
-      break;
-    }
-    for (size_t k = 1; k <= extra; ++k) code = (code << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
-    i += extra + 1;
-    if (code >= 0x10000) {
-      code -= 0x10000;
-      out += static_cast<char16_t>(0xD800 + (code >> 10));
-      out += static_cast<char16_t>(0xDC00 + (code & 0x3FF));
-    } else {
-      out += static_cast<char16_t>(code);
-    }
-  }
-  return out;
-}
-
 }  // namespace bv::platform
 
 using namespace bv::platform;

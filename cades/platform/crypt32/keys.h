@@ -7,6 +7,7 @@
 #include <string>
 
 #include "crypt32/store.h"
+#include "kernel32/wide_text.h"  // utf8_of, utf16_of for paths and names
 
 namespace bv::platform {
 
@@ -36,9 +37,5 @@ bool write_key_file(const std::string& path, EVP_PKEY* key, const std::string& p
 
 // Whether `key` is the private half of the certificate's public key.
 bool key_matches_certificate(EVP_PKEY* key, X509* certificate);
-
-// UTF-16 and UTF-8 texts of paths and names.
-std::string utf8_of(LPCWSTR text);
-std::u16string utf16_of(const std::string& text);
 
 }  // namespace bv::platform

@@ -9,6 +9,7 @@
 #include "crypt32/store.h"
 #include "cryptui/terminal.h"
 #include "kernel32/kernel32.h"
+#include "kernel32/wide_text.h"
 #include "openssl/ossl.h"
 
 namespace {
@@ -29,33 +30,6 @@ struct Choices {
     for (const Choice& choice : items) CertFreeCertificateContext(choice.context);
   }
 };
-
-std::string utf8_of(LPCWSTR wide) {
-  std::string out;
-  for (size_t i = 0; wide != nullptr && wide[i] != 0; ++i) {
-    uint32_t code = wide[i];
-    if (code >= 0xD800 && code < 0xDC00 && wide[i + 1] >= 0xDC00 && wide[i + 1] < 0xE000) {
-      code = 0x10000 + ((code - 0xD800) << 10) + (wide[i + 1] - 0xDC00);
-      ++i;
-    }
-    if (code < 0x80) {
-      out += static_cast<char>(code);
-    } else if (code < 0x800) {
-      out += static_cast<char>(0xC0 | (code >> 6));
-      out += static_cast<char>(0x80 | (code & 0x3F));
-    } else if (code < 0x10000) {
-      out += static_cast<char>(0xE0 | (code >> 12));
-      out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (code & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (code >> 18));
-      out += static_cast<char>(0x80 | ((code >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (code & 0x3F));
-    }
-  }
-  return out;
-}
 
 // A name as people read it (common name first, UTF-8), on one line.
 std::string name_text(const X509_NAME* name) {
@@ -166,8 +140,8 @@ PCCERT_CONTEXT CryptUIDlgSelectCertificateFromStore(HCERTSTORE hCertStore, HWND 
     SetLastError(CRYPT_E_NOT_FOUND);
     return nullptr;
   }
-  const std::string title = utf8_of(pwszTitle);
-  const std::string text = utf8_of(pwszDisplayString);
+  const std::string title = bv::platform::utf8_of(pwszTitle);
+  const std::string text = bv::platform::utf8_of(pwszDisplayString);
 
   // 2. The user at the terminal.
   int index = -1;

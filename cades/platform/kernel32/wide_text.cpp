@@ -81,6 +81,10 @@ std::string utf8_from_utf16(std::u16string_view text) {
   return out;
 }
 
+std::string utf8_of(LPCWSTR text) { return text == nullptr ? std::string() : utf8_from_utf16(text); }
+
+std::u16string utf16_of(const std::string& text) { return utf16_from_utf8(text); }
+
 bool is_valid_utf8(std::string_view text) {
   for (size_t i = 0; i < text.size();) {
     const size_t start = i;

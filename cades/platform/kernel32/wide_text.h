@@ -12,6 +12,10 @@ namespace bv::platform {
 // Invalid sequences become U+FFFD, so a conversion never fails.
 std::u16string utf16_from_utf8(std::string_view text);
 std::string utf8_from_utf16(std::u16string_view text);
+// The same for the platform's NUL-terminated wide texts (null is empty) and
+// for names held as std::string.
+std::string utf8_of(LPCWSTR text);
+std::u16string utf16_of(const std::string& text);
 
 bool is_valid_utf8(std::string_view text);
 
