@@ -8,20 +8,11 @@
 #include "advapi32/provider_handle.h"
 #include "crypt32/keys.h"
 #include "kernel32/kernel32.h"
+#include "output_space.h"
 
 namespace {
 
-bool copy_out(const void* value, size_t size, BYTE* out, DWORD* out_length) {
-  const DWORD offered = *out_length;
-  *out_length = static_cast<DWORD>(size);
-  if (out == nullptr) return true;
-  if (offered < size) {
-    SetLastError(ERROR_MORE_DATA);
-    return false;
-  }
-  if (size != 0) std::memcpy(out, value, size);
-  return true;
-}
+using bv::platform::copy_output;
 
 // Why a container's key is not open: no container at all, no PIN where the
 // caller forbade asking, or a PIN that did not open it.
@@ -49,17 +40,20 @@ BOOL CryptGetProvParam(HCRYPTPROV hProv, DWORD dwParam, BYTE* pbData, DWORD* pdw
       // What the value holds is not used by callers: the provider type and
       // the key's size in bits.
       const DWORD value[2] = {provider->type, static_cast<DWORD>(EVP_PKEY_get_bits(provider->key.get()))};
-      return copy_out(value, sizeof value, pbData, pdwDataLen) ? TRUE : FALSE;
+      return copy_output(value, sizeof value, pbData, pdwDataLen) ? TRUE : FALSE;
     }
     case PP_NAME: {
       const char* name = bv::platform::key_provider_name(provider->type);
       const std::string text = name != nullptr ? name : "";
-      return copy_out(text.c_str(), text.size() + 1, pbData, pdwDataLen) ? TRUE : FALSE;
+      return copy_output(text.c_str(), static_cast<DWORD>(text.size() + 1), pbData, pdwDataLen) ? TRUE : FALSE;
     }
     case PP_CONTAINER:
-      return copy_out(provider->container.c_str(), provider->container.size() + 1, pbData, pdwDataLen) ? TRUE : FALSE;
+      return copy_output(provider->container.c_str(), static_cast<DWORD>(provider->container.size() + 1), pbData,
+                         pdwDataLen)
+                 ? TRUE
+                 : FALSE;
     case PP_PROVTYPE:
-      return copy_out(&provider->type, sizeof provider->type, pbData, pdwDataLen) ? TRUE : FALSE;
+      return copy_output(&provider->type, sizeof provider->type, pbData, pdwDataLen) ? TRUE : FALSE;
     default:
       SetLastError(NTE_BAD_TYPE);
       return FALSE;

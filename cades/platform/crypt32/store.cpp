@@ -18,6 +18,7 @@
 #include "crypt32/keys.h"
 #include "crypt32/store.h"
 #include "kernel32/kernel32.h"
+#include "output_space.h"
 #include "shell32/shell32.h"
 
 namespace bv::platform {
@@ -368,18 +369,6 @@ std::u16string wide_copy(LPCWSTR text) {
   return std::u16string(text, length);
 }
 
-bool copy_out(const void* value, size_t size, void* out, DWORD* out_length) {
-  const DWORD offered = *out_length;
-  *out_length = static_cast<DWORD>(size);
-  if (out == nullptr) return true;
-  if (offered < size) {
-    SetLastError(ERROR_MORE_DATA);
-    return false;
-  }
-  if (size != 0) std::memcpy(out, value, size);
-  return true;
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------
@@ -508,25 +497,16 @@ BOOL CertGetCertificateContextProperty(PCCERT_CONTEXT pCertContext, DWORD dwProp
   }
   switch (dwPropId) {
     case CERT_SHA1_HASH_PROP_ID:
-      return copy_out(element->parsed->sha1, sizeof element->parsed->sha1, pvData, pcbData) ? TRUE : FALSE;
+      return copy_output(element->parsed->sha1, sizeof element->parsed->sha1, pvData, pcbData) ? TRUE : FALSE;
     case CERT_KEY_PROV_INFO_PROP_ID: {
       KeyProvInfo info;
       if (!effective_key_prov_info(*element, info)) {
         SetLastError(CRYPT_E_NOT_FOUND);
         return FALSE;
       }
-      const size_t size = flat_size(info);
-      const DWORD offered = *pcbData;
-      *pcbData = static_cast<DWORD>(size);
-      BOOL ok = TRUE;
-      if (pvData != nullptr) {
-        if (offered < size) {
-          SetLastError(ERROR_MORE_DATA);
-          ok = FALSE;
-        } else {
-          write_flat(info, static_cast<BYTE*>(pvData));
-        }
-      }
+      // A size query succeeds; a short buffer gets the size and ERROR_MORE_DATA.
+      const BOOL ok = prepare_output_space(pvData, pcbData, static_cast<DWORD>(flat_size(info))) || pvData == nullptr;
+      if (ok && pvData != nullptr) write_flat(info, static_cast<BYTE*>(pvData));
       wipe_key_prov_info(info);
       return ok;
     }
@@ -538,7 +518,7 @@ BOOL CertGetCertificateContextProperty(PCCERT_CONTEXT pCertContext, DWORD dwProp
       }
       const DWORD key_spec = info.dwKeySpec;
       wipe_key_prov_info(info);
-      return copy_out(&key_spec, sizeof key_spec, pvData, pcbData) ? TRUE : FALSE;
+      return copy_output(&key_spec, sizeof key_spec, pvData, pcbData) ? TRUE : FALSE;
     }
     default:
       SetLastError(CRYPT_E_NOT_FOUND);
