@@ -12,11 +12,9 @@
 #include "identity/names.h"
 #include "trace/trace.h"
 
-bool calc_simple_hash(HCRYPTPROV hProv, const char* hashOid, const BYTE* data, DWORD dataL, BYTE** out,
-                      DWORD* outL) {
-  constexpr const char* trace_function = "calc_simple_hash";
+bool create_hash_for_oid(const char* trace_function, HCRYPTPROV hProv, const char* hashOid,
+                         bv::platform::HashObject& hash) {
   constexpr const char* trace_file = "bvsapssf";
-
   ALG_ID algid = CALG_GR3411;
   if (hashOid != nullptr) {
     PCCRYPT_OID_INFO info =
@@ -28,12 +26,20 @@ bool calc_simple_hash(HCRYPTPROV hProv, const char* hashOid, const BYTE* data, D
     }
     algid = info->Algid;
   }
-
-  bv::platform::HashObject hash;
   if (!CryptCreateHash(hProv, algid, 0, 0, hash.receive())) {
-    BV_TRACE(TRACE_NORMAL, "#error# CryptCreateHash for algid = %d  FAILED.\n", algid);
+    BV_TRACE(TRACE_NORMAL, "#error# CryptCreateHash for algid = %d  FAILED.\n", static_cast<int>(algid));
     return false;
   }
+  return true;
+}
+
+bool calc_simple_hash(HCRYPTPROV hProv, const char* hashOid, const BYTE* data, DWORD dataL, BYTE** out,
+                      DWORD* outL) {
+  constexpr const char* trace_function = "calc_simple_hash";
+  constexpr const char* trace_file = "bvsapssf";
+
+  bv::platform::HashObject hash;
+  if (!create_hash_for_oid(trace_function, hProv, hashOid, hash)) return false;
   // From here a failure destroys the hash before its line (reset keeps the
   // last error), so the caller reads the error of the failed step.
   if (!CryptHashData(hash.get(), data, dataL, 0)) {
