@@ -11,26 +11,20 @@
 
 namespace bvssf {
 
+// Every export the host calls, named once: the record below and its
+// resolution in main.cpp are both made from this list.
+#define BVSSF_EXPORTS(X) \
+  X(SsfVersion) X(SsfQueryProperties) X(SsfEncode) X(SsfDecode) X(SsfSign) X(SsfVerify) X(SsfEnvelope) \
+  X(SsfDevelope) X(SsfAddSign) X(SsfDigest) X(SsfDELSsfOctetstring) X(SsfNEWSigRcpSsfInfo) \
+  X(SsfDELSigRcpSsfInfo) X(SsfINSSigRcpSsfInfo) X(SsfDELSigRcpSsfInfoList) X(SsfPRISigRcpSsfInfo) \
+  X(SsfPRISigRcpSsfInfoList)
+
 // The exports, resolved from the library that $BVSSF_LIBRARY names, else
 // libbvsapssf.so beside this program.
 struct Library {
-  decltype(&::SsfVersion) SsfVersion;
-  decltype(&::SsfQueryProperties) SsfQueryProperties;
-  decltype(&::SsfEncode) SsfEncode;
-  decltype(&::SsfDecode) SsfDecode;
-  decltype(&::SsfSign) SsfSign;
-  decltype(&::SsfVerify) SsfVerify;
-  decltype(&::SsfEnvelope) SsfEnvelope;
-  decltype(&::SsfDevelope) SsfDevelope;
-  decltype(&::SsfAddSign) SsfAddSign;
-  decltype(&::SsfDigest) SsfDigest;
-  decltype(&::SsfDELSsfOctetstring) SsfDELSsfOctetstring;
-  decltype(&::SsfNEWSigRcpSsfInfo) SsfNEWSigRcpSsfInfo;
-  decltype(&::SsfDELSigRcpSsfInfo) SsfDELSigRcpSsfInfo;
-  decltype(&::SsfINSSigRcpSsfInfo) SsfINSSigRcpSsfInfo;
-  decltype(&::SsfDELSigRcpSsfInfoList) SsfDELSigRcpSsfInfoList;
-  decltype(&::SsfPRISigRcpSsfInfo) SsfPRISigRcpSsfInfo;
-  decltype(&::SsfPRISigRcpSsfInfoList) SsfPRISigRcpSsfInfoList;
+#define BVSSF_EXPORT_MEMBER(name) decltype(&::name) name;
+  BVSSF_EXPORTS(BVSSF_EXPORT_MEMBER)
+#undef BVSSF_EXPORT_MEMBER
 };
 
 const Library& library();

@@ -50,24 +50,8 @@ const Library& library() {
       return symbol;
     };
     Library l{};
-#define BVSSF_RESOLVE(name) l.name = reinterpret_cast<decltype(l.name)>(resolve(#name))
-    BVSSF_RESOLVE(SsfVersion);
-    BVSSF_RESOLVE(SsfQueryProperties);
-    BVSSF_RESOLVE(SsfEncode);
-    BVSSF_RESOLVE(SsfDecode);
-    BVSSF_RESOLVE(SsfSign);
-    BVSSF_RESOLVE(SsfVerify);
-    BVSSF_RESOLVE(SsfEnvelope);
-    BVSSF_RESOLVE(SsfDevelope);
-    BVSSF_RESOLVE(SsfAddSign);
-    BVSSF_RESOLVE(SsfDigest);
-    BVSSF_RESOLVE(SsfDELSsfOctetstring);
-    BVSSF_RESOLVE(SsfNEWSigRcpSsfInfo);
-    BVSSF_RESOLVE(SsfDELSigRcpSsfInfo);
-    BVSSF_RESOLVE(SsfINSSigRcpSsfInfo);
-    BVSSF_RESOLVE(SsfDELSigRcpSsfInfoList);
-    BVSSF_RESOLVE(SsfPRISigRcpSsfInfo);
-    BVSSF_RESOLVE(SsfPRISigRcpSsfInfoList);
+#define BVSSF_RESOLVE(name) l.name = reinterpret_cast<decltype(l.name)>(resolve(#name));
+    BVSSF_EXPORTS(BVSSF_RESOLVE)
 #undef BVSSF_RESOLVE
     return l;
   }();
