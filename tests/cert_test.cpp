@@ -322,12 +322,4 @@ TEST(CryptDecodeObject, SigningTimeInBothTimeForms) {
                                  static_cast<DWORD>(bad.size()), 0, &time, &size));
 }
 
-TEST(CertFindAttribute, FindsByOid) {
-  CRYPT_ATTRIBUTE attributes[2] = {{const_cast<char*>("1.2.840.113549.1.9.3"), 0, nullptr},
-                                   {const_cast<char*>("1.2.840.113549.1.9.5"), 0, nullptr}};
-  EXPECT_EQ(CertFindAttribute("1.2.840.113549.1.9.5", 2, attributes), &attributes[1]);
-  EXPECT_EQ(CertFindAttribute("1.2.840.113549.1.9.4", 2, attributes), nullptr);
-  EXPECT_EQ(CertFindAttribute("1.2.840.113549.1.9.5", 0, nullptr), nullptr);
-}
-
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <clocale>
 #include <cstring>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -56,115 +55,57 @@ struct ConfigCase {
   Expected expected;
 };
 
-Expected with(std::function<void(Expected&)> change) {
-  Expected e;
-  change(e);
-  return e;
-}
-
 }  // namespace
 
 TEST(Config, SourcesAndTheirStrength) {
   const std::string long_list = std::string(200, 'a') + ";" + std::string(100, 'b');  // 301 characters
+  const auto none = std::nullopt;
   const std::vector<ConfigCase> cases = {
-      {"nothing anywhere gives the defaults", {}, std::nullopt, std::nullopt, Expected{}},
+      {"nothing anywhere gives the defaults", {}, none, none, {}},
       {"environment, every key",
-       {{"BV_SSF_USERID", "CERT_HASH"},
-        {"BV_SSF_VERIFYCERTFLAGS", "1234abcz"},
-        {"BV_SSF_VERIFYCERTACCEPTABLESTATUS", "ff"},
-        {"BV_SSF_VERIFYCERTFLAGS_ONSELECT", "20000000xyz"},
-        {"BV_SSF_ASK_PIN_WHEN_EMPTY", "yes"},
-        {"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "no"},
+       {{"BV_SSF_USERID", "CERT_HASH"}, {"BV_SSF_VERIFYCERTFLAGS", "1234abcz"},
+        {"BV_SSF_VERIFYCERTACCEPTABLESTATUS", "ff"}, {"BV_SSF_VERIFYCERTFLAGS_ONSELECT", "20000000xyz"},
+        {"BV_SSF_ASK_PIN_WHEN_EMPTY", "yes"}, {"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "no"},
         {"BV_SSF_ADD_TSP", "http://a;http://b"}},
-       std::nullopt,
-       std::nullopt,
-       with([](Expected& e) {
-         e.user_id_as_hash = true;
-         e.verify_flags = 0x1234abc;
-         e.acceptable = 0xff;
-         e.on_select = 0x20000000;
-         e.ask_pin = true;
-         e.on_sign = 0;
-         e.tsp = {"http://a", "http://b"};
-       })},
+       none, none,
+       {.verify_flags = 0x1234abc, .on_select = 0x20000000, .on_sign = 0, .acceptable = 0xff,
+        .user_id_as_hash = true, .ask_pin = true, .tsp = {"http://a", "http://b"}}},
       {"environment values that switch nothing",
-       {{"BV_SSF_USERID", "cert_hash"},
-        {"BV_SSF_VERIFYCERTFLAGS", "zz10"},
-        {"BV_SSF_ASK_PIN_WHEN_EMPTY", "01"},
+       {{"BV_SSF_USERID", "cert_hash"}, {"BV_SSF_VERIFYCERTFLAGS", "zz10"}, {"BV_SSF_ASK_PIN_WHEN_EMPTY", "01"},
         {"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "maybe"}},
-       std::nullopt,
-       std::nullopt,
-       Expected{}},
+       none, none, {}},
       {"environment switches on the other words",
-       {{"BV_SSF_ASK_PIN_WHEN_EMPTY", "True"}, {"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "FALSE"}},
-       std::nullopt,
-       std::nullopt,
-       with([](Expected& e) {
-         e.ask_pin = true;
-         e.on_sign = 0;
-       })},
-      {"a file switches CERT_HASH off again",
-       {{"BV_SSF_USERID", "CERT_HASH"}},
-       ini("BV_SSF_USERID=cert_hash\n"),
-       std::nullopt,
-       Expected{}},
-      {"a file switches signing verification back on",
-       {{"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "0"}},
-       std::nullopt,
-       ini("BV_SSF_VERIFYCERTFLAGS_ONSIGN=YES\n"),
-       Expected{}},
-      {"a file switches the PIN question off with any other word",
-       {{"BV_SSF_ASK_PIN_WHEN_EMPTY", "1"}},
-       ini("BV_SSF_ASK_PIN_WHEN_EMPTY=nope\n"),
-       std::nullopt,
-       Expected{}},
+       {{"BV_SSF_ASK_PIN_WHEN_EMPTY", "True"}, {"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "FALSE"}}, none, none,
+       {.on_sign = 0, .ask_pin = true}},
+      {"a file switches CERT_HASH off again", {{"BV_SSF_USERID", "CERT_HASH"}}, ini("BV_SSF_USERID=cert_hash\n"), none,
+       {}},
+      {"a file switches signing verification back on", {{"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "0"}}, none,
+       ini("BV_SSF_VERIFYCERTFLAGS_ONSIGN=YES\n"), {}},
+      {"a file switches the PIN question off with any other word", {{"BV_SSF_ASK_PIN_WHEN_EMPTY", "1"}},
+       ini("BV_SSF_ASK_PIN_WHEN_EMPTY=nope\n"), none, {}},
       {"the common file beats the local one and the environment",
        {{"BV_SSF_VERIFYCERTFLAGS", "1"}, {"BV_SSF_ADD_TSP", "env1;env2"}},
        ini("BV_SSF_VERIFYCERTFLAGS=2\nBV_SSF_VERIFYCERTACCEPTABLESTATUS=7\nBV_SSF_ADD_TSP=local\n"),
        ini("BV_SSF_VERIFYCERTFLAGS=3\nBV_SSF_ADD_TSP=common1;common2\n"),
-       with([](Expected& e) {
-         e.verify_flags = 3;
-         e.acceptable = 7;
-         e.tsp = {"common1", "common2"};
-       })},
+       {.verify_flags = 3, .acceptable = 7, .tsp = {"common1", "common2"}}},
       {"an empty or unparsable value in a file changes nothing",
-       {{"BV_SSF_ADD_TSP", "env"}, {"BV_SSF_VERIFYCERTFLAGS", "5"}},
-       ini("BV_SSF_ADD_TSP=\nBV_SSF_VERIFYCERTFLAGS=xyz\n"),
-       std::nullopt,
-       with([](Expected& e) {
-         e.tsp = {"env"};
-         e.verify_flags = 5;
-       })},
-      {"separators at the start, doubled and at the end",
-       {{"BV_SSF_ADD_TSP", ";a;;b;"}},
-       std::nullopt,
-       std::nullopt,
-       with([](Expected& e) { e.tsp = {"", "a", "", "b"}; })},
-      {"a value of more than 259 characters is cut",
-       {},
-       std::nullopt,
-       ini("BV_SSF_ADD_TSP=" + long_list + "\n"),
-       with([&](Expected& e) { e.tsp = {std::string(200, 'a'), std::string(58, 'b')}; })},
-      {"section and key names without case, blanks and quotes dropped",
-       {},
-       "; a comment\n[BVSapSSF]\n  bv_ssf_userid = \"CERT_HASH\"  \n",
-       std::nullopt,
-       with([](Expected& e) { e.user_id_as_hash = true; })},
-      {"a key outside the section is not read",
-       {},
-       "BV_SSF_USERID=CERT_HASH\n[other]\nBV_SSF_USERID=CERT_HASH\n",
-       std::nullopt,
-       Expected{}},
-      {"a UTF-16 file with its byte order mark",
-       {},
-       std::nullopt,
+       {{"BV_SSF_ADD_TSP", "env"}, {"BV_SSF_VERIFYCERTFLAGS", "5"}}, ini("BV_SSF_ADD_TSP=\nBV_SSF_VERIFYCERTFLAGS=xyz\n"),
+       none, {.verify_flags = 5, .tsp = {"env"}}},
+      {"separators at the start, doubled and at the end", {{"BV_SSF_ADD_TSP", ";a;;b;"}}, none, none,
+       {.tsp = {"", "a", "", "b"}}},
+      {"a value of more than 259 characters is cut", {}, none, ini("BV_SSF_ADD_TSP=" + long_list + "\n"),
+       {.tsp = {std::string(200, 'a'), std::string(58, 'b')}}},
+      {"section and key names without case, blanks and quotes dropped", {},
+       "; a comment\n[BVSapSSF]\n  bv_ssf_userid = \"CERT_HASH\"  \n", none, {.user_id_as_hash = true}},
+      {"a key outside the section is not read", {}, "BV_SSF_USERID=CERT_HASH\n[other]\nBV_SSF_USERID=CERT_HASH\n",
+       none, {}},
+      {"a UTF-16 file with its byte order mark", {}, none,
        [] {
-         const std::string text = "[bvsapssf]\r\nBV_SSF_VERIFYCERTFLAGS_ONSELECT=c0000000\r\n";
          std::string utf16 = "\xFF\xFE";
-         for (char c : text) utf16 += std::string{c, '\0'};
+         for (char c : std::string("[bvsapssf]\r\nBV_SSF_VERIFYCERTFLAGS_ONSELECT=c0000000\r\n")) utf16 += {c, '\0'};
          return utf16;
        }(),
-       with([](Expected& e) { e.on_select = 0xc0000000; })},
+       {.on_select = 0xc0000000}},
   };
   for (const ConfigCase& c : cases) {
     SCOPED_TRACE(c.name);

@@ -98,38 +98,6 @@ TEST(QueryProperties, SelectsByPrefixOfTheCallersLength) {
   });
 }
 
-TEST(QueryProperties, TracesItsBannersAndTheRefusal) {
-  CoreTrace trace;
-  char* value = nullptr;
-  uint32_t length = 0;
-  EXPECT_EQ(SsfQueryProperties("NOPE", 4, nullptr, 0, &value, &length), SSF_ERR_INPUT);
-  EXPECT_EQ(trace.messages(),
-            (std::vector<std::string>{"****************#start#****************\n", "#error#: Invalid Property name\n",
-                                      "!!!!!!!!!!!!!!!!#error#!!!!!!!!!!!!!!!!\n"}));
-  trace.clear();
-  ASSERT_EQ(SsfQueryProperties("S", 1, nullptr, 0, &value, &length), SSF_OK);
-  SsfDELSsfOctetstring(reinterpret_cast<unsigned char**>(&value), &length);
-  EXPECT_EQ(trace.messages(), (std::vector<std::string>{"****************#start#****************\n",
-                                                        "++++++++++++++++#success#++++++++++++++++\n"}));
-}
-
-TEST(QueryProperties, TheLoadedLibraryWritesWholeLinesWithBothOptions) {
-  bv::test::TempDir dir;
-  const auto child = bv::test::run_isolated(bv::test::trace_env(dir, 2, 3), [] {
-    char* value = nullptr;
-    uint32_t length = 0;
-    EXPECT_EQ(SsfApi::get().SsfQueryProperties("NOPE", 4, nullptr, 0, &value, &length), SSF_ERR_INPUT);
-  });
-  const std::string log = bv::test::trace_log(dir);
-  ASSERT_EQ(child.exit_code, 0) << log << child.stderr_text;
-  // "<module>: {thread} /function/ file(line) : category: message", the
-  // local time in front.
-  const std::regex line(
-      R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d : libbvsapssf\.so: \{\d+\} /SsfQueryProperties/ ssfxxmain\(\d+\) : )"
-      R"(BVTraceGeneral: #error#: Invalid Property name\r\n)");
-  EXPECT_TRUE(std::regex_search(log, line)) << log;
-}
-
 TEST(DELSsfOctetstring, NullPointersAndSecondCallsDoNothing) {
   bv::test::run_traced([] {
     const SsfApi& api = SsfApi::get();

@@ -79,52 +79,6 @@ TEST(RawGostFormat, NeedsTheExactLength) {
   }
 }
 
-struct HashCase {
-  const char* text;
-  int32_t length;
-  const char* row;  // name of the row hit, null for none
-};
-
-TEST(FindHashName, PrefixesHitTheFirstRowThatShareThem) {
-  const HashCase cases[] = {
-      {"SHA1", 4, "SHA1"},
-      {"S", 1, "SHA1"},
-      {"G", 1, "GOST3411"},
-      {"GOST", 4, "GOST3411"},
-      {"GOST-", 5, "GOST-R-34.11-94"},
-      {"GOST2", 5, "GOST2012-256"},
-      {"GOST2012-512", 12, "GOST2012-512"},
-      {"GOST-R-34.11-2012-256", 21, "GOST-R-34.11-2012-256"},
-      {"GOST-R-32.11-2012-512", 21, "GOST-R-32.11-2012-512"},
-      {"GOST-R-34.11-2012-512", 21, nullptr},  // announced, and refused
-      {"M", 1, "MD2"},
-      {"MD", 2, "MD2"},
-      {"MD5", 3, "MD5"},
-      {"SHA1X", 5, nullptr},
-      {"SHA1\0", 5, "SHA1"},  // the terminator after the name ends the comparison
-      {"sha1", 4, nullptr},
-      {"SHA1", 0, nullptr},
-      {"SHA1", -1, nullptr},
-  };
-  for (const HashCase& c : cases) {
-    SCOPED_TRACE(std::string(c.text) + "/" + std::to_string(c.length));
-    const HashName* found = find_hash_name(c.text, c.length);
-    if (c.row == nullptr) {
-      EXPECT_EQ(found, nullptr);
-      continue;
-    }
-    ASSERT_NE(found, nullptr);
-    EXPECT_STREQ(found->name, c.row);
-  }
-  const HashName* long_512 = find_hash_name("GOST-R-32.11-2012-512", 21);
-  ASSERT_NE(long_512, nullptr);
-  EXPECT_STREQ(long_512->oid, "1.2.643.7.1.1.2.3");
-  EXPECT_EQ(long_512->provider_type, 81u);
-  EXPECT_STREQ(find_hash_name("GOST2012-256", 12)->oid, "1.2.643.7.1.1.2.2");
-  EXPECT_EQ(find_hash_name("GOST2012-256", 12)->provider_type, 80u);
-  EXPECT_EQ(find_hash_name("GOST3411", 8)->provider_type, 75u);
-}
-
 TEST(FindEncryptionOid, BothNamesAndTheirPrefixes) {
   const struct {
     const char* text;

@@ -105,22 +105,4 @@ TEST(HashOid, SignatureKeysGiveTheirHash) {
   }
 }
 
-TEST(HashOid, MatchersGoOnUntilTheirRecordAndStopThere) {
-  PubKeyOidMatcher rsa("1.2.840.113549.1.1.1");
-  EXPECT_TRUE(CryptEnumOIDInfo(CRYPT_PUBKEY_ALG_OID_GROUP_ID, 0, &rsa, oid_enum_callback));
-  EXPECT_EQ(rsa.algId, 0u);  // found, but of the key exchange class
-  EXPECT_EQ(rsa.info, nullptr);
-
-  PubKeyOidMatcher gost("1.2.643.7.1.1.1.2");
-  EXPECT_FALSE(CryptEnumOIDInfo(CRYPT_PUBKEY_ALG_OID_GROUP_ID, 0, &gost, oid_enum_callback));
-  EXPECT_EQ(gost.algId, CALG_GR3410_12_512);
-  ASSERT_NE(gost.info, nullptr);
-  EXPECT_STREQ(gost.info->pszOID, "1.2.643.7.1.1.1.2");
-
-  SignAlgMatcher signature(CALG_GR3410EL);
-  EXPECT_FALSE(CryptEnumOIDInfo(CRYPT_SIGN_ALG_OID_GROUP_ID, 0, &signature, oid_enum_callback));
-  ASSERT_NE(signature.info, nullptr);
-  EXPECT_STREQ(signature.info->pszOID, "1.2.643.2.2.3");
-}
-
 }  // namespace

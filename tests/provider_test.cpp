@@ -77,41 +77,6 @@ TEST(AcquireContext, VerifyContextsOfTheGostTypesAndTheRefusals) {
   EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
 }
 
-struct Algorithm {
-  ALG_ID algid;
-  int nid;
-  DWORD size;
-};
-const Algorithm kAlgorithms[] = {
-    {CALG_GR3411, NID_id_GostR3411_94, 32},          {CALG_GR3411_2012_256, NID_id_GostR3411_2012_256, 32},
-    {CALG_GR3411_2012_512, NID_id_GostR3411_2012_512, 64}, {CALG_SHA1, NID_sha1, 20},
-    {CALG_MD5, NID_md5, 16},
-};
-
-TEST(Hash, PiecesGiveOpensslsValueAndTheParamsAnswer) {
-  std::string data(3000, '\0');
-  for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7 + 3);
-  ProviderContext provider;
-  ASSERT_TRUE(CryptAcquireContextA(provider.receive(), nullptr, nullptr, 80, CRYPT_VERIFYCONTEXT));
-  for (const Algorithm& a : kAlgorithms) {
-    SCOPED_TRACE(a.algid);
-    HashObject hash;
-    ASSERT_TRUE(CryptCreateHash(provider.get(), a.algid, 0, 0, hash.receive()));
-    const auto* bytes = reinterpret_cast<const BYTE*>(data.data());
-    ASSERT_TRUE(CryptHashData(hash.get(), bytes, 1, 0));
-    ASSERT_TRUE(CryptHashData(hash.get(), bytes + 1, 0, 0));
-    ASSERT_TRUE(CryptHashData(hash.get(), bytes + 1, 2999, 0));
-
-    DWORD value = 0;
-    DWORD size = sizeof value;
-    ASSERT_TRUE(CryptGetHashParam(hash.get(), HP_ALGID, reinterpret_cast<BYTE*>(&value), &size, 0));
-    EXPECT_EQ(value, a.algid);
-    ASSERT_TRUE(CryptGetHashParam(hash.get(), HP_HASHSIZE, reinterpret_cast<BYTE*>(&value), &size, 0));
-    EXPECT_EQ(value, a.size);
-    EXPECT_EQ(hash_value(hash.get()), reference_digest(a.nid, data));
-  }
-}
-
 TEST(Hash, SizeQueriesShortBuffersAndTheFinishedState) {
   ProviderContext provider;
   ASSERT_TRUE(CryptAcquireContextA(provider.receive(), nullptr, nullptr, 75, CRYPT_VERIFYCONTEXT));
@@ -142,32 +107,6 @@ TEST(Hash, SizeQueriesShortBuffersAndTheFinishedState) {
   EXPECT_EQ(GetLastError(), NTE_BAD_TYPE);
   EXPECT_FALSE(CryptGetHashParam(hash.get(), HP_HASHVAL, value, &size, 1));
   EXPECT_EQ(GetLastError(), NTE_BAD_FLAGS);
-}
-
-TEST(Hash, RefusedCreations) {
-  ProviderContext provider;
-  ASSERT_TRUE(CryptAcquireContextA(provider.receive(), nullptr, nullptr, 75, CRYPT_VERIFYCONTEXT));
-  struct Case {
-    const char* what;
-    ALG_ID algid;
-    HCRYPTKEY key;
-    DWORD flags;
-    DWORD error;
-  };
-  const Case cases[] = {
-      {"MD2, which OpenSSL 3 keeps in its legacy provider", CALG_MD2, 0, 0, NTE_BAD_ALGID},
-      {"a cipher is no hash", CALG_G28147, 0, 0, NTE_BAD_ALGID},
-      {"unknown", 0x8077, 0, 0, NTE_BAD_ALGID},
-      {"keyed hash", CALG_GR3411, 1, 0, NTE_BAD_KEY},
-      {"flags", CALG_GR3411, 0, 1, NTE_BAD_FLAGS},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    HCRYPTHASH hash = 0;
-    EXPECT_FALSE(CryptCreateHash(provider.get(), c.algid, c.key, c.flags, &hash));
-    EXPECT_EQ(GetLastError(), c.error);
-    EXPECT_EQ(hash, 0u);
-  }
 }
 
 TEST(Handles, WrongHandlesAreRefusedAndReferencesKeepTheProvider) {

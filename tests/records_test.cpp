@@ -166,32 +166,6 @@ TEST(PrintRecord, ExactTextByteForByte) {
   EXPECT_EQ(api().SsfPRISigRcpSsfInfo(nullptr, nullptr, nullptr), SSF_REC_NULL_INFO);
 }
 
-TEST(PrintRecord, ResultNames) {
-  const struct {
-    int32_t result;
-    const char* name;
-  } cases[] = {{0, "OK"},
-               {21, "INVALID_NAMESPACE"},
-               {22, "UNKNOWN"},
-               {23, "UNKNOWN_PROFILE"},
-               {24, "INVALID_PROFILE"},
-               {25, "INVALID_PASSWORD"},
-               {26, "NOCERTIFICATE"},
-               {27, "NOT_OK"},
-               {28, "UNDEFINED"},
-               {1, "UNKNOWN RESULT ???"},
-               {29, "UNKNOWN RESULT ???"},
-               {-1, "UNKNOWN RESULT ???"}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.result);
-    SsfInfo* info = make("x");
-    info->Result = c.result;
-    const std::string printed = print(info);
-    EXPECT_NE(printed.find(std::string("Result : ") + c.name + "\n\n\n"), std::string::npos) << printed;
-    api().SsfDELSigRcpSsfInfo(&info);
-  }
-}
-
 TEST(PrintList, KeepsTheOrderOfInsertionAndNumbersFromOne) {
   SsfInfoNode* list = nullptr;
   for (const char* id : {"A", "B", "C"}) ASSERT_EQ(api().SsfINSSigRcpSsfInfo(make(id), &list), SSF_OK);

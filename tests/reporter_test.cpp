@@ -139,34 +139,6 @@ TEST(Catalogue, EveryTextFitsTheReporterBuffers) {
   }
 }
 
-TEST(Catalogue, EveryCodeWithARowOfItsOwnHasBothTexts) {
-  // Codes that own their row: each page up to where the next lower page's
-  // rows begin.  The empty rows 800, 700 and 200 have no text at all.
-  const std::pair<int32_t, int32_t> owned[] = {{100, 199}, {300, 310}, {400, 400}, {500, 506}, {600, 602}, {701, 710}};
-  for (const auto& [first, last] : owned)
-    for (int32_t code = first; code <= last; ++code) {
-      SCOPED_TRACE(code);
-      const int row = bv::catalogue::row_of(code);
-      ASSERT_GE(row, 0);
-      EXPECT_STRNE(bv::catalogue::kRowsTable[row].english, "");
-      EXPECT_STRNE(bv::catalogue::kRowsTable[row].russian, "");
-    }
-  for (const int32_t empty : {200, 700, 800}) {
-    EXPECT_STREQ(bv::catalogue::kRowsTable[bv::catalogue::row_of(empty)].russian, "");
-    EXPECT_STREQ(bv::catalogue::kRowsTable[bv::catalogue::row_of(empty)].english, "");
-  }
-  const struct {
-    int32_t code;
-    int row;
-  } pages[] = {{800, 0},  {700, 1},  {801, 1},  {600, 12}, {500, 15},  {603, 15}, {400, 22}, {300, 23},
-               {401, 23}, {200, 34}, {100, 35}, {201, 35}, {199, 134}, {900, -1}, {99, -1}};
-  for (const auto& p : pages) EXPECT_EQ(bv::catalogue::row_of(p.code), p.row) << p.code;
-  EXPECT_STREQ(bv::catalogue::kRowsTable[bv::catalogue::row_of(710)].english, "Incorrect content-type attribute.\n");
-  EXPECT_STREQ(bv::catalogue::kRowsTable[bv::catalogue::row_of(161)].english,
-               "Your certificate request has been received.\nHowever, you must wait for an administrator to issue the "
-               "certificate you requested.");
-}
-
 TEST(PlatformTexts, NoneHoldsAFormatDirective) {
   // The reporter passes these texts to the trace as the format.
   const std::pair<DWORD, DWORD> ranges[] = {{0, 20000},

@@ -6,9 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "crypt32/cert.h"
-#include "crypt32/msg.h"
-#include "advapi32/provider_handle.h"
 #include "signing.h"
 
 namespace bv::test {
@@ -150,73 +147,6 @@ TEST(SignRaw, ReversedValueVerifies) {
       EXPECT_FALSE(verifies(raw.signed_data));
     }
   }
-}
-
-// The message service on its own, with keys and certificates straight from
-// OpenSSL, several signers of different key kinds in one message.
-TEST(SignedMessageEncoder, SeveralSignersEachWithItsKeyAndHash) {
-  const SigningWorld& w = SigningWorld::get();
-  ASSERT_NE(bv::ossl::gost_engine(), nullptr);
-  struct Signer {
-    const TestCert* cert;
-    const char* hash_oid;
-    DWORD provider_type;
-  };
-  const std::vector<Signer> all = {{&w.carol, kGost94.c_str(), 75}, {&w.alice, kGost12_256.c_str(), 80}, {&w.bob, kGost12_512.c_str(), 81}};
-  std::vector<PCCERT_CONTEXT> contexts;
-  std::vector<HCRYPTPROV> providers;
-  std::vector<std::string> ders;
-  for (const Signer& s : all) {
-    ders.push_back(der_of(s.cert->cert.get()));
-    contexts.push_back(CertCreateCertificateContext(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING,
-                                                    reinterpret_cast<const BYTE*>(ders.back().data()),
-                                                    static_cast<DWORD>(ders.back().size())));
-    ASSERT_NE(contexts.back(), nullptr);
-    auto provider = std::make_unique<bv::platform::CryptProvider>();
-    provider->type = s.provider_type;
-    EVP_PKEY_up_ref(s.cert->key.get());
-    provider->key.reset(s.cert->key.get());
-    providers.push_back(bv::platform::new_provider_handle(std::move(provider)));
-  }
-
-  std::vector<CMSG_SIGNER_ENCODE_INFO> signers(all.size());
-  std::vector<CERT_BLOB> certificates(all.size());
-  for (size_t i = 0; i < all.size(); ++i) {
-    signers[i].cbSize = sizeof(CMSG_SIGNER_ENCODE_INFO);
-    signers[i].pCertInfo = contexts[i]->pCertInfo;
-    signers[i].hCryptProv = providers[i];
-    signers[i].dwKeySpec = AT_KEYEXCHANGE;
-    signers[i].HashAlgorithm.pszObjId = const_cast<char*>(all[i].hash_oid);
-    certificates[i] = {contexts[i]->cbCertEncoded, contexts[i]->pbCertEncoded};
-  }
-  const std::string data = "content of the encoder test";
-  for (const bool detached : {false, true}) {
-    SCOPED_TRACE(detached ? "detached" : "attached");
-    CMSG_SIGNED_ENCODE_INFO info{};
-    info.cbSize = sizeof info;
-    info.cSigners = static_cast<DWORD>(signers.size());
-    info.rgSigners = signers.data();
-    info.cCertEncoded = static_cast<DWORD>(certificates.size());
-    info.rgCertEncoded = certificates.data();
-    HCRYPTMSG message = CryptMsgOpenToEncode(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING,
-                                             detached ? CMSG_DETACHED_FLAG : 0, CMSG_SIGNED, &info, nullptr, nullptr);
-    ASSERT_NE(message, nullptr);
-    DWORD size = 0;
-    EXPECT_FALSE(CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, nullptr, &size));  // not final yet
-    ASSERT_TRUE(CryptMsgUpdate(message, reinterpret_cast<const BYTE*>(data.data()), 10, FALSE));
-    ASSERT_TRUE(CryptMsgUpdate(message, reinterpret_cast<const BYTE*>(data.data()) + 10,
-                               static_cast<DWORD>(data.size() - 10), TRUE));
-    EXPECT_FALSE(CryptMsgUpdate(message, reinterpret_cast<const BYTE*>(data.data()), 1, TRUE));
-    ASSERT_TRUE(CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, nullptr, &size));
-    std::string encoded(size, '\0');
-    DWORD short_size = size - 1;
-    EXPECT_FALSE(CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, encoded.data(), &short_size));
-    ASSERT_TRUE(CryptMsgGetParam(message, CMSG_CONTENT_PARAM, 0, encoded.data(), &size));
-    ASSERT_TRUE(CryptMsgClose(message));
-    expect_message(encoded, data, detached, true, {kGost94, kGost12_256, kGost12_512});
-  }
-  for (HCRYPTPROV provider : providers) bv::platform::release_provider_handle(provider);
-  for (PCCERT_CONTEXT context : contexts) CertFreeCertificateContext(context);
 }
 
 }  // namespace

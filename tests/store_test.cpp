@@ -261,14 +261,4 @@ TEST_F(StoreTest, ThreadsShareTheCacheSafely) {
   EXPECT_EQ(mismatches.load(), 0);
 }
 
-TEST_F(StoreTest, ChainEngineReadsCertificatesAndCrls) {
-  bv::platform::StoreObjects objects;
-  ASSERT_TRUE(bv::platform::read_system_store("CA", CERT_SYSTEM_STORE_LOCAL_MACHINE, objects));
-  EXPECT_EQ(objects.certificates.size(), 1u);
-  ASSERT_EQ(objects.crls.size(), 1u);
-  EXPECT_EQ(sk_X509_REVOKED_num(X509_CRL_get_REVOKED(objects.crls[0].get())), 1);
-  bv::platform::StoreObjects none;
-  EXPECT_FALSE(bv::platform::read_system_store("Nothing", CERT_SYSTEM_STORE_LOCAL_MACHINE, none));
-}
-
 }  // namespace

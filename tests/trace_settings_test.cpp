@@ -114,27 +114,6 @@ TEST(TraceSettings, WhereTheSettingComesFromAndWhatItPasses) {
   }
 }
 
-// A digest writes a "#trace#" line at level 4 between its banners.
-TEST(TraceSettings, LevelThreeDropsTheDetailLinesThatFourPasses) {
-  for (const int level : {3, 4}) {
-    SCOPED_TRACE(level);
-    TempDir dir;
-    ASSERT_EQ(run_isolated(bv::test::trace_env(dir, level), [] {
-                const SsfApi& api = SsfApi::get();
-                unsigned char* digest = nullptr;
-                uint32_t length = 0;
-                ASSERT_EQ(api.SsfDigest("PKCS7", 5, 0, reinterpret_cast<const unsigned char*>("x"), 1, "SHA1", 4,
-                                        &digest, &length),
-                          SSF_OK);
-                api.SsfDELSsfOctetstring(&digest, &length);
-              }).exit_code,
-              0);
-    const std::string log = bv::test::trace_log(dir);
-    EXPECT_TRUE(contains(log, "#success#")) << log;
-    EXPECT_EQ(contains(log, "#trace# Using hash alg = 1.3.14.3.2.26.\r\n"), level == 4) << log;
-  }
-}
-
 TEST(TraceSettings, WithoutALogFileLinesGoToStandardErrorUnchanged) {
   TempDir dir;
   write_registry(dir, {"\"libbvsapssf.so\"=\"2\""});

@@ -160,36 +160,6 @@ TEST(TraceOutput, NewLinesBecomeCrLfOnlyInTheLogFile) {
     EXPECT_EQ(raw.substr(4, 1) + raw.substr(7, 1) + raw.substr(13, 1) + raw.substr(16, 1) + raw.substr(19, 3),
               "//:: : ");
   }
-  // Without a log file the line goes to standard error as it is.
-  const auto child = bv::test::run_isolated({}, [] {
-    CoreTrace trace;
-    close_log_file();
-    BV_TRACE(TRACE_NORMAL, "one\ntwo\n");
-  });
-  EXPECT_EQ(child.exit_code, 0);
-  EXPECT_NE(child.stderr_text.find(": one\ntwo\n"), std::string::npos) << child.stderr_text;
-  EXPECT_EQ(child.stderr_text.find('\r'), std::string::npos);
-}
-
-TEST(TraceOutput, TheLoadedLibraryWritesToStandardErrorWithoutALogFile) {
-  bv::test::TempDir dir;
-  auto env = bv::test::trace_env(dir);
-  // The setting alone, no log file name.
-  bv::test::write_file(dir / "common/Brelvantec/registry.reg",
-                       bv::test::trace_registry_text({"\"libbvsapssf.so\"=\"2\""}));
-  const auto child = bv::test::run_isolated(env, [] {
-    char* value = nullptr;
-    uint32_t length = 0;
-    EXPECT_EQ(bv::test::SsfApi::get().SsfQueryProperties("X", 1, nullptr, 0, &value, &length), SSF_ERR_INPUT);
-  });
-  EXPECT_EQ(child.exit_code, 0);
-  EXPECT_NE(child.stderr_text.find("libbvsapssf.so: ****************#start#****************\n"
-                                   "libbvsapssf.so: #error#: Invalid Property name\n"
-                                   "libbvsapssf.so: !!!!!!!!!!!!!!!!#error#!!!!!!!!!!!!!!!!\n"),
-            std::string::npos)
-      << child.stderr_text;
-  EXPECT_EQ(child.stderr_text.find('\r'), std::string::npos);
-  EXPECT_EQ(bv::test::trace_log(dir), "");
 }
 
 TEST(TraceErrno, FailedFormattingRaisesAndKeepsTheLastError) {
