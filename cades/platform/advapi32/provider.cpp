@@ -7,6 +7,7 @@
 #include <memory>
 #include <new>
 
+#include "checked_handle.h"
 #include "kernel32/kernel32.h"
 #include "output_space.h"
 
@@ -65,14 +66,7 @@ const EVP_MD* digest_for_algid(ALG_ID algid) {
   return nullptr;
 }
 
-CryptHash* hash_from_handle(HCRYPTHASH handle) {
-  auto* hash = reinterpret_cast<CryptHash*>(handle);
-  if (hash == nullptr || hash->magic != CryptHash::kMagic) {
-    SetLastError(NTE_BAD_HASH);
-    return nullptr;
-  }
-  return hash;
-}
+CryptHash* hash_from_handle(HCRYPTHASH handle) { return checked_object<CryptHash>(handle, NTE_BAD_HASH); }
 
 const std::vector<BYTE>* finish_hash(CryptHash& hash) {
   if (!hash.finished) {

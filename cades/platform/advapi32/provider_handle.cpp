@@ -1,5 +1,6 @@
 #include "advapi32/provider_handle.h"
 
+#include "checked_handle.h"
 #include "kernel32/kernel32.h"
 
 namespace bv::platform {
@@ -8,14 +9,7 @@ HCRYPTPROV new_provider_handle(std::unique_ptr<CryptProvider> provider) {
   return reinterpret_cast<HCRYPTPROV>(provider.release());
 }
 
-CryptProvider* provider_from_handle(HCRYPTPROV handle) {
-  auto* provider = reinterpret_cast<CryptProvider*>(handle);
-  if (provider == nullptr || provider->magic != CryptProvider::kMagic) {
-    SetLastError(NTE_BAD_UID);
-    return nullptr;
-  }
-  return provider;
-}
+CryptProvider* provider_from_handle(HCRYPTPROV handle) { return checked_object<CryptProvider>(handle, NTE_BAD_UID); }
 
 bool add_provider_reference(HCRYPTPROV handle) {
   CryptProvider* provider = provider_from_handle(handle);

@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "checked_handle.h"
 #include "kernel32/kernel32.h"
 
 namespace bv::platform {
@@ -30,14 +31,7 @@ void MessageCloser::operator()(void* message) const noexcept {
   SetLastError(error);
 }
 
-CryptMsg* message_from_handle(HCRYPTMSG handle) {
-  auto* message = static_cast<CryptMsg*>(handle);
-  if (message == nullptr || message->magic != CryptMsg::kMagic) {
-    SetLastError(ERROR_INVALID_HANDLE);
-    return nullptr;
-  }
-  return message;
-}
+CryptMsg* message_from_handle(HCRYPTMSG handle) { return checked_object<CryptMsg>(handle, ERROR_INVALID_HANDLE); }
 
 }  // namespace bv::platform
 

@@ -15,6 +15,7 @@
 #include <map>
 
 #include "advapi32/provider_handle.h"
+#include "checked_handle.h"
 #include "crypt32/keys.h"
 #include "crypt32/store.h"
 #include "kernel32/kernel32.h"
@@ -374,12 +375,7 @@ std::u16string wide_copy(LPCWSTR text) {
 // ---------------------------------------------------------------------------
 
 CertElement* element_from_context(PCCERT_CONTEXT context) {
-  auto* element = reinterpret_cast<CertElement*>(const_cast<CERT_CONTEXT*>(context));
-  if (element == nullptr || element->magic != CertElement::kMagic) {
-    SetLastError(ERROR_INVALID_PARAMETER);
-    return nullptr;
-  }
-  return element;
+  return checked_object<CertElement>(const_cast<CERT_CONTEXT*>(context), ERROR_INVALID_PARAMETER);
 }
 
 bool effective_key_prov_info(CertElement& element, KeyProvInfo& out) {
