@@ -83,21 +83,9 @@ const std::vector<BYTE>* finish_hash(CryptHash& hash) {
   return &hash.value;
 }
 
-void ProviderContext::reset() {
-  if (handle_ == 0) return;
-  const DWORD error = GetLastError();
-  CryptReleaseContext(handle_, 0);
-  handle_ = 0;
-  SetLastError(error);
-}
+void release_provider_context(HCRYPTPROV handle) { CryptReleaseContext(handle, 0); }
 
-void HashObject::reset() {
-  if (handle_ == 0) return;
-  const DWORD error = GetLastError();
-  CryptDestroyHash(handle_);
-  handle_ = 0;
-  SetLastError(error);
-}
+void destroy_hash_object(HCRYPTHASH handle) { CryptDestroyHash(handle); }
 
 }  // namespace bv::platform
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "advapi32/provider_handle.h"
+#include "kernel32/kernel32.h"
 #include "openssl/ossl.h"
 #include "wincrypt_types.h"
 
@@ -60,34 +61,33 @@ const std::vector<BYTE>* finish_hash(CryptHash& hash);
 // The digest behind a hash ALG_ID, or null if this platform has none.
 const EVP_MD* digest_for_algid(ALG_ID algid);
 
-// Owners of a provider context and of a hash for code that calls the
-// functions above; releasing keeps the thread's last error.
-class ProviderContext {
+// Owner of a handle of the functions above; releasing keeps the thread's
+// last error, so a failure's cause survives the clean-up.
+template <typename Handle, void (*Release)(Handle)>
+class OwnedHandle {
  public:
-  ProviderContext() = default;
-  ~ProviderContext() { reset(); }
-  ProviderContext(const ProviderContext&) = delete;
-  ProviderContext& operator=(const ProviderContext&) = delete;
-  HCRYPTPROV get() const { return handle_; }
-  HCRYPTPROV* receive() { reset(); return &handle_; }
-  void reset();
+  OwnedHandle() = default;
+  ~OwnedHandle() { reset(); }
+  OwnedHandle(const OwnedHandle&) = delete;
+  OwnedHandle& operator=(const OwnedHandle&) = delete;
+  Handle get() const { return handle_; }
+  Handle* receive() { reset(); return &handle_; }
+  void reset() {
+    if (handle_ == 0) return;
+    const DWORD error = GetLastError();
+    Release(handle_);
+    handle_ = 0;
+    SetLastError(error);
+  }
 
  private:
-  HCRYPTPROV handle_ = 0;
+  Handle handle_ = 0;
 };
 
-class HashObject {
- public:
-  HashObject() = default;
-  ~HashObject() { reset(); }
-  HashObject(const HashObject&) = delete;
-  HashObject& operator=(const HashObject&) = delete;
-  HCRYPTHASH get() const { return handle_; }
-  HCRYPTHASH* receive() { reset(); return &handle_; }
-  void reset();
+void release_provider_context(HCRYPTPROV handle);
+void destroy_hash_object(HCRYPTHASH handle);
 
- private:
-  HCRYPTHASH handle_ = 0;
-};
+using ProviderContext = OwnedHandle<HCRYPTPROV, release_provider_context>;
+using HashObject = OwnedHandle<HCRYPTHASH, destroy_hash_object>;
 
 }  // namespace bv::platform
