@@ -7,6 +7,7 @@
 // Failures set the last error to the number a CryptoAPI caller would read.
 #pragma once
 
+#include <utility>
 #include <vector>
 
 #include "advapi32/provider_handle.h"
@@ -72,6 +73,8 @@ class OwnedHandle {
   OwnedHandle& operator=(const OwnedHandle&) = delete;
   Handle get() const { return handle_; }
   Handle* receive() { reset(); return &handle_; }
+  // Gives up ownership without releasing.
+  Handle release() { return std::exchange(handle_, Handle{}); }
   void reset() {
     if (handle_ == 0) return;
     const DWORD error = GetLastError();

@@ -228,32 +228,19 @@ std::unique_ptr<MessageKind> open_hashed_encoder(DWORD flags, const CMSG_HASHED_
   // Without a provider the message hashes in a verify-only context of its
   // own; the hash keeps the provider alive either way.
   HCRYPTPROV provider = info.hCryptProv;
-  bool own_provider = false;
-  if (provider == 0) {
-    if (!CryptAcquireContextA(&provider, nullptr, nullptr, PROV_GOST_2001_DH, CRYPT_VERIFYCONTEXT)) return nullptr;
-    own_provider = true;
-  }
-  HCRYPTHASH hash = 0;
-  const BOOL created = CryptCreateHash(provider, oid_info->Algid, 0, 0, &hash);
-  if (own_provider) {
-    const DWORD error = GetLastError();
-    CryptReleaseContext(provider, 0);
-    SetLastError(error);
-  }
-  if (!created) return nullptr;
-  struct HashGuard {
-    HCRYPTHASH hash;
-    ~HashGuard() {
-      if (hash != 0) {
-        const DWORD error = GetLastError();
-        CryptDestroyHash(hash);
-        SetLastError(error);
-      }
+  const bool own_provider = provider == 0;
+  HashObject hash;
+  {
+    ProviderContext own;
+    if (own_provider) {
+      if (!CryptAcquireContextA(own.receive(), nullptr, nullptr, PROV_GOST_2001_DH, CRYPT_VERIFYCONTEXT)) return nullptr;
+      provider = own.get();
     }
-  } guard{hash};
+    if (!CryptCreateHash(provider, oid_info->Algid, 0, 0, hash.receive())) return nullptr;
+  }
 
   std::vector<BYTE> algorithm;
-  if (!encode_digest_algorithm(info.HashAlgorithm, EVP_MD_CTX_get0_md(hash_from_handle(hash)->context.get()),
+  if (!encode_digest_algorithm(info.HashAlgorithm, EVP_MD_CTX_get0_md(hash_from_handle(hash.get())->context.get()),
                                algorithm))
     return nullptr;
   const char* inner = inner_content_type != nullptr ? inner_content_type : kIdData;
@@ -262,10 +249,10 @@ std::unique_ptr<MessageKind> open_hashed_encoder(DWORD flags, const CMSG_HASHED_
     bv::ossl::fail(CRYPT_E_OID_FORMAT);
     return nullptr;
   }
-  auto encoder = std::make_unique<HashedEncoder>(hash, (flags & CMSG_DETACHED_FLAG) != 0,
+  auto encoder = std::make_unique<HashedEncoder>(hash.get(), (flags & CMSG_DETACHED_FLAG) != 0,
                                                  (flags & CMSG_BARE_CONTENT_FLAG) != 0, std::move(algorithm),
                                                  encode_object(inner_oid.get()), std::strcmp(inner, kIdData) == 0);
-  guard.hash = 0;
+  hash.release();  // the encoder owns it now
   // The caller handed its reference over; the hash holds its own.
   if ((flags & CMSG_CRYPT_RELEASE_CONTEXT_FLAG) != 0 && !own_provider) CryptReleaseContext(provider, 0);
   return encoder;
