@@ -35,32 +35,18 @@ class BvstoreTest : public ::testing::Test {
 };
 
 // Whether the key of the only certificate in the user's store `name` opens
-// with `pin` (parameter 109).
+// with `pin`.
 bool opens_with(const std::string& name, const std::string& pin) {
   const std::u16string wide = bv::platform::utf16_of(name);
   HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, 0x14004, wide.c_str());
   PCCERT_CONTEXT context = CertEnumCertificatesInStore(store, nullptr);
   CertCloseStore(store, 0);
   if (context == nullptr) return false;
-  DWORD size = 0;
-  bool opened = false;
-  if (CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size)) {
-    std::vector<BYTE> buffer(size);
-    CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, buffer.data(), &size);
-    std::string copy = pin;
-    CRYPT_KEY_PROV_PARAM param{PP_KEYEXCHANGE_PIN, reinterpret_cast<BYTE*>(copy.data()),
-                               static_cast<DWORD>(copy.size() + 1), 0};
-    auto* info = reinterpret_cast<CRYPT_KEY_PROV_INFO*>(buffer.data());
-    info->cProvParam = 1;
-    info->rgProvParam = &param;
-    CertSetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, CERT_SET_PROPERTY_INHIBIT_PERSIST_FLAG, info);
-    HCRYPTPROV provider = 0;
-    DWORD key_spec = 0;
-    BYTE value[8];
-    DWORD value_size = sizeof value;
-    opened = CryptAcquireCertificatePrivateKey(context, 0x45, nullptr, &provider, &key_spec, nullptr) &&
-             CryptGetProvParam(provider, PP_KEY_OPENED, value, &value_size, 0);
-  }
+  bv::test::give_pin(context, pin.c_str());
+  HCRYPTPROV provider = 0;
+  DWORD key_spec = 0;
+  const bool opened = CryptAcquireCertificatePrivateKey(context, 0x45, nullptr, &provider, &key_spec, nullptr) &&
+                      bv::test::key_opened(provider);
   CertFreeCertificateContext(context);
   return opened;
 }

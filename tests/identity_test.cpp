@@ -87,28 +87,6 @@ void check_dn(const DnCase& c) {
   EXPECT_EQ(std::vector<std::string>(rdns.begin(), rdns.end()), c.items);
 }
 
-TEST(DnIdentity, KeyTable) {
-  const std::vector<std::pair<std::string, std::string>> keys = {
-      {"E", "1.2.840.113549.1.9.1"},       {"EMAIL", "1.2.840.113549.1.9.1"},
-      {"EMAILADDRESS", "1.2.840.113549.1.9.1"},
-      {"CN", "2.5.4.3"},                   {"CNX", "2.5.4.3"},
-      {"C", "2.5.4.6"},                    {"CX", "2.5.4.6"},
-      {"S", "2.5.4.8"},                    {"ST", "2.5.4.8"},
-      {"SN", "2.5.4.4"},                   {"SNILS", "1.2.643.100.3"},
-      {"STREET", "2.5.4.9"},               {"L", "2.5.4.7"},
-      {"O", "2.5.4.10"},                   {"OU", "2.5.4.11"},
-      {"OGRN", "1.2.643.100.1"},           {"OGRNIP", "1.2.643.100.5"},
-      {"T", "2.5.4.12"},                   {"TITLE", "2.5.4.12"},
-      {"G", "2.5.4.42"},                   {"GIVENNAME", "2.5.4.42"},
-      {"I", "2.5.4.43"},                   {"INITIALS", "2.5.4.43"},
-      {"INN", "1.2.643.3.131.1.1"},        {"DC", "0.9.2342.19200300.100.1.25"},
-      {"PS", "2.5.4.65"},                  {"2.5.4.3", "2.5.4.3"},
-      {"cn", "cn"},                        {"D", "D"},
-      {"X Y", "X Y"},
-  };
-  for (const auto& [key, oid] : keys) check_dn({key + "=v", 0, {oid + "=v"}});
-}
-
 TEST(DnIdentity, ValuesQuotesCommasBlanks) {
   const std::vector<DnCase> cases = {
       {"", 0, {}},
@@ -145,24 +123,6 @@ TEST(DnIdentity, EscapeSequenceAndCodePage1251) {
       {"CN=\xC8\xE2\xE0\xED", 0, {"2.5.4.3=\xC8\xE2\xE0\xED"}},
   };
   for (const auto& c : cases) check_dn(c);
-}
-
-TEST(DnIdentity, ContainsAll) {
-  const RdnList have = {"2.5.4.3=Ivan", "2.5.4.10=Bank", "2.5.4.6=RU"};
-  struct Case {
-    RdnList wanted;
-    bool result;
-  };
-  const std::vector<Case> cases = {
-      {{}, true},
-      {{"2.5.4.6=RU", "2.5.4.3=Ivan"}, true},
-      {{"2.5.4.3=Ivan", "2.5.4.3=Ivan"}, true},
-      {{"2.5.4.3=ivan"}, false},
-      {{"2.5.4.3=Iva"}, false},
-      {{"2.5.4.3=Ivan", "2.5.4.7=Moscow"}, false},
-      {{"cn=Ivan"}, false},
-  };
-  for (const auto& c : cases) EXPECT_EQ(dn_contains_all(c.wanted, have), c.result);
 }
 
 }  // namespace

@@ -19,6 +19,8 @@
 namespace {
 
 using bv::test::DemoPki;
+using bv::test::give_pin;
+using bv::test::key_opened;
 
 constexpr DWORD kExplicitPin = CRYPT_ACQUIRE_CACHE_FLAG | CRYPT_ACQUIRE_COMPARE_KEY_FLAG | CRYPT_ACQUIRE_SILENT_FLAG;
 
@@ -33,29 +35,6 @@ PCCERT_CONTEXT certificate(const std::string& name) {
   PCCERT_CONTEXT found = CertFindCertificateInStore(store, 65537, 0, CERT_FIND_SHA1_HASH, &blob, nullptr);
   CertCloseStore(store, 0);
   return found;
-}
-
-// Hands the PIN over as the signer search does: one PP_KEYEXCHANGE_PIN
-// parameter, null data for no PIN, in a property that is not persisted.
-void give_pin(PCCERT_CONTEXT context, const char* pin) {
-  DWORD size = 0;
-  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size));
-  std::vector<BYTE> buffer(size);
-  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, buffer.data(), &size));
-  std::string copy = pin != nullptr ? pin : "";
-  CRYPT_KEY_PROV_PARAM param{PP_KEYEXCHANGE_PIN, pin != nullptr ? reinterpret_cast<BYTE*>(copy.data()) : nullptr,
-                             pin != nullptr ? static_cast<DWORD>(copy.size() + 1) : 0, 0};
-  auto* info = reinterpret_cast<CRYPT_KEY_PROV_INFO*>(buffer.data());
-  info->cProvParam = 1;
-  info->rgProvParam = &param;
-  ASSERT_TRUE(CertSetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID,
-                                                CERT_SET_PROPERTY_INHIBIT_PERSIST_FLAG, info));
-}
-
-bool key_opened(HCRYPTPROV provider) {
-  BYTE value[8];
-  DWORD size = sizeof value;
-  return CryptGetProvParam(provider, PP_KEY_OPENED, value, &size, 0) != 0;
 }
 
 TEST(PrivateKey, CacheFlagTiesTheHandleToTheContext) {

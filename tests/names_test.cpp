@@ -79,25 +79,6 @@ TEST(RawGostFormat, NeedsTheExactLength) {
   }
 }
 
-TEST(FindEncryptionOid, BothNamesAndTheirPrefixes) {
-  const struct {
-    const char* text;
-    int32_t length;
-    bool found;
-  } cases[] = {
-      {"GOST28147", 9, true},    {"GOST-28147-89", 13, true}, {"G", 1, true},    {"GOST-", 5, true},
-      {"GOST28147X", 10, false}, {"GOST28147", 0, false},     {"AES", 3, false}, {"gost28147", 9, false},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.text) + "/" + std::to_string(c.length));
-    const char* oid = find_encryption_oid(c.text, c.length);
-    if (c.found)
-      EXPECT_STREQ(oid, "1.2.643.2.2.21");
-    else
-      EXPECT_EQ(oid, nullptr);
-  }
-}
-
 // SsfEncode and SsfDecode through the loaded library.
 using Convert = decltype(&::SsfEncode);
 

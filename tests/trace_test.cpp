@@ -3,7 +3,6 @@
 #include "trace/trace.h"
 
 #include <gtest/gtest.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -88,20 +87,6 @@ class TraceLine : public ::testing::Test {
   }
   ProcessSettings saved_;
 };
-
-TEST_F(TraceLine, AllOptionsOnGiveEveryPart) {
-  CoreTrace trace;
-  options(true, true);
-  const TraceSite site("SsfSign", "C:\\src\\ssfxxmain", 77);
-  TracePrint(site, BVTraceGeneral, TRACE_NORMAL, "#info#: %d signers\n", 2);
-  ModuleRecord module{};
-  read_module(module_id(), module);
-  const std::string expected = std::string(module.name) + ": {" + std::to_string(syscall(SYS_gettid)) +
-                               "} /SsfSign/ ssfxxmain(77) : BVTraceGeneral: #info#: 2 signers\r\n";
-  const std::string raw = trace.raw();
-  ASSERT_GT(raw.size(), 22u);
-  EXPECT_EQ(raw.substr(22), expected);
-}
 
 TEST_F(TraceLine, LongLinesAreCutAt1023Characters) {
   CoreTrace trace;

@@ -8,7 +8,10 @@
 #include <memory>
 #include <sstream>
 #include <stdexcept>
+#include <vector>
 
+#include "advapi32/keys.h"
+#include "advapi32/provider.h"
 #include "host.h"
 
 namespace bv::test {
@@ -89,6 +92,27 @@ std::string DemoPki::pem_file(const std::string& name, const std::string& store)
     if (status != 0) throw std::runtime_error("openssl x509 failed for " + found.file);
   }
   return pem;
+}
+
+void give_pin(PCCERT_CONTEXT context, const char* pin) {
+  DWORD size = 0;
+  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size));
+  std::vector<BYTE> buffer(size);
+  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, buffer.data(), &size));
+  std::string copy = pin != nullptr ? pin : "";
+  CRYPT_KEY_PROV_PARAM param{PP_KEYEXCHANGE_PIN, pin != nullptr ? reinterpret_cast<BYTE*>(copy.data()) : nullptr,
+                             pin != nullptr ? static_cast<DWORD>(copy.size() + 1) : 0, 0};
+  auto* info = reinterpret_cast<CRYPT_KEY_PROV_INFO*>(buffer.data());
+  info->cProvParam = 1;
+  info->rgProvParam = &param;
+  ASSERT_TRUE(CertSetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID,
+                                                CERT_SET_PROPERTY_INHIBIT_PERSIST_FLAG, info));
+}
+
+bool key_opened(HCRYPTPROV provider) {
+  BYTE value[8];
+  DWORD size = sizeof value;
+  return CryptGetProvParam(provider, PP_KEY_OPENED, value, &size, 0) != 0;
 }
 
 }  // namespace bv::test

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "crypt32/cert.h"
+
 namespace bv::test {
 
 struct PkiEntry {
@@ -55,5 +57,12 @@ class DemoPki {
   std::string directory_;
   std::vector<PkiEntry> entries_;
 };
+
+// Hands `pin` (null: none) to the certificate's key link as the signer
+// search does: one PP_KEYEXCHANGE_PIN parameter, in a property that is not
+// persisted.
+void give_pin(PCCERT_CONTEXT context, const char* pin);
+// Whether the provider's key opened (parameter 109).
+bool key_opened(HCRYPTPROV provider);
 
 }  // namespace bv::test
