@@ -19,6 +19,7 @@ constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 constexpr DWORD kFindAny = 0;             // CERT_FIND_ANY
 constexpr DWORD kFindSha1Hash = 0x10000;  // CERT_FIND_SHA1_HASH
 constexpr DWORD kOidNameStr = 2;          // CERT_OID_NAME_STR
+constexpr size_t kUsualSubjectLength = 512;
 
 constexpr DWORD kLocalMachine = 0x20000;   // CERT_SYSTEM_STORE_LOCAL_MACHINE
 constexpr DWORD kCurrentUser = 0x10000;    // CERT_SYSTEM_STORE_CURRENT_USER
@@ -121,12 +122,18 @@ bool search_signer_certificate(const char* trace_function, SsfInfo* info, int in
   BV_TRACE(TRACE_DETAIL, "#trace# Search Signer's certificate.\n");
   bool found = false;
   PCCERT_CONTEXT cert = nullptr;
+  // Rendered once into this buffer; only a subject that may not have fitted
+  // is measured and rendered again.
+  std::vector<char> subject(kUsualSubjectLength, '\0');
   while ((cert = CertFindCertificateInStore(store, kEncoding, 0, find_type, find_para, cert)) != nullptr) {
     if (find_type == kFindAny) {
-      const DWORD subject_length =
-          CertNameToStrA(kEncoding, &cert->pCertInfo->Subject, kOidNameStr, nullptr, 0);
-      std::vector<char> subject(subject_length > 0 ? subject_length : 1, '\0');
-      CertNameToStrA(kEncoding, &cert->pCertInfo->Subject, kOidNameStr, subject.data(), subject_length);
+      DWORD subject_length = CertNameToStrA(kEncoding, &cert->pCertInfo->Subject, kOidNameStr, subject.data(),
+                                            static_cast<DWORD>(subject.size()));
+      if (subject_length >= subject.size()) {
+        subject_length = CertNameToStrA(kEncoding, &cert->pCertInfo->Subject, kOidNameStr, nullptr, 0);
+        subject.assign(subject_length > 0 ? subject_length : 1, '\0');
+        CertNameToStrA(kEncoding, &cert->pCertInfo->Subject, kOidNameStr, subject.data(), subject_length);
+      }
       RdnList have;
       if (parse_dn_string(subject.data(), static_cast<int32_t>(subject_length), have) != 0) {
         BV_TRACE(TRACE_NORMAL, "#error#: Invalid certificate DN\n");
