@@ -12,6 +12,8 @@
 #include "host.h"
 #include "trace/table.h"
 
+using bv::test::contains;
+using bv::test::query_formats;
 using bv::test::run_command;
 using bv::test::run_isolated;
 using bv::test::SsfApi;
@@ -21,13 +23,6 @@ namespace {
 
 const std::string kTool = BV_TOOLS_DIR "/bvtrace";
 
-void query_formats() {
-  const SsfApi& api = SsfApi::get();
-  char* value = nullptr;
-  uint32_t length = 0;
-  ASSERT_EQ(api.SsfQueryProperties("FORMATS", 7, nullptr, 0, &value, &length), SSF_OK);
-  api.SsfDELSsfOctetstring(reinterpret_cast<unsigned char**>(&value), &length);
-}
 
 // `command` with "PID" replaced by the calling process's id.
 int run_tool(std::string command, std::string* output = nullptr) {
@@ -38,8 +33,6 @@ int run_tool(std::string command, std::string* output = nullptr) {
   if (output != nullptr) *output = text;
   return status;
 }
-
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 }  // namespace
 

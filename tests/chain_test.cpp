@@ -5,7 +5,7 @@
 
 #include <chrono>
 #include <cstddef>
-#include <utility>
+#include <memory>
 
 #include "certs.h"
 #include "crypt32/chain.h"
@@ -29,15 +29,7 @@ struct Chain {
   BOOL ok = FALSE;
   DWORD last_error = 0;
   PCCERT_CHAIN_CONTEXT context = nullptr;
-  Chain() = default;
-  Chain(Chain&& other) noexcept { *this = std::move(other); }
-  Chain& operator=(Chain&& other) noexcept {
-    std::swap(ok, other.ok);
-    std::swap(last_error, other.last_error);
-    std::swap(context, other.context);
-    return *this;
-  }
-  ~Chain() { CertFreeCertificateChain(context); }
+  std::shared_ptr<const CERT_CHAIN_CONTEXT> owner;  // frees the context with the last copy
   DWORD status() const { return context->TrustStatus.dwErrorStatus; }
   DWORD element_status(size_t i) const { return context->rgpChain[0]->rgpElement[i]->TrustStatus.dwErrorStatus; }
   DWORD element_info(size_t i) const { return context->rgpChain[0]->rgpElement[i]->TrustStatus.dwInfoStatus; }
@@ -102,6 +94,7 @@ class ChainTest : public ::testing::Test {
     para.RequestedUsage = usage;
     chain.ok = CertGetCertificateChain(engine, context, nullptr, additional, &para, flags, nullptr, &chain.context);
     chain.last_error = GetLastError();
+    chain.owner.reset(chain.context, CertFreeCertificateChain);
     CertFreeCertificateContext(context);
     CertCloseStore(my, 0);
     EXPECT_TRUE(chain.ok) << std::hex << chain.last_error;

@@ -131,38 +131,18 @@ struct ClauseCase {
 
 TEST(Guarded, EachClauseEndsWithItsCodeAndLines) {
   const std::string failure = "!!!!!!!!!!!!!!!!#error#!!!!!!!!!!!!!!!!\n";
+  const std::string unexpected = "#error#: 8000ffff\n", catastrophic = "Catastrophic failure\r\n";
   const ClauseCase cases[] = {
-      {"CAtlException keeps its status as the last error",
-       [] { throw CAtlException(E_OUTOFMEMORY); },
-       nullptr,
+      {"CAtlException keeps its status as the last error", [] { throw CAtlException(E_OUTOFMEMORY); }, nullptr,
        SSF_ERR_INTERNAL,
        {"#error#: 8007000e\n", "Not enough memory resources are available to complete this operation.\r\n", failure}},
-      {"std::runtime_error reports the last error as it stands",
-       [] {
-         SetLastError(5);
-         throw std::runtime_error("boom");
-       },
-       nullptr,
-       SSF_ERR_NOMEMORY,
-       {"#error#: 00000005\n", "Access is denied.\r\n", failure}},
-      {"anything else is E_UNEXPECTED",
-       [] { throw 42; },
-       nullptr,
-       SSF_ERR_INTERNAL,
-       {"#error#: 8000ffff\n", "Catastrophic failure\r\n", failure}},
-      {"the shared tail opens with the operation's line",
-       [] { throw std::logic_error("x"); },
-       "#exception#:\n",
-       SSF_ERR_INTERNAL,
-       {"#exception#:\n", "#error#: 8000ffff\n", "Catastrophic failure\r\n", failure}},
-      {"runtime_error has no exception line",
-       [] {
-         SetLastError(0);
-         throw std::runtime_error("x");
-       },
-       "#exception#\n",
-       SSF_ERR_NOMEMORY,
-       {"#error#: 00000000\n", failure}},
+      {"std::runtime_error reports the last error as it stands", [] { SetLastError(5), throw std::runtime_error("boom"); },
+       nullptr, SSF_ERR_NOMEMORY, {"#error#: 00000005\n", "Access is denied.\r\n", failure}},
+      {"anything else is E_UNEXPECTED", [] { throw 42; }, nullptr, SSF_ERR_INTERNAL, {unexpected, catastrophic, failure}},
+      {"the shared tail opens with the operation's line", [] { throw std::logic_error("x"); }, "#exception#:\n",
+       SSF_ERR_INTERNAL, {"#exception#:\n", unexpected, catastrophic, failure}},
+      {"runtime_error has no exception line", [] { SetLastError(0), throw std::runtime_error("x"); }, "#exception#\n",
+       SSF_ERR_NOMEMORY, {"#error#: 00000000\n", failure}},
   };
   CoreTrace trace;
   for (const ClauseCase& c : cases) {

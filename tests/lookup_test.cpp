@@ -177,36 +177,24 @@ TEST(Lookup, ListAndArgumentFailures) {
     uint32_t rc;
     std::vector<int32_t> results;
   };
-  SignRequest two_raw;
-  two_raw.format = "RAW_GOST";
-  two_raw.signers = {{"CN=Alice", "", "1111"}, {"CN=Bob", "", "2222"}};
-  SignRequest hole;
-  hole.signers = {{"CN=Alice", "", "1111"}, {"", "", "", true}, {"CN=Bob", "", "2222"}};
-  SignRequest empty_input;
-  empty_input.format = "RAW_GOST";
-  empty_input.signers = {{"CN=Alice", "", "1111"}};
-  empty_input.data.clear();
-  SignRequest no_signers;
-  no_signers.data.clear();
-  SignRequest bad_format;
-  bad_format.format = "pkcs7";
-  bad_format.signers = {{"CN=Alice", "", "1111"}};
-  SignRequest cades;
-  cades.format = "CADES";
-  cades.signers = {{"CN=Alice", "", "1111"}};
-  SignRequest negative_pin;
-  negative_pin.signers = {{"CN=Alice", "", "1111"}};
-  negative_pin.signers[0].negative_pin_length = true;
+  const SignerSpec alice{"CN=Alice", "", "1111"}, bob{"CN=Bob", "", "2222"};
+  const auto request = [](std::string format, std::vector<SignerSpec> signers, std::string data = "data") {
+    return SignRequest{.format = format, .signers = signers, .data = data};
+  };
+  SignerSpec negative_pin = alice;
+  negative_pin.negative_pin_length = true;
   const std::vector<Case> cases = {
-      {"raw with two signers: before any store", two_raw, SSF_ERR_INTERNAL, {kUntouched, kUntouched}},
+      {"raw with two signers: before any store", request("RAW_GOST", {alice, bob}), SSF_ERR_INTERNAL,
+       {kUntouched, kUntouched}},
       // The PIN can't be copied and the call ends in its last exception clause.
-      {"negative PIN length", negative_pin, SSF_ERR_INTERNAL, {22}},
-      {"node without record ends the call", hole, SSF_ERR_INTERNAL, {0, -1, kUntouched}},
-      {"empty input", empty_input, SSF_ERR_INPUT, {kUntouched}},
-      {"null list comes first", no_signers, SSF_ERR_SIGNER, {}},
-      {"format", bad_format, SSF_ERR_FORMAT, {kUntouched}},
+      {"negative PIN length", request("PKCS7", {negative_pin}), SSF_ERR_INTERNAL, {22}},
+      {"node without record ends the call", request("PKCS7", {alice, {"", "", "", true}, bob}), SSF_ERR_INTERNAL,
+       {0, -1, kUntouched}},
+      {"empty input", request("RAW_GOST", {alice}, ""), SSF_ERR_INPUT, {kUntouched}},
+      {"null list comes first", request("PKCS7", {}, ""), SSF_ERR_SIGNER, {}},
+      {"format", request("pkcs7", {alice}), SSF_ERR_FORMAT, {kUntouched}},
       // The CAdES encoder refuses every open for now: the signer was found.
-      {"CAdES open refused", cades, SSF_ERR_INTERNAL, {0}},
+      {"CAdES open refused", request("CADES", {alice}), SSF_ERR_INTERNAL, {0}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);

@@ -16,7 +16,6 @@ namespace {
 
 const std::string kStart = "****************#start#****************\n";
 const std::string kFailure = "!!!!!!!!!!!!!!!!#error#!!!!!!!!!!!!!!!!\n";
-const std::string kSuccess = "++++++++++++++++#success#++++++++++++++++\n";
 
 struct FormatCase {
   const char* text;
@@ -155,23 +154,6 @@ TEST(EncodeDecode, OnlyEncodeAllowsANullLengthPointer) {
   ASSERT_GE(lines.size(), 3u) << log;
   EXPECT_EQ(std::vector<std::string>(lines.end() - 3, lines.end()),
             (std::vector<std::string>{kStart, "#error#: null length pointer\n", kFailure}));
-}
-
-TEST(EncodeDecode, TheLoadedLibraryTracesARawNameAsAWarningAndASuccess) {
-  std::string log;
-  bv::test::run_traced(
-      [] {
-        const unsigned char input[] = {7};
-        unsigned char* output = nullptr;
-        uint32_t length = 0;
-        ASSERT_EQ(SsfApi::get().SsfDecode("RAW_GOST_INVERTED", 17, input, 1, &output, &length), SSF_OK);
-        SsfApi::get().SsfDELSsfOctetstring(&output, &length);
-      },
-      &log);
-  const auto lines = bv::test::log_messages(log);
-  ASSERT_GE(lines.size(), 3u) << log;
-  EXPECT_EQ(std::vector<std::string>(lines.end() - 3, lines.end()),
-            (std::vector<std::string>{kStart, "#warn# Unknown format name ('RAW_GOST_INVERTED').\n", kSuccess}));
 }
 
 TEST(EncodeDecode, RefusalsNameTheirCause) {

@@ -15,6 +15,8 @@
 #include "host.h"
 #include "trace/table.h"
 
+using bv::test::contains;
+using bv::test::query_formats;
 using bv::test::read_file;
 using bv::test::run_isolated;
 using bv::test::SsfApi;
@@ -40,18 +42,6 @@ void write_registry(const TempDir& dir, const Lines& lines) {
 void write_trace_ini(const TempDir& dir, const char* folder, const std::string& body) {
   write_file(dir / (std::string(folder) + "/Brelvantec/Trace.ini"), "[Trace]\r\n" + body);
 }
-
-// Loads the library and makes one call with a start and a success banner
-// at level 2; the library prints its settings at level 3 while loading.
-void query_formats() {
-  const SsfApi& api = SsfApi::get();
-  char* value = nullptr;
-  uint32_t length = 0;
-  ASSERT_EQ(api.SsfQueryProperties("FORMATS", 7, nullptr, 0, &value, &length), SSF_OK);
-  api.SsfDELSsfOctetstring(reinterpret_cast<unsigned char**>(&value), &length);
-}
-
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 std::string common_log(const TempDir& dir, const char* name = "t.log") {
   return read_file(dir / (std::string("common/Brelvantec/LogFiles/") + name));

@@ -263,6 +263,14 @@ void CoreTrace::clear() {
   bv::trace::open_log_file(path_.c_str());
 }
 
+void query_formats() {
+  const SsfApi& api = SsfApi::get();
+  char* value = nullptr;
+  uint32_t length = 0;
+  ASSERT_EQ(api.SsfQueryProperties("FORMATS", 7, nullptr, 0, &value, &length), SSF_OK);
+  api.SsfDELSsfOctetstring(reinterpret_cast<unsigned char**>(&value), &length);
+}
+
 std::string run_command(const std::string& command, int* status) {
   std::string output;
   FILE* pipe = popen(command.c_str(), "r");

@@ -137,6 +137,11 @@ class CoreTrace {
   std::string path_;
 };
 
+// Loads the library and makes one call with a start and a success banner
+// at level 2; the library prints its settings at level 3 while loading.
+void query_formats();
+inline bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
 // Runs a shell command and returns its standard output; exit code in *status.
 std::string run_command(const std::string& command, int* status = nullptr);
 
