@@ -171,26 +171,6 @@ TEST_F(StoreTest, MemoryStoreAddDispositions) {
   CertCloseStore(memory, 0);
 }
 
-TEST_F(StoreTest, AddingToASystemStoreWritesAFile) {
-  const DemoPki& pki = DemoPki::get();
-  bv::test::TempDir home;
-  setenv("BV_PLATFORM_LOCAL_APPDATA", home.path().c_str(), 1);
-  const std::string der = bv::test::read_file(pki.certificate_file("recipient-2012-256"));
-  HCERTSTORE store = open_system(u"Addressbook", CERT_SYSTEM_STORE_CURRENT_USER);
-  ASSERT_TRUE(CertAddEncodedCertificateToStore(store, 65537, reinterpret_cast<const BYTE*>(der.data()),
-                                               static_cast<DWORD>(der.size()), CERT_STORE_ADD_NEW, nullptr));
-  CertCloseStore(store, 0);
-  std::string lower = pki.hash("recipient-2012-256");
-  for (char& c : lower) c = static_cast<char>(std::tolower(c));
-  EXPECT_EQ(bv::test::read_file(home / ("Brelvantec/Certificates/Addressbook/" + lower + ".cer")), der);
-  HCERTSTORE read_only = open_system(u"Addressbook", CERT_SYSTEM_STORE_CURRENT_USER | CERT_STORE_READONLY_FLAG);
-  EXPECT_EQ(hashes_in(read_only), std::vector<std::string>{pki.hash("recipient-2012-256")});
-  PCCERT_CONTEXT context = CertEnumCertificatesInStore(read_only, nullptr);
-  EXPECT_FALSE(CertAddCertificateContextToStore(read_only, context, CERT_STORE_ADD_ALWAYS, nullptr));
-  CertFreeCertificateContext(context);
-  CertCloseStore(read_only, 0);
-}
-
 TEST_F(StoreTest, InhibitedPropertyStaysWithThisOpenStore) {
   const DemoPki& pki = DemoPki::get();
   const std::string folder = pki.store_folder("local", "My");

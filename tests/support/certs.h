@@ -176,17 +176,26 @@ inline std::string sha1_hex(X509* cert) {
   return hex;
 }
 
-// A port on 127.0.0.1 that nothing listens on at the moment.
-inline int free_port() {
+// A TCP socket bound to a free port of 127.0.0.1; the port in *port.
+inline int loopback_socket(int* port) {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  const int one = 1;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
   socklen_t length = sizeof address;
   getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
-  close(fd);
-  return ntohs(address.sin_port);
+  *port = ntohs(address.sin_port);
+  return fd;
+}
+
+// A port on 127.0.0.1 that nothing listens on at the moment.
+inline int free_port() {
+  int port = 0;
+  close(loopback_socket(&port));
+  return port;
 }
 
 // Serves fixed bodies by path over HTTP/1.0 and counts the requests; with
@@ -194,16 +203,7 @@ inline int free_port() {
 class HttpServer {
  public:
   explicit HttpServer(bool silent = false) : silent_(silent) {
-    listener_ = socket(AF_INET, SOCK_STREAM, 0);
-    const int one = 1;
-    setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    socklen_t length = sizeof address;
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
+    listener_ = loopback_socket(&port_);
     listen(listener_, 16);
     if (!silent_) thread_ = std::thread([this] { serve(); });
   }
