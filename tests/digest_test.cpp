@@ -134,14 +134,15 @@ struct ToolHash {
   const char* openssl_md;
   const char* sum_command;  // another implementation, if there is one
   bool sum_reversed;        // gostsum prints the value as a number
+  const char* oid;
 };
 
 const ToolHash kToolHashes[] = {
-    {"GOST2012-256", "md_gost12_256", "gost12sum", false},
-    {"GOST2012-512", "md_gost12_512", "gost12sum -l", false},
-    {"GOST3411", "md_gost94", "gostsum", true},
-    {"SHA1", "sha1", "sha1sum", false},
-    {"MD5", "md5", "md5sum", false},
+    {"GOST2012-256", "md_gost12_256", "gost12sum", false, "1.2.643.7.1.1.2.2"},
+    {"GOST2012-512", "md_gost12_512", "gost12sum -l", false, "1.2.643.7.1.1.2.3"},
+    {"GOST3411", "md_gost94", "gostsum", true, "1.2.643.2.2.9"},
+    {"SHA1", "sha1", "sha1sum", false, "1.3.14.3.2.26"},
+    {"MD5", "md5", "md5sum", false, "1.2.840.113549.2.5"},
 };
 
 TEST(DigestCrossCheck, RawValueEqualsOpensslAndTheSumTools) {
@@ -165,11 +166,6 @@ TEST(DigestCms, OpensslVerifiesAttachedAndDetachedAndMakesTheSameBytes) {
   const std::string data = sample_bytes(70000);  // long-form lengths of three octets
   const std::string content = dir / "content.bin";
   bv::test::write_file(content, data);
-  const std::map<std::string, std::string> oids = {{"GOST2012-256", "1.2.643.7.1.1.2.2"},
-                                                   {"GOST2012-512", "1.2.643.7.1.1.2.3"},
-                                                   {"GOST3411", "1.2.643.2.2.9"},
-                                                   {"SHA1", "1.3.14.3.2.26"},
-                                                   {"MD5", "1.2.840.113549.2.5"}};
   for (const ToolHash& h : kToolHashes) {
     SCOPED_TRACE(h.name);
     const Digest attached = ssf_digest("PKCS7", h.name, data);
@@ -192,7 +188,7 @@ TEST(DigestCms, OpensslVerifiesAttachedAndDetachedAndMakesTheSameBytes) {
 
     const std::string printed = bv::test::run_command("openssl cms -cmsout -print -engine gost -inform DER -in " +
                                                       dir / "detached.der" + " 2>/dev/null");
-    EXPECT_NE(printed.find("(" + oids.at(h.name) + ")"), std::string::npos) << printed;
+    EXPECT_NE(printed.find(std::string("(") + h.oid + ")"), std::string::npos) << printed;
     EXPECT_NE(printed.find("eContent: <ABSENT>"), std::string::npos) << printed;
 
     const std::string theirs = bv::test::run_command("openssl cms -digest_create -engine gost -binary -outform DER -md " +
@@ -270,8 +266,11 @@ TEST(DigestNames, PrefixesPickTheFirstRowThatStartsWithThem) {
     SCOPED_TRACE(c.name);
     const Digest d = ssf_digest("RAW_GOST", c.name, data, false, c.length);
     ASSERT_EQ(d.rc, c.rc);
-    if (c.expected != nullptr) EXPECT_EQ(d.output, *c.expected);
-    if (c.rc != SSF_OK) EXPECT_EQ(d.length, 0u);
+    if (c.expected != nullptr) {
+      EXPECT_EQ(d.output, *c.expected);
+    } else {
+      EXPECT_EQ(d.length, 0u);
+    }
   }
 }
 

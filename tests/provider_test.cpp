@@ -1,5 +1,5 @@
-// The provider's hashing functions as a CryptoAPI caller uses them, checked
-// against OpenSSL's own digests.
+// The provider's hash handles as a CryptoAPI caller uses them: sizes, the
+// finished state and references, checked against OpenSSL's own digests.
 #include <gtest/gtest.h>
 
 #include <openssl/evp.h>
@@ -32,49 +32,6 @@ std::vector<BYTE> hash_value(HCRYPTHASH hash) {
   EXPECT_TRUE(CryptGetHashParam(hash, HP_HASHVAL, value.data(), &size, 0));
   value.resize(size);
   return value;
-}
-
-TEST(AcquireContext, VerifyContextsOfTheGostTypesAndTheRefusals) {
-  const char* own75 = bv::platform::provider_name(75);
-  ASSERT_NE(own75, nullptr);
-  struct Case {
-    const char* what;
-    const char* container;
-    const char* provider;
-    DWORD type;
-    DWORD flags;
-    DWORD error;  // 0: succeeds
-  };
-  const Case cases[] = {
-      {"type 75", nullptr, nullptr, 75, CRYPT_VERIFYCONTEXT, 0},
-      {"type 80", nullptr, nullptr, 80, CRYPT_VERIFYCONTEXT, 0},
-      {"own provider name", nullptr, own75, 75, CRYPT_VERIFYCONTEXT, 0},
-      {"empty container and name", "", "", 75, CRYPT_VERIFYCONTEXT, 0},
-      {"base RSA type", nullptr, nullptr, 1, CRYPT_VERIFYCONTEXT, NTE_PROV_TYPE_NOT_DEF},
-      {"type 0", nullptr, nullptr, 0, CRYPT_VERIFYCONTEXT, NTE_BAD_PROV_TYPE},
-      {"unknown flag", nullptr, nullptr, 75, CRYPT_VERIFYCONTEXT | 0x1, NTE_BAD_FLAGS},
-      {"container by name", "my keys", nullptr, 80, 0, NTE_BAD_KEYSET},
-      {"new container", "my keys", nullptr, 80, CRYPT_NEWKEYSET, NTE_PERM},
-      {"verify with a container", "my keys", nullptr, 75, CRYPT_VERIFYCONTEXT, NTE_BAD_KEYSET_PARAM},
-      {"unknown provider", nullptr, "Some Other Provider", 75, CRYPT_VERIFYCONTEXT, NTE_KEYSET_NOT_DEF},
-      {"provider of another type", nullptr, own75, 80, CRYPT_VERIFYCONTEXT, NTE_PROV_TYPE_NO_MATCH},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    HCRYPTPROV provider = 0;
-    SetLastError(0);
-    const BOOL ok = CryptAcquireContextA(&provider, c.container, c.provider, c.type, c.flags);
-    if (c.error == 0) {
-      ASSERT_TRUE(ok);
-      EXPECT_TRUE(CryptReleaseContext(provider, 0));
-    } else {
-      EXPECT_FALSE(ok);
-      EXPECT_EQ(GetLastError(), c.error);
-      EXPECT_EQ(provider, 0u);
-    }
-  }
-  EXPECT_FALSE(CryptAcquireContextA(nullptr, nullptr, nullptr, 75, CRYPT_VERIFYCONTEXT));
-  EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
 }
 
 TEST(Hash, SizeQueriesShortBuffersAndTheFinishedState) {
