@@ -64,19 +64,27 @@ DWORD FormatMessageA(DWORD flags, LPCVOID source, DWORD messageId, DWORD /*langu
   return static_cast<DWORD>(length);
 }
 
+namespace {
+SYSTEMTIME system_time_of(const tm& parts, WORD milliseconds) {
+  SYSTEMTIME out{};
+  out.wYear = static_cast<WORD>(parts.tm_year + 1900);
+  out.wMonth = static_cast<WORD>(parts.tm_mon + 1);
+  out.wDayOfWeek = static_cast<WORD>(parts.tm_wday);
+  out.wDay = static_cast<WORD>(parts.tm_mday);
+  out.wHour = static_cast<WORD>(parts.tm_hour);
+  out.wMinute = static_cast<WORD>(parts.tm_min);
+  out.wSecond = static_cast<WORD>(parts.tm_sec);
+  out.wMilliseconds = milliseconds;
+  return out;
+}
+}  // namespace
+
 void GetLocalTime(SYSTEMTIME* time) {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);
   tm local{};
   localtime_r(&now.tv_sec, &local);
-  time->wYear = static_cast<WORD>(local.tm_year + 1900);
-  time->wMonth = static_cast<WORD>(local.tm_mon + 1);
-  time->wDayOfWeek = static_cast<WORD>(local.tm_wday);
-  time->wDay = static_cast<WORD>(local.tm_mday);
-  time->wHour = static_cast<WORD>(local.tm_hour);
-  time->wMinute = static_cast<WORD>(local.tm_min);
-  time->wSecond = static_cast<WORD>(local.tm_sec);
-  time->wMilliseconds = static_cast<WORD>(now.tv_nsec / 1000000);
+  *time = system_time_of(local, static_cast<WORD>(now.tv_nsec / 1000000));
 }
 
 namespace {
@@ -116,14 +124,7 @@ BOOL FileTimeToSystemTime(const FILETIME* time, SYSTEMTIME* system) {
   const time_t t = static_cast<time_t>(seconds);
   tm utc{};
   gmtime_r(&t, &utc);
-  system->wYear = static_cast<WORD>(utc.tm_year + 1900);
-  system->wMonth = static_cast<WORD>(utc.tm_mon + 1);
-  system->wDayOfWeek = static_cast<WORD>(utc.tm_wday);
-  system->wDay = static_cast<WORD>(utc.tm_mday);
-  system->wHour = static_cast<WORD>(utc.tm_hour);
-  system->wMinute = static_cast<WORD>(utc.tm_min);
-  system->wSecond = static_cast<WORD>(utc.tm_sec);
-  system->wMilliseconds = static_cast<WORD>(rest / 10000);
+  *system = system_time_of(utc, static_cast<WORD>(rest / 10000));
   return TRUE;
 }
 
