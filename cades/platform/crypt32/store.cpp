@@ -19,6 +19,7 @@
 #include "crypt32/keys.h"
 #include "crypt32/store.h"
 #include "kernel32/kernel32.h"
+#include "kernel32/wide_text.h"
 #include "output_space.h"
 #include "shell32/shell32.h"
 
@@ -364,10 +365,7 @@ void write_flat(const KeyProvInfo& info, BYTE* out) {
 }
 
 std::u16string wide_copy(LPCWSTR text) {
-  if (text == nullptr) return {};
-  size_t length = 0;
-  while (text[length] != 0) ++length;
-  return std::u16string(text, length);
+  return text == nullptr ? std::u16string() : std::u16string(text, wide_length(text));
 }
 
 }  // namespace
