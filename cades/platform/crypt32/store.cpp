@@ -1,5 +1,5 @@
 // Certificate contexts and stores.  A system store is a folder of
-// certificate files (see docs/stores.md); it is read once and the parsed
+// certificate files (see docs/stores-and-keys.md); it is read once and the parsed
 // certificates are reused while the folder is unchanged.  Each open store
 // has its own contexts, so properties set in one call (a PIN) never show in
 // another.
