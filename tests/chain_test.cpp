@@ -330,29 +330,6 @@ TEST_F(ChainTest, DistrustedCertificate) {
   EXPECT_EQ(chain.element_status(1), CERT_TRUST_IS_EXPLICIT_DISTRUST);
 }
 
-TEST_F(ChainTest, ContextLifetimeAndBadArguments) {
-  install_hierarchy();
-  UniquePtr<X509> cert = end_cert({});
-  Chain chain = build(cert.get(), 0);
-  PCCERT_CHAIN_CONTEXT copy = CertDuplicateCertificateChain(chain.context);
-  EXPECT_EQ(copy, chain.context);
-  CertFreeCertificateChain(copy);
-  EXPECT_EQ(chain.length(), 3u);  // still alive: one reference left
-  CertFreeCertificateChain(nullptr);
-
-  PCCERT_CONTEXT context = in_my_store(cert.get());
-  CERT_CHAIN_PARA para{sizeof para, {}};
-  CERT_CHAIN_PARA short_para{sizeof para - 8, {}};
-  PCCERT_CHAIN_CONTEXT out = reinterpret_cast<PCCERT_CHAIN_CONTEXT>(&para);
-  EXPECT_FALSE(CertGetCertificateChain(nullptr, nullptr, nullptr, nullptr, &para, 0, nullptr, &out));
-  EXPECT_EQ(out, nullptr);
-  EXPECT_EQ(GetLastError(), static_cast<DWORD>(E_INVALIDARG));
-  EXPECT_FALSE(CertGetCertificateChain(nullptr, context, nullptr, nullptr, nullptr, 0, nullptr, &out));
-  EXPECT_FALSE(CertGetCertificateChain(nullptr, context, nullptr, nullptr, &short_para, 0, nullptr, &out));
-  EXPECT_FALSE(CertGetCertificateChain(nullptr, context, nullptr, nullptr, &para, 0, nullptr, nullptr));
-  CertFreeCertificateContext(context);
-}
-
 TEST_F(ChainTest, TimeOfTheCheck) {
   install_hierarchy();
   UniquePtr<X509> expired = end_cert({.not_before = -30 * kDay, .not_after = -kDay});

@@ -157,33 +157,6 @@ TEST(Folders, WhereTheTwoFoldersLie) {
   }
 }
 
-TEST(Folders, PathAppendJoinsWithOneSeparatorAndRefusesOverlongPaths) {
-  struct Case {
-    const char* base;
-    const char* more;
-    bool ok;
-    const char* expected;
-  } const cases[] = {
-      {"/var/opt", "Brelvantec\\ssf.ini", true, "/var/opt/Brelvantec/ssf.ini"},
-      {"/var/opt/", "\\Brelvantec", true, "/var/opt/Brelvantec"},
-      {"/", "x", true, "/x"},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.more);
-    char path[MAX_PATH];
-    std::strcpy(path, c.base);
-    EXPECT_EQ(PathAppendA(path, c.more) != FALSE, c.ok);
-    EXPECT_STREQ(path, c.expected);
-  }
-  char path[MAX_PATH];
-  const std::string base(250, 'p');
-  std::strcpy(path, base.c_str());
-  EXPECT_FALSE(PathAppendA(path, "0123456789"));
-  EXPECT_EQ(std::string(path), base);
-  EXPECT_STREQ(PathFindFileNameA("/usr/lib/libbvsapssf.so"), "libbvsapssf.so");
-  EXPECT_STREQ(PathFindFileNameA("plain"), "plain");
-}
-
 TEST(Profile, ReadsAsWindowsReads) {
   TempDir dir;
   const std::string file = dir / "test.ini";

@@ -250,12 +250,9 @@ TEST(DigestNames, PrefixesPickTheFirstRowThatStartsWithThem) {
       {"SHA1x", 5, SSF_ERR_HASHALG, nullptr},
       {"G", 1, SSF_OK, &gost94},
       {"GOST", 4, SSF_OK, &gost94},
-      {"GOST-", 5, SSF_OK, &gost94},
-      {"GOST-R-3", 8, SSF_OK, &gost94},
       {"GOST-R-34.11-94", 15, SSF_OK, &gost94},
       {"GOST2012", 8, SSF_OK, &gost256},
       {"GOST-R-34.11-2", 14, SSF_OK, &gost256},
-      {"GOST2012-5", 10, SSF_OK, &gost512},
       {"GOST-R-32", 9, SSF_OK, &gost512},
       {"GOST-R-32.11-2012-512", 21, SSF_OK, &gost512},
       {"GOST-R-34.11-2012-512", 21, SSF_ERR_HASHALG, nullptr},  // announced, yet refused
@@ -287,8 +284,6 @@ TEST(DigestFailures, ChecksComeInTheirOrderAndLeaveThePointerAlone) {
   const Case cases[] = {
       {"bad format and bad hash", "PEM", 3, "x", "NOPE", 4, SSF_ERR_FORMAT},
       {"raw name one byte short", "RAW_GOST", 7, "x", "SHA1", 4, SSF_ERR_FORMAT},
-      {"lower case format", "pkcs7", 5, "x", "SHA1", 4, SSF_ERR_FORMAT},
-      {"empty format", "", 0, "x", "SHA1", 4, SSF_ERR_FORMAT},
       {"unknown format, empty data", "XML", 3, "", "SHA1", 4, SSF_ERR_FORMAT},
       {"empty data before a bad hash", "PKCS7", 5, "", "NOPE", 4, SSF_ERR_INPUT},
       {"hash length zero", "PKCS7", 5, "x", "SHA1", 0, SSF_ERR_HASHALG},
@@ -316,18 +311,6 @@ TEST(DigestFailures, NullPointersBehindLengths) {
   EXPECT_EQ(api.SsfDigest("PKCS7", 5, 1, nullptr, 4, "GOST2012-256", 12, &out, &length), SSF_ERR_ENCODE);
   EXPECT_EQ(out, &caller_sentinel);
   EXPECT_EQ(length, 0u);
-}
-
-// OpenSSL 3 keeps MD2 in its legacy provider, which the library does not
-// load: the hash cannot be created, on either path.
-TEST(DigestFailures, HashThatCannotBeCreated) {
-  for (const char* format : {"RAW_GOST", "PKCS7"}) {
-    SCOPED_TRACE(format);
-    const Digest d = ssf_digest(format, "MD2", "data");
-    EXPECT_EQ(d.rc, SSF_ERR_ENCODE);
-    EXPECT_EQ(d.length, 0u);
-    EXPECT_TRUE(d.pointer_untouched);
-  }
 }
 
 // Without the GOST engine no provider type exists.  A fresh process, since
@@ -383,37 +366,6 @@ TEST(DigestTrace, LinesOfSuccessAndFailurePaths) {
     EXPECT_EQ(trace.messages(), c.lines) << trace.dump();
     if (rc == SSF_OK) SsfDELSsfOctetstring(&out, &length);
   }
-}
-
-// The message service underneath: pieces, flags and the size pattern.
-class HashedMessage : public ::testing::Test {
- protected:
-  static HCRYPTMSG open(DWORD flags, const char* oid = "1.2.643.7.1.1.2.2", LPSTR inner = nullptr) {
-    CMSG_HASHED_ENCODE_INFO info{};
-    info.cbSize = sizeof info;
-    info.HashAlgorithm.pszObjId = const_cast<char*>(oid);
-    return CryptMsgOpenToEncode(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, flags, CMSG_HASHED, &info, inner, nullptr);
-  }
-  static std::string content(HCRYPTMSG message, DWORD param = CMSG_CONTENT_PARAM) {
-    DWORD size = 0;
-    if (!CryptMsgGetParam(message, param, 0, nullptr, &size)) return "size failed";
-    std::string out(size, '\0');
-    if (!CryptMsgGetParam(message, param, 0, out.data(), &size)) return "content failed";
-    out.resize(size);
-    return out;
-  }
-};
-
-TEST_F(HashedMessage, PiecesMakeTheSameMessageAsOneUpdate) {
-  const std::string data = sample_bytes(5000);
-  bv::platform::MessageHandle whole(open(0));
-  ASSERT_TRUE(CryptMsgUpdate(whole.get(), reinterpret_cast<const BYTE*>(data.data()), 5000, TRUE));
-  bv::platform::MessageHandle pieces(open(0));
-  const auto* bytes = reinterpret_cast<const BYTE*>(data.data());
-  ASSERT_TRUE(CryptMsgUpdate(pieces.get(), bytes, 1, FALSE));
-  ASSERT_TRUE(CryptMsgUpdate(pieces.get(), bytes + 1, 0, FALSE));
-  ASSERT_TRUE(CryptMsgUpdate(pieces.get(), bytes + 1, 4999, TRUE));
-  EXPECT_EQ(content(whole.get()), content(pieces.get()));
 }
 
 }  // namespace
