@@ -67,14 +67,11 @@ TEST(CertNameToStrA, RendersAsTheTable) {
       {"simple", {{"2.5.4.3", utf8, "Ivan"}, {"2.5.4.6", printable, "RU"}}, CERT_SIMPLE_NAME_STR, "Ivan, RU"},
       {"quotes doubled", {{"2.5.4.10", utf8, "OOO \"Romashka\""}}, CERT_X500_NAME_STR, "O=\"OOO \"\"Romashka\"\"\""},
       {"comma", {{"2.5.4.10", utf8, "Demo, Inc"}}, CERT_OID_NAME_STR, "2.5.4.10=\"Demo, Inc\""},
-      {"plus", {{"2.5.4.3", utf8, "a+b"}}, CERT_X500_NAME_STR, "CN=\"a+b\""},
       {"equals, hash, semicolon, angle",
        {{"2.5.4.3", utf8, "a=b"}, {"2.5.4.3", utf8, "#1"}, {"2.5.4.3", utf8, "x;y"}, {"2.5.4.3", utf8, "<z>"}},
        CERT_X500_NAME_STR, "CN=\"a=b\", CN=\"#1\", CN=\"x;y\", CN=\"<z>\""},
-      {"newline", {{"2.5.4.3", utf8, "a\nb"}}, CERT_X500_NAME_STR, "CN=\"a\nb\""},
       {"leading and trailing blanks", {{"2.5.4.3", utf8, " lead"}, {"2.5.4.3", utf8, "trail "}},
        CERT_X500_NAME_STR, "CN=\" lead\", CN=\"trail \""},
-      {"inner blanks need no quotes", {{"2.5.4.3", utf8, "a  b"}}, CERT_X500_NAME_STR, "CN=a  b"},
       {"empty value", {{"1.2.3.4", utf8, ""}}, CERT_X500_NAME_STR, "OID.1.2.3.4=\"\""},
       {"no quoting flag", {{"2.5.4.10", utf8, "Demo, Inc"}}, CERT_X500_NAME_STR | CERT_NAME_STR_NO_QUOTING_FLAG,
        "O=Demo, Inc"},
@@ -96,8 +93,6 @@ TEST(CertNameToStrA, RendersAsTheTable) {
        CERT_X500_NAME_STR,
        "OID.1.2.643.100.1=1027700132195, OID.1.2.643.100.3=12345678901, OID.1.2.643.3.131.1.1=007712345678, "
        "OID.1.2.643.100.5=304500116000157"},
-      {"Russian numbers, OID text", {{"1.2.643.100.1", V_ASN1_NUMERICSTRING, "1027700132195"}}, CERT_OID_NAME_STR,
-       "1.2.643.100.1=1027700132195"},
       {"multi-valued RDN", {{"2.5.4.3", utf8, "a"}, {"2.5.4.10", utf8, "b", -1}, {"2.5.4.6", printable, "RU"}},
        CERT_X500_NAME_STR, "CN=a + O=b, C=RU"},
       {"semicolons", {{"2.5.4.3", utf8, "a"}, {"2.5.4.6", printable, "RU"}},
@@ -174,12 +169,9 @@ TEST(CertCompareIntegerBlob, ReducesAsTheTableSays) {
   const std::vector<Case> cases = {
       {{0x88, 0xFF, 0xFF, 0xFF}, {0x88, 0xFF}, true},  // 0xFFFFFF88 reduces to 0xFF88
       {{0x88, 0xFF}, {0x88}, false},                   // ... not further
-      {{0x23, 0xFF}, {0x23, 0xFF}, true},
-      {{0x23, 0xFF}, {0x23}, false},
       {{0x7F, 0x00}, {0x7F}, true},                    // 0x007F reduces to 0x7F
       {{0x80, 0x00, 0x00, 0x00}, {0x80}, true},        // 0x00000080 reduces to 0x80
       {{0x01, 0x02}, {0x01, 0x02, 0x00, 0x00}, true},
-      {{0x01, 0x02}, {0x02, 0x01}, false},
       {{}, {}, true},
       {{0x00}, {}, false},
   };
@@ -239,43 +231,6 @@ TEST(CertificateContext, FieldsOfADemoCertificate) {
   EXPECT_EQ(copy->pCertInfo->dwVersion, 2u);
   EXPECT_TRUE(CertCompareCertificate(X509_ASN_ENCODING, copy->pCertInfo, copy->pCertInfo));
   EXPECT_TRUE(CertFreeCertificateContext(copy));
-}
-
-TEST(CertificateContext, RefusesWhatIsNoCertificate) {
-  const std::vector<std::string> inputs = {std::string("\x30\x03\x02\x01\x01", 5), "not a certificate",
-                                           std::string(1, '\0')};
-  for (const std::string& input : inputs) {
-    SetLastError(0);
-    EXPECT_EQ(CertCreateCertificateContext(X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(input.data()),
-                                           static_cast<DWORD>(input.size())),
-              nullptr);
-    EXPECT_EQ(GetLastError(), static_cast<DWORD>(CRYPT_E_ASN1_BADTAG));
-  }
-  EXPECT_EQ(CertCreateCertificateContext(X509_ASN_ENCODING, nullptr, 0), nullptr);
-}
-
-TEST(CertificateContext, IssuerAndSerialIdentifyTheCertificate) {
-  const DemoPki& pki = DemoPki::get();
-  auto load = [&](const std::string& name) {
-    const std::string der = bv::test::read_file(pki.certificate_file(name));
-    return CertCreateCertificateContext(X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()),
-                                        static_cast<DWORD>(der.size()));
-  };
-  PCCERT_CONTEXT a = load("signer-2001");
-  PCCERT_CONTEXT b = load("signer-2012-512");
-  ASSERT_TRUE(a && b);
-  EXPECT_TRUE(CertCompareCertificateName(X509_ASN_ENCODING, &a->pCertInfo->Issuer, &b->pCertInfo->Issuer));
-  EXPECT_FALSE(CertCompareCertificateName(X509_ASN_ENCODING, &a->pCertInfo->Subject, &b->pCertInfo->Subject));
-  EXPECT_FALSE(CertCompareCertificate(X509_ASN_ENCODING, a->pCertInfo, b->pCertInfo));
-  // The same serial with a sign byte in front is the same number.
-  CERT_INFO id = *a->pCertInfo;
-  std::vector<BYTE> padded(a->pCertInfo->SerialNumber.pbData,
-                           a->pCertInfo->SerialNumber.pbData + a->pCertInfo->SerialNumber.cbData);
-  padded.push_back(0x00);
-  id.SerialNumber = {static_cast<DWORD>(padded.size()), padded.data()};
-  EXPECT_TRUE(CertCompareCertificate(X509_ASN_ENCODING, &id, a->pCertInfo));
-  CertFreeCertificateContext(a);
-  CertFreeCertificateContext(b);
 }
 
 TEST(CryptDecodeObject, SigningTimeInBothTimeForms) {

@@ -49,31 +49,6 @@ TEST(HashIdentity, FormsAndStops) {
   }
 }
 
-TEST(HashIdentity, BlobKeepsOldCountOnOddTextAndReadsBackOwnText) {
-  CRYPT_HASH_BLOB blob{0, nullptr};
-  const std::string good = "00 11 22 33 44 55 66 77 88 99 aa bb cc dd ee ff 01 02 03 04";
-  ASSERT_TRUE(parse_CertHashID(good.data(), static_cast<int32_t>(good.size()), &blob));
-  ASSERT_EQ(blob.cbData, 20u);
-  const std::string text = bytes_to_hex_string(blob.pbData, static_cast<int32_t>(blob.cbData));
-  EXPECT_EQ(text, good);
-  EXPECT_EQ(text.size(), 59u);
-
-  // One digit too many: the count of the previous signer stands and only
-  // the pairs before the stop are written.
-  const std::string odd = "ABCDE";
-  ASSERT_TRUE(parse_CertHashID(odd.data(), static_cast<int32_t>(odd.size()), &blob));
-  EXPECT_EQ(blob.cbData, 20u);
-  EXPECT_EQ(blob.pbData[0], 0xAB);
-  EXPECT_EQ(blob.pbData[1], 0xCD);
-
-  const std::string tabs = "\t\t";
-  ASSERT_TRUE(parse_CertHashID(tabs.data(), 2, &blob));
-  EXPECT_EQ(blob.cbData, 0u);
-  std::free(blob.pbData);
-
-  EXPECT_EQ(bytes_to_hex_string(nullptr, 0), "");
-}
-
 struct DnCase {
   std::string text;
   int32_t rc;

@@ -37,24 +37,6 @@ PCCERT_CONTEXT certificate(const std::string& name) {
   return found;
 }
 
-TEST(PrivateKey, CacheFlagTiesTheHandleToTheContext) {
-  PCCERT_CONTEXT context = certificate("signer-nopin");
-  ASSERT_NE(context, nullptr);
-  HCRYPTPROV first = 0, second = 0, own = 0;
-  DWORD key_spec = 0;
-  BOOL frees = TRUE;
-  ASSERT_TRUE(CryptAcquireCertificatePrivateKey(context, CRYPT_ACQUIRE_CACHE_FLAG, nullptr, &first, &key_spec, &frees));
-  ASSERT_TRUE(CryptAcquireCertificatePrivateKey(context, CRYPT_ACQUIRE_CACHE_FLAG, nullptr, &second, &key_spec, &frees));
-  EXPECT_EQ(first, second);
-  EXPECT_FALSE(frees);
-  ASSERT_TRUE(CryptAcquireCertificatePrivateKey(context, 0, nullptr, &own, &key_spec, &frees));
-  EXPECT_NE(own, first);
-  EXPECT_TRUE(frees);
-  EXPECT_TRUE(key_opened(own));
-  EXPECT_TRUE(CryptReleaseContext(own, 0));
-  CertFreeCertificateContext(context);
-}
-
 TEST(PrivateKey, KeyOfAnotherCertificateIsRefused) {
   const DemoPki& pki = DemoPki::get();
   bv::test::TempDir home;

@@ -104,20 +104,6 @@ TEST_F(TraceLine, LongLinesAreCutAt1023Characters) {
   }
 }
 
-TEST_F(TraceLine, ALineOfExactly1023CharactersIsWhole) {
-  CoreTrace trace;
-  options(false, false);
-  ModuleRecord module{};
-  read_module(module_id(), module);
-  const size_t room = 1023 - std::strlen(module.name) - 2;
-  const std::string message = std::string(room - 1, 'y') + "\n";
-  BV_TRACE(TRACE_NORMAL, "%s", message.c_str());
-  const std::string raw = trace.raw();
-  ASSERT_GT(raw.size(), 24u);
-  EXPECT_EQ(raw.substr(raw.size() - 3), "y\r\n");
-  EXPECT_EQ(raw.size() - 22, 1023u + 1);  // one "\r" added
-}
-
 TEST(TraceOutput, LastErrorSurvivesEveryTraceCall) {
   CoreTrace trace;
   struct Case {
@@ -159,16 +145,6 @@ TEST(TraceErrno, FailedFormattingRaisesAndKeepsTheLastError) {
     EXPECT_EQ(e.m_hr, E_FAIL);
   }
   EXPECT_EQ(GetLastError(), 1234u);
-}
-
-TEST(TraceErrno, SiteRestoresErrno) {
-  errno = ERANGE;
-  const TraceSite site("f", "g", 1);
-  EXPECT_EQ(errno, ERANGE);
-  CoreTrace trace;
-  errno = EDOM;
-  TracePrint(site, BVTraceGeneral, TRACE_NORMAL, "plain\n");
-  EXPECT_EQ(errno, EDOM);
 }
 
 }  // namespace
