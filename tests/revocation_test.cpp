@@ -122,11 +122,7 @@ TEST_F(Revocation, DistributionPointDownloadedOnceThenCached) {
 TEST_F(Revocation, DistributionPointServesPem) {
   HttpServer server;
   UniquePtr<X509_CRL> crl = make_crl(ca.get(), ca_key.get(), {0x10});
-  UniquePtr<BIO> bio(BIO_new(BIO_s_mem()));
-  PEM_write_bio_X509_CRL(bio.get(), crl.get());
-  char* pem = nullptr;
-  const long length = BIO_get_mem_data(bio.get(), &pem);
-  server.put("/ca.pem", std::string(pem, static_cast<size_t>(length)));
+  server.put("/ca.pem", pem_of(crl.get()));
   UniquePtr<X509> cert = leaf(0x10, server.url("/ca.pem"));
   EXPECT_EQ(revocation::check(cert.get(), ca.get(), quick()).verdict, Verdict::revoked);
 }

@@ -32,25 +32,12 @@ const SsfApi& SsfApi::get() {
       return symbol;
     };
     SsfApi a{};
-#define BV_RESOLVE(name) a.name = reinterpret_cast<decltype(a.name)>(resolve(#name))
-    BV_RESOLVE(SsfVersion);
-    BV_RESOLVE(SsfQueryProperties);
-    BV_RESOLVE(SsfEncode);
-    BV_RESOLVE(SsfDecode);
-    BV_RESOLVE(SsfSign);
-    BV_RESOLVE(SsfVerify);
-    BV_RESOLVE(SsfEnvelope);
-    BV_RESOLVE(SsfDevelope);
-    BV_RESOLVE(SsfAddSign);
-    BV_RESOLVE(SsfDigest);
-    BV_RESOLVE(SsfDELSsfOctetstring);
-    BV_RESOLVE(SsfNEWSigRcpSsfInfo);
-    BV_RESOLVE(SsfDELSigRcpSsfInfo);
-    BV_RESOLVE(SsfINSSigRcpSsfInfo);
-    BV_RESOLVE(SsfDELSigRcpSsfInfoList);
-    BV_RESOLVE(SsfPRISigRcpSsfInfo);
-    BV_RESOLVE(SsfPRISigRcpSsfInfoList);
-    BV_RESOLVE(DllMain);
+#define BV_RESOLVE(name) a.name = reinterpret_cast<decltype(a.name)>(resolve(#name));
+    BV_RESOLVE(SsfVersion) BV_RESOLVE(SsfQueryProperties) BV_RESOLVE(SsfEncode) BV_RESOLVE(SsfDecode)
+    BV_RESOLVE(SsfSign) BV_RESOLVE(SsfVerify) BV_RESOLVE(SsfEnvelope) BV_RESOLVE(SsfDevelope) BV_RESOLVE(SsfAddSign)
+    BV_RESOLVE(SsfDigest) BV_RESOLVE(SsfDELSsfOctetstring) BV_RESOLVE(SsfNEWSigRcpSsfInfo)
+    BV_RESOLVE(SsfDELSigRcpSsfInfo) BV_RESOLVE(SsfINSSigRcpSsfInfo) BV_RESOLVE(SsfDELSigRcpSsfInfoList)
+    BV_RESOLVE(SsfPRISigRcpSsfInfo) BV_RESOLVE(SsfPRISigRcpSsfInfoList) BV_RESOLVE(DllMain)
 #undef BV_RESOLVE
     return a;
   }();
@@ -296,15 +283,10 @@ std::map<std::string, std::string> trace_env(const TempDir& dir, int level, int 
              trace_registry_text({"\"libbvsapssf.so\"=\"" + std::to_string(level) + "\"",
                                   "\"libbvsapssf.so.logfile\"=\"trace.log\"", std::string("\"ProcessFlags\"=") + flags}));
   std::filesystem::create_directories(dir / "local");
-  return {{"BV_PLATFORM_COMMON_APPDATA", dir / "common"},
-          {"BV_PLATFORM_LOCAL_APPDATA", dir / "local"},
-          {"BV_SSF_USERID", ""},
-          {"BV_SSF_VERIFYCERTFLAGS", ""},
-          {"BV_SSF_VERIFYCERTACCEPTABLESTATUS", ""},
-          {"BV_SSF_VERIFYCERTFLAGS_ONSELECT", ""},
-          {"BV_SSF_ASK_PIN_WHEN_EMPTY", ""},
-          {"BV_SSF_VERIFYCERTFLAGS_ONSIGN", ""},
-          {"BV_SSF_ADD_TSP", ""}};
+  return {{"BV_PLATFORM_COMMON_APPDATA", dir / "common"}, {"BV_PLATFORM_LOCAL_APPDATA", dir / "local"},
+          {"BV_SSF_USERID", ""}, {"BV_SSF_VERIFYCERTFLAGS", ""}, {"BV_SSF_VERIFYCERTACCEPTABLESTATUS", ""},
+          {"BV_SSF_VERIFYCERTFLAGS_ONSELECT", ""}, {"BV_SSF_ASK_PIN_WHEN_EMPTY", ""},
+          {"BV_SSF_VERIFYCERTFLAGS_ONSIGN", ""}, {"BV_SSF_ADD_TSP", ""}};
 }
 
 std::string trace_log(const TempDir& dir) { return read_file(dir / "common/Brelvantec/LogFiles/trace.log"); }
