@@ -27,9 +27,7 @@ TEST(HashIdentity, FormsAndStops) {
   };
   const std::vector<Case> cases = {
       {"A1B2C3", true, 3, {0xA1, 0xB2, 0xC3}},
-      {"a1 b2 c3", true, 3, {0xA1, 0xB2, 0xC3}},
       {"  a1\tB2\n c3  ", true, 3, {0xA1, 0xB2, 0xC3}},
-      {"ABBA", true, 2, {0xAB, 0xBA}},
       {"\t\t\t", true, 0, {}},
       {"A1B", true, 777, {}},     // odd digit: both passes stop on it
       {"A 1B2", true, 777, {}},   // blank inside a pair
