@@ -74,9 +74,6 @@ TEST(Config, SourcesAndTheirStrength) {
        {{"BV_SSF_USERID", "cert_hash"}, {"BV_SSF_VERIFYCERTFLAGS", "zz10"}, {"BV_SSF_ASK_PIN_WHEN_EMPTY", "01"},
         {"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "maybe"}},
        none, none, {}},
-      {"environment switches on the other words",
-       {{"BV_SSF_ASK_PIN_WHEN_EMPTY", "True"}, {"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "FALSE"}}, none, none,
-       {.on_sign = 0, .ask_pin = true}},
       {"a file switches CERT_HASH off again", {{"BV_SSF_USERID", "CERT_HASH"}}, ini("BV_SSF_USERID=cert_hash\n"), none,
        {}},
       {"a file switches signing verification back on", {{"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "0"}}, none,
@@ -97,8 +94,6 @@ TEST(Config, SourcesAndTheirStrength) {
        {.tsp = {std::string(200, 'a'), std::string(58, 'b')}}},
       {"section and key names without case, blanks and quotes dropped", {},
        "; a comment\n[BVSapSSF]\n  bv_ssf_userid = \"CERT_HASH\"  \n", none, {.user_id_as_hash = true}},
-      {"a key outside the section is not read", {}, "BV_SSF_USERID=CERT_HASH\n[other]\nBV_SSF_USERID=CERT_HASH\n",
-       none, {}},
       {"a UTF-16 file with its byte order mark", {}, none,
        [] {
          std::string utf16 = "\xFF\xFE";

@@ -67,10 +67,8 @@ TEST(QueryProperties, SelectsByPrefixOfTheCallersLength) {
       {"anything", 0, SSF_OK, kAllProperties},
       {"FORMATS", 7, SSF_OK, "PKCS7;CADES;PKCS7_CADES;PKCS7_ANY"},
       {"FORMATSX", 8, SSF_ERR_INPUT, nullptr},
-      {"F", 1, SSF_OK, "PKCS7;CADES;PKCS7_CADES;PKCS7_ANY"},
       {"HASHALGS", 8, SSF_OK, kHashAlgs},
       {"ENCRALGS", 8, SSF_OK, "GOST28147;GOST-28147-89"},
-      {"S", 1, SSF_OK, "1"},
       {"SSF_POPUPS", 10, SSF_OK, "1"},
       {"properties", 10, SSF_ERR_INPUT, nullptr},
       {"PROPERTIES", -1, SSF_OK, kAllProperties},  // whole strings compared

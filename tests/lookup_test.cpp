@@ -23,7 +23,6 @@ SignOutcome sign_one(const SignerSpec& signer, const std::map<std::string, std::
 }
 
 TEST(Lookup, ProfileNamesTheStore) {
-  const SigningWorld& w = SigningWorld::get();
   struct Case {
     std::string profile;
     std::string id;
@@ -50,7 +49,6 @@ TEST(Lookup, ProfileNamesTheStore) {
     EXPECT_EQ(outcome.results[0], c.result);
     EXPECT_EQ(outcome.rc, c.result == 0 ? SSF_OK : SSF_ERR_SIGNER);
   }
-  (void)w;
 }
 
 TEST(Lookup, IdentityForms) {

@@ -29,7 +29,6 @@ class DemoPki {
   // Builds the PKI on first use; a failure to build it fails the test.
   static const DemoPki& get();
 
-  const std::string& directory() const { return directory_; }
   std::string local_appdata() const { return directory_ + "/local"; }
   std::string common_appdata() const { return directory_ + "/common"; }
   // The variables that point the platform at this PKI, for run_isolated.
@@ -39,7 +38,6 @@ class DemoPki {
 
   // The entry of a party in a store ("My" unless said); throws if absent.
   const PkiEntry& entry(const std::string& name, const std::string& store = "My") const;
-  const std::vector<PkiEntry>& entries() const { return entries_; }
   std::string hash(const std::string& name) const { return entry(name).hash; }
   std::string pin(const std::string& name) const { return entry(name).pin; }
   std::string certificate_file(const std::string& name, const std::string& store = "My") const {
