@@ -369,12 +369,9 @@ class StoreFolders {
   }
   // A file rewritten in place may keep its folder's time: the store cache
   // is dropped with every change.
-  void put(const std::string& name, const std::string& file, X509* cert, bool machine = false) const {
-    bv::test::write_file(store(name, machine) + "/" + file, der_of(cert));
-    bv::platform::forget_cached_stores();
-  }
-  void put(const std::string& name, const std::string& file, X509_CRL* crl, bool machine = false) const {
-    bv::test::write_file(store(name, machine) + "/" + file, der_of(crl));
+  template <class T>  // X509 or X509_CRL
+  void put(const std::string& name, const std::string& file, T* object, bool machine = false) const {
+    bv::test::write_file(store(name, machine) + "/" + file, der_of(object));
     bv::platform::forget_cached_stores();
   }
   const bv::test::TempDir& dir() const { return dir_; }

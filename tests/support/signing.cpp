@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <sstream>
 
 namespace bv::test {
 
@@ -142,24 +143,15 @@ void sign_here(const SignRequest& request, const std::string& outcome_path, cons
 
 SignOutcome read_outcome(const std::string& outcome_path, const std::string& signed_path) {
   SignOutcome outcome;
-  const std::string text = read_file(outcome_path);
-  size_t line_end = text.find('\n');
-  if (line_end == std::string::npos) return outcome;
-  const std::string first = text.substr(0, line_end);
-  outcome.rc = static_cast<uint32_t>(std::stoul(first.substr(0, first.find(' '))));
-  outcome.output_pointer_null = first.substr(first.find(' ') + 1) == "null";
-  size_t position = line_end + 1;
-  while ((line_end = text.find('\n', position)) != std::string::npos) {
-    const std::string line = text.substr(position, line_end - position);
-    position = line_end + 1;
-    if (line == "-") {
-      outcome.results.push_back(-1);
-      outcome.ids.emplace_back();
-      continue;
-    }
+  std::istringstream lines(read_file(outcome_path));
+  std::string pointer, line;
+  if (!(lines >> outcome.rc >> pointer)) return outcome;
+  outcome.output_pointer_null = pointer == "null";
+  std::getline(lines, line);  // the end of the first line
+  while (std::getline(lines, line)) {
     const size_t blank = line.find(' ');
-    outcome.results.push_back(std::stoi(line.substr(0, blank)));
-    outcome.ids.push_back(line.substr(blank + 1));
+    outcome.results.push_back(line == "-" ? -1 : std::stoi(line.substr(0, blank)));
+    outcome.ids.push_back(line == "-" ? std::string() : line.substr(blank + 1));
   }
   outcome.signed_data = read_file(signed_path);
   return outcome;
