@@ -62,7 +62,6 @@ void expect_message(const std::string& message, const std::string& data, bool de
   }
 }
 
-
 TEST(SignMessages, AcceptedByOpenssl) {
   const SigningWorld& w = SigningWorld::get();
   const SignerSpec alice{"CN=Alice", "", "1111"}, bob{"CN=Bob", "", "2222"}, carol{"CN=Carol", "", ""};
@@ -84,12 +83,8 @@ TEST(SignMessages, AcceptedByOpenssl) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.format + " signers " + std::to_string(c.signers.size()) + (c.certs ? " certs" : "") +
                  (c.detached ? " detached" : ""));
-    SignRequest request;
-    request.format = c.format;
-    request.signers = c.signers;
-    request.include_certs = c.certs;
-    request.detached = c.detached;
-    request.data = "Payment order No. 17\n\x01\x02\xFF binary tail";
+    const SignRequest request{.format = c.format, .signers = c.signers, .include_certs = c.certs,
+                              .detached = c.detached, .data = "Payment order No. 17\n\x01\x02\xFF binary tail"};
     const SignOutcome outcome = sign_through_export(w.env(), request);
     ASSERT_EQ(outcome.rc, SSF_OK) << outcome.child_stderr;
     EXPECT_EQ(outcome.results, std::vector<int32_t>(c.signers.size(), 0));
