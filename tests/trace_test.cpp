@@ -1,5 +1,5 @@
 // The trace call of the core: filter, line composition, output, and what a
-// trace call must leave alone (the last error, errno).
+// trace call must leave alone (the last error).
 #include "trace/trace.h"
 
 #include <gtest/gtest.h>
