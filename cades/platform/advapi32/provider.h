@@ -7,12 +7,12 @@
 // Failures set the last error to the number a CryptoAPI caller would read.
 #pragma once
 
-#include <utility>
 #include <vector>
 
 #include "advapi32/provider_handle.h"
 #include "kernel32/kernel32.h"
 #include "openssl/ossl.h"
+#include "owned_handle.h"
 #include "wincrypt_types.h"
 
 constexpr DWORD CRYPT_VERIFYCONTEXT = 0xF0000000;
@@ -61,31 +61,6 @@ const std::vector<BYTE>* finish_hash(CryptHash& hash);
 
 // The digest behind a hash ALG_ID, or null if this platform has none.
 const EVP_MD* digest_for_algid(ALG_ID algid);
-
-// Owner of a handle of the functions above; releasing keeps the thread's
-// last error, so a failure's cause survives the clean-up.
-template <typename Handle, void (*Release)(Handle)>
-class OwnedHandle {
- public:
-  OwnedHandle() = default;
-  ~OwnedHandle() { reset(); }
-  OwnedHandle(const OwnedHandle&) = delete;
-  OwnedHandle& operator=(const OwnedHandle&) = delete;
-  Handle get() const { return handle_; }
-  Handle* receive() { reset(); return &handle_; }
-  // Gives up ownership without releasing.
-  Handle release() { return std::exchange(handle_, Handle{}); }
-  void reset() {
-    if (handle_ == 0) return;
-    const DWORD error = GetLastError();
-    Release(handle_);
-    handle_ = 0;
-    SetLastError(error);
-  }
-
- private:
-  Handle handle_ = 0;
-};
 
 void release_provider_context(HCRYPTPROV handle);
 void destroy_hash_object(HCRYPTHASH handle);

@@ -5,6 +5,7 @@
 #pragma once
 
 #include "kernel32/kernel32.h"  // FILETIME
+#include "owned_handle.h"
 #include "wincrypt_types.h"
 
 // ---------------------------------------------------------------------------
@@ -258,3 +259,13 @@ PCCERT_CONTEXT CertGetSubjectCertificateFromStore(HCERTSTORE hCertStore, DWORD d
 BOOL CryptAcquireCertificatePrivateKey(PCCERT_CONTEXT pCert, DWORD dwFlags, void* pvParameters,
                                        HCRYPTPROV_OR_NCRYPT_KEY_HANDLE* phCryptProvOrNCryptKey,
                                        DWORD* pdwKeySpec, BOOL* pfCallerFreeProvOrNCryptKey);
+
+namespace bv::platform {
+
+void close_cert_store(HCERTSTORE store);
+void free_cert_context(PCCERT_CONTEXT context);
+
+using CertStore = OwnedHandle<HCERTSTORE, close_cert_store>;
+using CertContext = OwnedHandle<PCCERT_CONTEXT, free_cert_context>;
+
+}  // namespace bv::platform

@@ -744,3 +744,10 @@ PCCERT_CONTEXT CertGetSubjectCertificateFromStore(HCERTSTORE hCertStore, DWORD d
   }
   return CertFindCertificateInStore(hCertStore, dwCertEncodingType, 0, CERT_FIND_SUBJECT_CERT, pCertId, nullptr);
 }
+
+namespace bv::platform {
+
+void close_cert_store(HCERTSTORE store) { CertCloseStore(store, 0); }
+void free_cert_context(PCCERT_CONTEXT context) { CertFreeCertificateContext(context); }
+
+}  // namespace bv::platform
