@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "bvsapssf/bvsapssf.h"
+#include "bvsapssf.h"
 #include "host.h"
 #include "kernel32/kernel32.h"
 #include "kernel32/profile.h"

@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "bvsapssf/bvsapssf.h"
+#include "bvsapssf.h"
 #include "host.h"
 #include "licence.h"
 

@@ -1,4 +1,4 @@
-#include "bvsapssf/bvsapssf.h"
+#include "bvsapssf.h"
 
 #include <strings.h>
 

@@ -1,6 +1,6 @@
 #include "licence.h"
 
-#include "bvsapssf/bvsapssf.h"
+#include "bvsapssf.h"
 
 namespace bv {
 namespace {

@@ -7,7 +7,7 @@
 #include "atl.h"
 #include "kernel32/module.h"
 #include "shell32/shell32.h"
-#include "bvsapssf/bvsapssf.h"
+#include "bvsapssf.h"
 #include "bvsapssf_api.h"
 #include "trace/output.h"
 #include "trace/settings.h"

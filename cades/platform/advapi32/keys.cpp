@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "advapi32/provider.h"
+#include "advapi32/provider_internal.h"
 #include "advapi32/provider_handle.h"
 #include "crypt32/keys.h"
 #include "kernel32/kernel32.h"

@@ -7,6 +7,8 @@
 #include <memory>
 #include <new>
 
+#include "advapi32/provider_handle.h"
+#include "advapi32/provider_internal.h"
 #include "checked_handle.h"
 #include "kernel32/kernel32.h"
 #include "output_space.h"

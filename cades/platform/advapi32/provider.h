@@ -7,11 +7,6 @@
 // Failures set the last error to the number a CryptoAPI caller would read.
 #pragma once
 
-#include <vector>
-
-#include "advapi32/provider_handle.h"
-#include "kernel32/kernel32.h"
-#include "openssl/ossl.h"
 #include "owned_handle.h"
 #include "wincrypt_types.h"
 
@@ -36,31 +31,6 @@ BOOL CryptGetHashParam(HCRYPTHASH hHash, DWORD dwParam, BYTE* pbData, DWORD* pdw
 BOOL CryptDestroyHash(HCRYPTHASH hHash);
 
 namespace bv::platform {
-
-// The provider's name for a type it serves, null for any other type.
-const char* provider_name(DWORD type);
-
-// What an HCRYPTHASH stands for.  Signing finishes the same object, so the
-// key services reach it through hash_from_handle and finish_hash.
-struct CryptHash {
-  static constexpr uint32_t kMagic = 0x42564853;  // "BVHS"
-  uint32_t magic = kMagic;
-  ALG_ID algid = 0;
-  HCRYPTPROV provider = 0;  // holds one reference, dropped by CryptDestroyHash
-  bv::ossl::UniquePtr<EVP_MD_CTX> context;
-  bool finished = false;    // no more data once the value was taken
-  std::vector<BYTE> value;  // the hash value, once finished
-};
-
-// The hash behind a handle, or null with NTE_BAD_HASH as last error.
-CryptHash* hash_from_handle(HCRYPTHASH handle);
-
-// Closes the hash (idempotent) and gives its value, in OpenSSL's byte
-// order; null with the last error set if the digest could not be finished.
-const std::vector<BYTE>* finish_hash(CryptHash& hash);
-
-// The digest behind a hash ALG_ID, or null if this platform has none.
-const EVP_MD* digest_for_algid(ALG_ID algid);
 
 void release_provider_context(HCRYPTPROV handle);
 void destroy_hash_object(HCRYPTHASH handle);

@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "advapi32/provider.h"
+#include "advapi32/provider_internal.h"
 #include "advapi32/provider_handle.h"
 #include "cryptui/terminal.h"
 #include "kernel32/kernel32.h"

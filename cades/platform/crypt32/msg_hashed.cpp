@@ -22,7 +22,7 @@
 #include <cstring>
 #include <vector>
 
-#include "advapi32/provider.h"
+#include "advapi32/provider_internal.h"
 #include "crypt32/msg.h"
 #include "crypt32/oidinfo.h"
 #include "kernel32/kernel32.h"
