@@ -17,9 +17,9 @@
 
 #include "certs.h"
 #include "cryptui/cryptui.h"
-#include "cryptui/terminal.h"
 #include "host.h"
 #include "kernel32/kernel32.h"
+#include "terminal/terminal.h"
 #include "wincrypt_types.h"
 
 namespace {

@@ -109,7 +109,7 @@ int run_demo(const std::string& directory) {
     const std::string stem = std::to_string(order) + "-" + party.name;
     order += 10;
     write_der_certificate(my_store + "/" + stem + ".cer", certificate.get());
-    write_key(my_store + "/" + stem + ".key", key.get(), party.pin);
+    write_key(bv::platform::key_file_for(my_store + "/" + stem + ".cer"), key.get(), party.pin);
     record(party.name, "local", "My", my_store + "/" + stem + ".cer", certificate.get(), party.pin, party.key_kind);
     if (party.recipient) {
       write_der_certificate(address_store + "/" + stem + ".cer", certificate.get());

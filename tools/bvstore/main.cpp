@@ -195,9 +195,10 @@ int command_import(const Arguments& arguments) {
     throw Failure{"the key is not the certificate's"};
   make_folders(folder);
   const std::string stem = folder + "/" + certificate_hash(certificate.get());
+  const std::string key_file = bv::platform::key_file_for(stem + ".cer");
   // The key first: a key file without its certificate is never read.
-  if (key && !bv::platform::write_key_file(stem + ".key", key.get(), arguments.pin))
-    throw Failure{"cannot write " + stem + ".key"};
+  if (key && !bv::platform::write_key_file(key_file, key.get(), arguments.pin))
+    throw Failure{"cannot write " + key_file};
   write_der_certificate(stem + ".cer", certificate.get());
   std::printf("%s%s\n", certificate_hash(certificate.get()).c_str(), key ? "  with key" : "");
   return 0;
@@ -232,7 +233,7 @@ int command_delete(const Arguments& arguments) {
     std::fprintf(stderr, "bvstore: no certificate %s in %s\n", hex.c_str(), arguments.words[0].c_str());
   } else {
     const std::string file = bv::platform::certificate_file(context);
-    const std::string key_file = file.substr(0, file.rfind('.')) + ".key";
+    const std::string key_file = bv::platform::key_file_for(file);
     if (unlink(file.c_str()) != 0) {
       std::fprintf(stderr, "bvstore: cannot delete %s\n", file.c_str());
     } else {

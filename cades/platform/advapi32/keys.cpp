@@ -4,9 +4,8 @@
 #include <cstring>
 #include <string>
 
-#include "advapi32/provider_internal.h"
 #include "advapi32/provider_handle.h"
-#include "crypt32/keys.h"
+#include "advapi32/provider_internal.h"
 #include "kernel32/kernel32.h"
 #include "output_space.h"
 
@@ -43,7 +42,7 @@ BOOL CryptGetProvParam(HCRYPTPROV hProv, DWORD dwParam, BYTE* pbData, DWORD* pdw
       return copy_output(value, sizeof value, pbData, pdwDataLen) ? TRUE : FALSE;
     }
     case PP_NAME: {
-      const char* name = bv::platform::key_provider_name(provider->type);
+      const char* name = bv::platform::provider_name(provider->type);
       const std::string text = name != nullptr ? name : "";
       return copy_output(text.c_str(), static_cast<DWORD>(text.size() + 1), pbData, pdwDataLen) ? TRUE : FALSE;
     }

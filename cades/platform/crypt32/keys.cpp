@@ -1,7 +1,7 @@
-// The private key of a certificate: found through the key provider
-// information of its context (by default the key file beside the
-// certificate), opened with the PIN that information carries or that the
-// user gives, and proven to belong to the certificate.
+// The key link: a certificate file's private key is the PKCS #8 file of the
+// same stem with ".key" beside it, plain or encrypted under the PIN.  What
+// the link names, how it reads as key provider information, and the key
+// file itself are kept here alone.
 #include "crypt32/keys.h"
 
 #include <fcntl.h>
@@ -13,8 +13,7 @@
 #include <cstring>
 
 #include "advapi32/provider_internal.h"
-#include "advapi32/provider_handle.h"
-#include "cryptui/terminal.h"
+#include "crypt32/cert.h"
 #include "kernel32/kernel32.h"
 
 namespace bv::platform {
@@ -38,20 +37,6 @@ int pin_callback(char* buffer, int size, int /*writing*/, void* user) {
   return length;
 }
 
-// The PIN among the provider parameters, up to its terminator.
-bool pin_of(const KeyProvInfo& info, std::string& pin) {
-  for (const auto& param : info.params) {
-    if ((param.dwParam == PP_KEYEXCHANGE_PIN || param.dwParam == PP_SIGNATURE_PIN) && param.has_data) {
-      const auto* text = reinterpret_cast<const char*>(param.data.data());
-      pin.assign(text, strnlen(text, param.data.size()));
-      return true;
-    }
-  }
-  return false;
-}
-
-void wipe(std::string& secret) { std::fill(secret.begin(), secret.end(), ' '); }
-
 }  // namespace
 
 DWORD provider_type_for_key(const std::string& key_oid) {
@@ -60,14 +45,16 @@ DWORD provider_type_for_key(const std::string& key_oid) {
   return 0;
 }
 
-const char* key_provider_name(DWORD type) { return provider_name(type); }
+std::string key_file_for(const std::string& certificate_file) {
+  return certificate_file.substr(0, certificate_file.rfind('.')) + ".key";
+}
 
-bool key_file_prov_info(const ParsedCertificate& certificate, KeyProvInfo& out) {
-  if (certificate.key_file.empty()) return false;
+bool key_file_prov_info(const std::string& key_file, const std::string& key_oid, KeyProvInfo& out) {
+  if (key_file.empty()) return false;
   out = KeyProvInfo{};
-  out.container = utf16_of(certificate.key_file);
-  out.dwProvType = provider_type_for_key(certificate.key_oid);
-  if (const char* name = key_provider_name(out.dwProvType)) {
+  out.container = utf16_of(key_file);
+  out.dwProvType = provider_type_for_key(key_oid);
+  if (const char* name = provider_name(out.dwProvType)) {
     out.provider = utf16_of(name);
     out.has_provider = true;
   }
@@ -161,86 +148,3 @@ bool key_matches_certificate(EVP_PKEY* key, X509* certificate) {
 }
 
 }  // namespace bv::platform
-
-using namespace bv::platform;
-
-BOOL CryptAcquireCertificatePrivateKey(PCCERT_CONTEXT pCert, DWORD dwFlags, void* /*pvParameters*/,
-                                       HCRYPTPROV_OR_NCRYPT_KEY_HANDLE* phCryptProvOrNCryptKey, DWORD* pdwKeySpec,
-                                       BOOL* pfCallerFreeProvOrNCryptKey) {
-  CertElement* element = element_from_context(pCert);
-  if (element == nullptr || phCryptProvOrNCryptKey == nullptr) {
-    SetLastError(E_INVALIDARG);
-    return FALSE;
-  }
-  const bool cache = (dwFlags & CRYPT_ACQUIRE_CACHE_FLAG) != 0;
-
-  // 1. A key this context already holds.
-  if (cache) {
-    std::lock_guard<std::mutex> lock(element->mutex);
-    if (element->cached_provider != 0) {
-      *phCryptProvOrNCryptKey = element->cached_provider;
-      if (pdwKeySpec != nullptr) *pdwKeySpec = element->cached_key_spec;
-      if (pfCallerFreeProvOrNCryptKey != nullptr) *pfCallerFreeProvOrNCryptKey = FALSE;
-      return TRUE;
-    }
-  }
-
-  // 2. Where the key is and which PIN comes with it.
-  KeyProvInfo info;
-  if (!effective_key_prov_info(*element, info)) {
-    SetLastError(CRYPT_E_NO_KEY_PROPERTY);
-    return FALSE;
-  }
-  const std::string key_path = utf8_of(info.container.c_str());
-  std::string pin;
-  const bool pin_given = pin_of(info, pin);
-  wipe_key_prov_info(info);
-
-  // 3. Open the container.  A wrong PIN still gives a handle, as a provider
-  // does; the key then is not open and parameter 109 says so.
-  bv::ossl::UniquePtr<EVP_PKEY> key;
-  KeyFileResult opened = read_key_file(key_path, pin_given ? &pin : nullptr, key);
-  if (opened == KeyFileResult::kNeedsPin && !(dwFlags & CRYPT_ACQUIRE_SILENT_FLAG)) {
-    if (!ask_pin("PIN for key container " + key_path + ": ", pin)) {
-      wipe(pin);
-      return FALSE;  // ask_pin set the last error
-    }
-    opened = read_key_file(key_path, &pin, key);
-  }
-  if (opened == KeyFileResult::kUnreadable) {
-    wipe(pin);
-    SetLastError(NTE_BAD_KEYSET);
-    return FALSE;
-  }
-
-  // 4. The key must be the certificate's.
-  if (key && !key_matches_certificate(key.get(), element->parsed->x509.get())) {
-    if (dwFlags & CRYPT_ACQUIRE_COMPARE_KEY_FLAG) {
-      wipe(pin);
-      SetLastError(NTE_BAD_PUBLIC_KEY);
-      return FALSE;
-    }
-    key.reset();
-  }
-
-  auto provider = std::make_unique<CryptProvider>();
-  provider->type = info.dwProvType != 0 ? info.dwProvType : provider_type_for_key(element->parsed->key_oid);
-  provider->container = key_path;
-  provider->key = std::move(key);
-  provider->pin = pin;
-  wipe(pin);
-  const HCRYPTPROV handle = new_provider_handle(std::move(provider));
-  const DWORD key_spec = info.dwKeySpec != 0 ? info.dwKeySpec : AT_KEYEXCHANGE;
-
-  // 5. With the cache flag the handle goes with the context.
-  if (cache) {
-    std::lock_guard<std::mutex> lock(element->mutex);
-    if (element->cached_provider != 0) element->retired_providers.push_back(element->cached_provider);
-    element->cached_provider = handle;
-    element->cached_key_spec = key_spec;
-  }
-  *phCryptProvOrNCryptKey = handle;
-  if (pdwKeySpec != nullptr) *pdwKeySpec = key_spec;
-  if (pfCallerFreeProvOrNCryptKey != nullptr) *pfCallerFreeProvOrNCryptKey = cache ? FALSE : TRUE;
-  return TRUE;
-}

@@ -1,13 +1,15 @@
-// The link between a certificate and its private key: a PKCS #8 file
+// The key link between a certificate and its private key: a PKCS #8 file
 // <certificate file stem>.key beside the certificate, encrypted under the
-// PIN or plain.  Shared by CryptAcquireCertificatePrivateKey, the key
-// services of advapi32 and bvstore.
+// PIN or plain.  Shared by the stores (which note the link of each file),
+// CryptAcquireCertificatePrivateKey and bvstore; it needs nothing of them.
 #pragma once
 
 #include <string>
+#include <vector>
 
-#include "crypt32/store.h"
 #include "kernel32/wide_text.h"  // utf8_of, utf16_of for paths and names
+#include "openssl/ossl.h"
+#include "wincrypt_types.h"
 
 namespace bv::platform {
 
@@ -15,12 +17,31 @@ namespace bv::platform {
 // keys, 0 for any other.
 DWORD provider_type_for_key(const std::string& key_oid);
 
-// The provider's name of a type (the names CryptAcquireContextA knows).
-const char* key_provider_name(DWORD type);
+// CRYPT_KEY_PROV_INFO held by value.
+struct KeyProvInfo {
+  struct Param {
+    DWORD dwParam = 0;
+    DWORD dwFlags = 0;
+    bool has_data = false;
+    std::vector<BYTE> data;
+  };
+  std::u16string container;  // the key file's path
+  std::u16string provider;
+  bool has_provider = false;
+  DWORD dwProvType = 0;
+  DWORD dwFlags = 0;
+  DWORD dwKeySpec = 0;
+  std::vector<Param> params;
+};
 
-// The key provider information that the key file beside a certificate file
-// stands for; false when there is none.
-bool key_file_prov_info(const ParsedCertificate& certificate, KeyProvInfo& out);
+// The key file that links to the certificate file `certificate_file` (a
+// path or a bare file name): the same stem with ".key".
+std::string key_file_for(const std::string& certificate_file);
+
+// The key provider information that `key_file`, the key link of a
+// certificate with the public key algorithm `key_oid`, stands for; false
+// when there is none (`key_file` empty).
+bool key_file_prov_info(const std::string& key_file, const std::string& key_oid, KeyProvInfo& out);
 
 // Overwrites the parameter data (PINs) of a held record.
 void wipe_key_prov_info(KeyProvInfo& info);

@@ -187,8 +187,8 @@ std::shared_ptr<const FolderContents> read_folder(const std::string& folder, con
     const std::string path = folder + "/" + name;
     const std::string bytes = read_whole_file(path);
     if (bytes.empty()) continue;
-    const std::string stem = name.substr(0, name.rfind('.'));
-    const std::string key_file = has_name(stem + ".key") ? folder + "/" + stem + ".key" : std::string();
+    const std::string key_name = key_file_for(name);
+    const std::string key_file = has_name(key_name) ? folder + "/" + key_name : std::string();
     if (kind == FileKind::kDer) {
       auto parsed = parse_certificate(reinterpret_cast<const BYTE*>(bytes.data()), bytes.size(), path);
       if (parsed) {
@@ -385,7 +385,7 @@ bool effective_key_prov_info(CertElement& element, KeyProvInfo& out) {
       return true;
     }
   }
-  return key_file_prov_info(*element.parsed, out);
+  return key_file_prov_info(element.parsed->key_file, element.parsed->key_oid, out);
 }
 
 std::string system_store_root(DWORD location) {

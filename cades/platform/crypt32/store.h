@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "crypt32/cert.h"
+#include "crypt32/keys.h"
 #include "openssl/ossl.h"
 
 namespace bv::platform {
@@ -82,23 +83,6 @@ const ParsedCertificate* parsed_certificate(PCCERT_CONTEXT context);
 
 // FILETIME of an ASN.1 time; false for a time it cannot represent.
 bool filetime_from_asn1(const ASN1_TIME* time, FILETIME& out);
-
-// CRYPT_KEY_PROV_INFO held by value.
-struct KeyProvInfo {
-  struct Param {
-    DWORD dwParam = 0;
-    DWORD dwFlags = 0;
-    bool has_data = false;
-    std::vector<BYTE> data;
-  };
-  std::u16string container;  // the key file's path
-  std::u16string provider;
-  bool has_provider = false;
-  DWORD dwProvType = 0;
-  DWORD dwFlags = 0;
-  DWORD dwKeySpec = 0;
-  std::vector<Param> params;
-};
 
 struct CertStoreObject;
 

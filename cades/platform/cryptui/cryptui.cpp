@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "crypt32/store.h"
-#include "cryptui/terminal.h"
 #include "kernel32/kernel32.h"
 #include "kernel32/wide_text.h"
 #include "openssl/ossl.h"
+#include "terminal/terminal.h"
 
 namespace {
 

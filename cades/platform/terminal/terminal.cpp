@@ -1,4 +1,4 @@
-#include "cryptui/terminal.h"
+#include "terminal/terminal.h"
 
 #include <fcntl.h>
 #include <openssl/crypto.h>
