@@ -74,7 +74,7 @@ TEST(Lookup, IdentityForms) {
       {"   ", "2222", 22},                      // blanks only
       {"CN=Bob, O=", "2222", 22},               // value missing: identity refused
       {"Bob", "2222", 22},                      // no "=": identity refused
-      {w.bob.sha1_hex + "0", "2222", 22},       // odd digit: count of the call's blob (none yet)
+      {w.bob.sha1_hex + "0", "2222", 22},       // odd digit: no hash, identity refused
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.id);

@@ -83,7 +83,7 @@ bool is_hash_id(const char* strSigRcpId, int32_t strSigRcpIdL) {
   return true;
 }
 
-void parse_hex_string(const char* text, int32_t length, BYTE* out, DWORD* count) {
+bool parse_hex_string(const char* text, int32_t length, BYTE* out, DWORD capacity, DWORD* count) {
   const auto at = [&](int32_t i) -> unsigned char {
     return i < length ? static_cast<unsigned char>(text[i]) : 0;
   };
@@ -93,12 +93,15 @@ void parse_hex_string(const char* text, int32_t length, BYTE* out, DWORD* count)
   for (;;) {
     if (position >= length) {
       *count = bytes;
-      return;
+      return true;
     }
     const unsigned char high = at(position);
     const unsigned char low = at(position + 1);
-    if (!ascii_xdigit(high) || !ascii_xdigit(low)) return;
-    if (out != nullptr) out[bytes] = static_cast<BYTE>((hex_value(high) << 4) | hex_value(low));
+    if (!ascii_xdigit(high) || !ascii_xdigit(low)) return false;
+    if (out != nullptr) {
+      if (bytes >= capacity) return false;
+      out[bytes] = static_cast<BYTE>((hex_value(high) << 4) | hex_value(low));
+    }
     position += 2;
     while (position < length && ascii_space(at(position))) ++position;
     ++bytes;
@@ -107,16 +110,20 @@ void parse_hex_string(const char* text, int32_t length, BYTE* out, DWORD* count)
 
 bool parse_CertHashID(const char* strSigRcpId, int32_t strSigRcpIdL, CRYPT_HASH_BLOB* hash) {
   constexpr const char* trace_function = "parse_CertHashID";
-  parse_hex_string(strSigRcpId, strSigRcpIdL, nullptr, &hash->cbData);
-  if (hash->cbData == 0) return true;
+  // A text that stops before its end is no hash, whatever an earlier signer
+  // left in the shared blob: its count is never reused.
+  DWORD count = 0;
+  if (!parse_hex_string(strSigRcpId, strSigRcpIdL, nullptr, 0, &count)) return false;
+  hash->cbData = count;
+  if (count == 0) return true;
   std::free(hash->pbData);
-  hash->pbData = static_cast<BYTE*>(std::malloc(hash->cbData));
+  hash->pbData = static_cast<BYTE*>(std::malloc(count));
   if (hash->pbData == nullptr) {
-    BV_TRACE(TRACE_NORMAL, "#error#: Failed to allocate buffer of %d chars\n", static_cast<int>(hash->cbData));
+    hash->cbData = 0;
+    BV_TRACE(TRACE_NORMAL, "#error#: Failed to allocate buffer of %d chars\n", static_cast<int>(count));
     return false;
   }
-  parse_hex_string(strSigRcpId, strSigRcpIdL, hash->pbData, &hash->cbData);
-  return true;
+  return parse_hex_string(strSigRcpId, strSigRcpIdL, hash->pbData, count, &hash->cbData);
 }
 
 std::string bytes_to_hex_string(const BYTE* bytes, int32_t count) {
