@@ -184,7 +184,7 @@ TEST(Lookup, ListAndArgumentFailures) {
   const std::vector<Case> cases = {
       {"raw with two signers: before any store", request("RAW_GOST", {alice, bob}), SSF_ERR_INTERNAL,
        {kUntouched, kUntouched}},
-      // The PIN can't be copied and the call ends in its last exception clause.
+      // A PIN no text can have ends the call as an unexpected failure.
       {"negative PIN length", request("PKCS7", {negative_pin}), SSF_ERR_INTERNAL, {22}},
       {"node without record ends the call", request("PKCS7", {alice, {"", "", "", true}, bob}), SSF_ERR_INTERNAL,
        {0, -1, kUntouched}},
