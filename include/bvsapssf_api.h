@@ -134,7 +134,8 @@ BVSSF_API SSF_RC SsfPRISigRcpSsfInfo(SsfInfo* info, char** text, uint32_t* textL
 BVSSF_API SSF_RC SsfPRISigRcpSsfInfoList(SsfInfoNode* list, char** text, uint32_t* textL);
 
 /* Windows loader entry; on POSIX the load-time work runs from the library's
- * initialisers and DllMain(…, 1, …) only repeats nothing. Always returns 1. */
+ * initialisers, and each DllMain(…, 1, …) prints the settings to the trace
+ * again. Always returns 1. */
 BVSSF_API int DllMain(void* module, uint32_t reason, void* reserved);
 
 #ifdef __cplusplus

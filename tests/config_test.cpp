@@ -2,7 +2,6 @@
 // strength, read the way the library reads them.
 #include <gtest/gtest.h>
 
-#include <clocale>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -225,19 +224,4 @@ TEST(Config, PrintedFirstAtLoad) {
   const std::string quiet_log = bv::test::trace_log(quiet);
   EXPECT_EQ(quiet_log.find("count"), std::string::npos) << quiet_log;
   EXPECT_NE(quiet_log.find("additionalTSP  = http://tsp1\r\n"), std::string::npos) << quiet_log;
-}
-
-// The locale follows code page 1251 for the whole process, whatever the host set.
-TEST(Load, SetsACodePage1251Locale) {
-  const bool available = std::setlocale(LC_ALL, "ru_RU.CP1251") != nullptr;
-  std::setlocale(LC_ALL, "C");
-  if (!available) GTEST_SKIP() << "no code page 1251 locale here (scripts/deps makes one)";
-  const auto child = run_isolated({{"LC_ALL", "C"}}, [] {
-    std::setlocale(LC_ALL, "C");
-    bv::test::SsfApi::get();
-    const char* now = std::setlocale(LC_ALL, nullptr);
-    ASSERT_NE(now, nullptr);
-    EXPECT_NE(std::string(now).find("1251"), std::string::npos) << now;
-  });
-  EXPECT_EQ(child.exit_code, 0);
 }

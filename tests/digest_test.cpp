@@ -291,8 +291,8 @@ TEST(DigestFailures, NullPointersBehindLengths) {
   uint32_t length = 7;
   EXPECT_EQ(api.SsfDigest(nullptr, 5, 0, data, 4, "SHA1", 4, &out, &length), SSF_ERR_FORMAT);
   EXPECT_EQ(api.SsfDigest("PKCS7", 5, 0, data, 4, nullptr, 4, &out, &length), SSF_ERR_HASHALG);
-  EXPECT_EQ(api.SsfDigest("RAW_GOST", 8, 0, nullptr, 4, "SHA1", 4, &out, &length), SSF_ERR_ENCODE);
-  EXPECT_EQ(api.SsfDigest("PKCS7", 5, 1, nullptr, 4, "GOST2012-256", 12, &out, &length), SSF_ERR_ENCODE);
+  EXPECT_EQ(api.SsfDigest("RAW_GOST", 8, 0, nullptr, 4, "SHA1", 4, &out, &length), SSF_ERR_INPUT);
+  EXPECT_EQ(api.SsfDigest("PKCS7", 5, 1, nullptr, 4, "GOST2012-256", 12, &out, &length), SSF_ERR_INPUT);
   EXPECT_EQ(out, &caller_sentinel);
   EXPECT_EQ(length, 0u);
 }

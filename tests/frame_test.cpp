@@ -71,9 +71,9 @@ TEST(QueryProperties, SelectsByPrefixOfTheCallersLength) {
       {"ENCRALGS", 8, SSF_OK, "GOST28147;GOST-28147-89"},
       {"SSF_POPUPS", 10, SSF_OK, "1"},
       {"properties", 10, SSF_ERR_INPUT, nullptr},
-      {"PROPERTIES", -1, SSF_OK, kAllProperties},  // whole strings compared
-      {"PROP", -1, SSF_ERR_INPUT, nullptr},
+      {"PROPERTIES", -1, SSF_ERR_INPUT, nullptr},  // a length that counts no bytes
       {nullptr, 5, SSF_ERR_INPUT, nullptr},
+      {nullptr, 0, SSF_OK, kAllProperties},
   };
   bv::test::run_traced([&] {
     const SsfApi& api = SsfApi::get();

@@ -12,7 +12,8 @@ namespace {
 std::vector<BYTE> bytes_of(const std::string& hex_text, DWORD initial_count, DWORD* count_out) {
   DWORD count = initial_count;
   std::vector<BYTE> out(64, 0xEE);
-  parse_hex_string(hex_text.data(), static_cast<int32_t>(hex_text.size()), out.data(), &count);
+  parse_hex_string(hex_text.data(), static_cast<int32_t>(hex_text.size()), out.data(), static_cast<DWORD>(out.size()),
+                   &count);
   *count_out = count;
   out.resize(count < out.size() ? count : out.size());
   return out;

@@ -74,7 +74,7 @@ TEST(Lookup, IdentityForms) {
       {"   ", "2222", 22},                      // blanks only
       {"CN=Bob, O=", "2222", 22},               // value missing: identity refused
       {"Bob", "2222", 22},                      // no "=": identity refused
-      {w.bob.sha1_hex + "0", "2222", 22},       // odd digit: count of the call's blob (none yet)
+      {w.bob.sha1_hex + "0", "2222", 22},       // odd digit: no hash, identity refused
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.id);
@@ -184,7 +184,7 @@ TEST(Lookup, ListAndArgumentFailures) {
   const std::vector<Case> cases = {
       {"raw with two signers: before any store", request("RAW_GOST", {alice, bob}), SSF_ERR_INTERNAL,
        {kUntouched, kUntouched}},
-      // The PIN can't be copied and the call ends in its last exception clause.
+      // A PIN no text can have ends the call as an unexpected failure.
       {"negative PIN length", request("PKCS7", {negative_pin}), SSF_ERR_INTERNAL, {22}},
       {"node without record ends the call", request("PKCS7", {alice, {"", "", "", true}, bob}), SSF_ERR_INTERNAL,
        {0, -1, kUntouched}},

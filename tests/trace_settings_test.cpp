@@ -206,6 +206,12 @@ TEST(TraceSettings, SettingsFile) {
       {"a process that is not enabled",
        "[Process]\r\nInfo=ModuleCount:0, Level:4, Enabled:f, FuncAndCategoryNames:f, FileNameAndLineNo:f\r\n",
        false, false, false},
+      // Counts beyond what the table holds load at once, as far as the table goes.
+      {"a huge module count",
+       "[Process]\r\nInfo=ModuleCount:4294967295, Level:0, Enabled:t, FuncAndCategoryNames:f, FileNameAndLineNo:f\r\n"
+       "Module1=Ours\r\n[Ours]\r\nName=libbvsapssf.so\r\nSettings=CategoryCount:0, Level:3, Status:1\r\n",
+       false, true, true},
+      {"a huge category count", module + "Settings=CategoryCount:4294967295, Level:3, Status:1\r\n", false, true, true},
       {"an Info line that does not parse",
        "[Process]\r\nInfo=ModuleCount:x\r\nModule1=Ours\r\n[Ours]\r\nName=libbvsapssf.so\r\n"
        "Settings=CategoryCount:0, Level:4, Status:1\r\n",
@@ -222,7 +228,8 @@ TEST(TraceSettings, SettingsFile) {
     write_file(dir / "settings.trc", bytes);
     write_registry(dir, {"\"libbvsapssf.so\"=\"" + (dir / "settings.trc") + "\"",
                          "\"libbvsapssf.so.logfile\"=\"t.log\""});
-    ASSERT_EQ(run_isolated(folders(dir), query_formats).exit_code, 0);
+    // A load that does not end within seconds ends the child.
+    ASSERT_EQ(run_isolated(folders(dir), [] { alarm(10), query_formats(); }).exit_code, 0);
     const std::string log = common_log(dir);
     EXPECT_EQ(contains(log, "#start#"), c.banners) << log;
     EXPECT_EQ(contains(log, "bvsapssf parameters:"), c.parameters) << log;

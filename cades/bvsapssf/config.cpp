@@ -6,25 +6,33 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "kernel32/kernel32.h"
 #include "kernel32/profile.h"
 #include "shell32/shell32.h"
 #include "trace/trace.h"
 
 namespace {
 
+// Case as the library's code page has it, whatever the host's locale says.
+bool same_word(const char* text, const char* word) {
+  return strcasecmp_l(text, word, bv::platform::ansi_locale()) == 0;
+}
+
 bool is_on_value(const char* text) {
-  return strcasecmp(text, "YES") == 0 || strcasecmp(text, "TRUE") == 0 || std::strcmp(text, "1") == 0;
+  return same_word(text, "YES") || same_word(text, "TRUE") || std::strcmp(text, "1") == 0;
 }
 
 bool is_off_value(const char* text) {
-  return strcasecmp(text, "NO") == 0 || strcasecmp(text, "FALSE") == 0 || std::strcmp(text, "0") == 0;
+  return same_word(text, "NO") || same_word(text, "FALSE") || std::strcmp(text, "0") == 0;
 }
 
-// "%x" stops at the first character that is no hex digit; a text that does
-// not start with one leaves the field.
+// Read as "%x" reads: blanks, a sign and "0x" allowed, and it stops at the
+// first character that is no hex digit; a text that does not start with
+// one leaves the field.
 void read_hex(const char* text, DWORD& field) {
-  unsigned int value = 0;
-  if (std::sscanf(text, "%x", &value) == 1) field = value;
+  char* end = nullptr;
+  const unsigned long value = strtoul_l(text, &end, 16, bv::platform::ansi_locale());
+  if (end != text) field = static_cast<DWORD>(value);
 }
 
 // Pieces between ';', kept as they are: a leading or doubled separator gives

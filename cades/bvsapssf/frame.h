@@ -1,5 +1,6 @@
-// What every message operation shares: the guarded block with its three
-// exception clauses, and the report of a failed platform call.
+// What every export shares: the guard around its whole body; and what every
+// message operation shares: the guarded block with its three exception
+// clauses, and the report of a failed platform call.
 #pragma once
 
 #include <stdexcept>
@@ -12,6 +13,20 @@
 
 namespace bv::frame {
 
+// Runs the whole body of an export.  An exception that no clause of the
+// operation catches (one raised before its guarded block by a banner whose
+// formatting fails or a string that can't be had, or one raised inside a
+// clause) ends the export here with `silent_answer` and no further line:
+// the trace may be what failed, and an exception must never reach the host.
+template <typename Answer, typename Body>
+Answer whole_export(Answer silent_answer, Body&& body) noexcept {
+  try {
+    return body();
+  } catch (...) {
+    return silent_answer;
+  }
+}
+
 // "#error#: %08x" with the last error, then its text.  The caller writes the
 // failure banner after releasing what it holds.
 #define BV_TRACE_LAST_ERROR()                                 \
@@ -19,6 +34,17 @@ namespace bv::frame {
     BV_TRACE(TRACE_NORMAL, "#error#: %08x\n", GetLastError()); \
     ReportError(trace_file, __LINE__, -1);                    \
   } while (0)
+
+// The tail the CAtlException clause and the last clause share: the
+// operation's exception line if it has one, the last error, the failure
+// banner; 13.
+inline SSF_RC shared_tail(const char* trace_function, const char* exception_line) {
+  constexpr const char* trace_file = "ssfxxmain";
+  if (exception_line != nullptr) BV_TRACE(TRACE_ALWAYS, "%s", exception_line);
+  BV_TRACE_LAST_ERROR();
+  BV_TRACE_FAILURE();
+  return SSF_ERR_INTERNAL;
+}
 
 // Runs `body` inside the clauses every operation has: CAtlException and any
 // other exception end in 13, std::runtime_error in 4.  `exception_line`, if
@@ -37,10 +63,7 @@ SSF_RC guarded(const char* trace_function, const char* exception_line, Body&& bo
   } catch (...) {
     SetLastError(static_cast<DWORD>(E_UNEXPECTED));
   }
-  if (exception_line != nullptr) BV_TRACE(TRACE_ALWAYS, "%s", exception_line);
-  BV_TRACE_LAST_ERROR();
-  BV_TRACE_FAILURE();
-  return SSF_ERR_INTERNAL;
+  return shared_tail(trace_function, exception_line);
 }
 
 }  // namespace bv::frame

@@ -1,7 +1,6 @@
 // Everything that runs between the host's load of the library and its first
 // call, in one translation unit so that the order of the steps is the order
 // of the definitions below.
-#include <clocale>
 #include <string>
 
 #include "atl.h"
@@ -9,6 +8,8 @@
 #include "shell32/shell32.h"
 #include "bvsapssf.h"
 #include "bvsapssf_api.h"
+#include "frame.h"
+#include "kernel32/kernel32.h"
 #include "trace/output.h"
 #include "trace/settings.h"
 #include "trace/table.h"
@@ -20,12 +21,6 @@ std::string this_module_path() {
   char path[MAX_PATH] = {};
   const DWORD length = GetModuleFileNameA(bv::platform::this_module(), path, MAX_PATH);
   return length > 0 && length < MAX_PATH ? path : "libbvsapssf.so";
-}
-
-// The platform's ".1251": the first code page 1251 locale the system has.
-void set_code_page_1251_locale() {
-  for (const char* name : {"ru_RU.CP1251", "ru_RU.cp1251", "be_BY.CP1251", "bg_BG.CP1251", "uk_UA.CP1251"})
-    if (std::setlocale(LC_ALL, name) != nullptr) return;
 }
 
 struct TraceModule {
@@ -69,12 +64,14 @@ struct ProcessAttach {
 }  // namespace
 
 extern "C" int DllMain(void* /*module*/, uint32_t reason, void* /*reserved*/) {
-  static bool attached = false;
-  if (reason == 1 && !attached) {
-    attached = true;
-    // The process's locale follows the platform's ANSI code page, 1251.
-    set_code_page_1251_locale();
-    config.print_Config();
-  }
-  return 1;
+  return bv::frame::whole_export(1, [&] {
+    if (reason == 1) {
+      // The code page 1251 rules hold inside the library through its own
+      // locale object, made here at the latest; the host's locale stays
+      // the host's.
+      bv::platform::ansi_locale();
+      config.print_Config();
+    }
+    return 1;
+  });
 }

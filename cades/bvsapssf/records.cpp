@@ -1,6 +1,8 @@
 // Signer and recipient records and their lists: the six exports a host uses
 // to build, print and release them.  They trace nothing and report only
-// through their return codes.
+// through their return codes.  A null pointer where a function would write
+// or read is refused with its code for a missing record or list (52 for the
+// new record's place).
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
@@ -8,6 +10,7 @@
 #include <cstring>
 
 #include "bvsapssf_api.h"
+#include "frame.h"
 
 namespace {
 
@@ -102,140 +105,159 @@ extern "C" {
 SSF_RC SsfNEWSigRcpSsfInfo(const char* strSigRcpId, int32_t strSigRcpIdL, const char* Reserved, int32_t ReservedL,
                            const char* Profile, int32_t ProfileL, const char* Password, int32_t PasswordL,
                            int32_t Result, SsfInfo** newInfo) {
-  // 1. Lengths first; the pointers are only looked at where a positive
-  // length would make us read through a null one.
-  if (strSigRcpIdL <= 0 || ReservedL < 0 || ProfileL < 0 || PasswordL < 0 || strSigRcpId == nullptr ||
-      (ReservedL > 0 && Reserved == nullptr) || (ProfileL > 0 && Profile == nullptr) ||
-      (PasswordL > 0 && Password == nullptr)) {
-    *newInfo = nullptr;
-    return SSF_REC_INVALID_LENGTH;
-  }
+  return bv::frame::whole_export(SSF_REC_NOMEMORY, [&]() -> SSF_RC {
+    // Nowhere to put the record: refused before anything else.
+    if (newInfo == nullptr) return SSF_REC_INVALID_LENGTH;
 
-  // 2. The record.
-  auto* info = static_cast<SsfInfo*>(std::malloc(sizeof(SsfInfo)));
-  if (info == nullptr) {
-    *newInfo = nullptr;
-    return SSF_REC_NOMEMORY;
-  }
+    // 1. Lengths first; the pointers are only looked at where a positive
+    // length would make us read through a null one.
+    if (strSigRcpIdL <= 0 || ReservedL < 0 || ProfileL < 0 || PasswordL < 0 || strSigRcpId == nullptr ||
+        (ReservedL > 0 && Reserved == nullptr) || (ProfileL > 0 && Profile == nullptr) ||
+        (PasswordL > 0 && Password == nullptr)) {
+      *newInfo = nullptr;
+      return SSF_REC_INVALID_LENGTH;
+    }
 
-  // 3. All four blocks are asked for before any is looked at.
-  char* id = static_cast<char*>(std::malloc(static_cast<size_t>(strSigRcpIdL)));
-  char* reserved = ReservedL > 0 ? static_cast<char*>(std::malloc(static_cast<size_t>(ReservedL))) : nullptr;
-  char* profile = ProfileL > 0 ? static_cast<char*>(std::malloc(static_cast<size_t>(ProfileL))) : nullptr;
-  char* password = PasswordL > 0 ? static_cast<char*>(std::malloc(static_cast<size_t>(PasswordL))) : nullptr;
+    // 2. The record.
+    auto* info = static_cast<SsfInfo*>(std::malloc(sizeof(SsfInfo)));
+    if (info == nullptr) {
+      *newInfo = nullptr;
+      return SSF_REC_NOMEMORY;
+    }
 
-  // 4. One failure releases everything obtained.
-  if (id == nullptr || (ReservedL > 0 && reserved == nullptr) || (ProfileL > 0 && profile == nullptr) ||
-      (PasswordL > 0 && password == nullptr)) {
-    std::free(id);
-    std::free(reserved);
-    std::free(profile);
-    std::free(password);
-    std::free(info);
-    *newInfo = nullptr;
-    return SSF_REC_NOMEMORY;
-  }
+    // 3. All four blocks are asked for before any is looked at.
+    char* id = static_cast<char*>(std::malloc(static_cast<size_t>(strSigRcpIdL)));
+    char* reserved = ReservedL > 0 ? static_cast<char*>(std::malloc(static_cast<size_t>(ReservedL))) : nullptr;
+    char* profile = ProfileL > 0 ? static_cast<char*>(std::malloc(static_cast<size_t>(ProfileL))) : nullptr;
+    char* password = PasswordL > 0 ? static_cast<char*>(std::malloc(static_cast<size_t>(PasswordL))) : nullptr;
 
-  // 5. A deep copy: nothing of the caller's is kept.
-  info->strSigRcpId = copy_bytes(id, strSigRcpId, strSigRcpIdL);
-  info->strSigRcpIdL = strSigRcpIdL;
-  info->Reserved = copy_bytes(reserved, Reserved, ReservedL);
-  info->ReservedL = ReservedL;
-  info->Profile = copy_bytes(profile, Profile, ProfileL);
-  info->ProfileL = ProfileL;
-  info->Password = copy_bytes(password, Password, PasswordL);
-  info->PasswordL = PasswordL;
-  info->Result = Result;
-  *newInfo = info;
-  return SSF_OK;
+    // 4. One failure releases everything obtained.
+    if (id == nullptr || (ReservedL > 0 && reserved == nullptr) || (ProfileL > 0 && profile == nullptr) ||
+        (PasswordL > 0 && password == nullptr)) {
+      std::free(id);
+      std::free(reserved);
+      std::free(profile);
+      std::free(password);
+      std::free(info);
+      *newInfo = nullptr;
+      return SSF_REC_NOMEMORY;
+    }
+
+    // 5. A deep copy: nothing of the caller's is kept.
+    info->strSigRcpId = copy_bytes(id, strSigRcpId, strSigRcpIdL);
+    info->strSigRcpIdL = strSigRcpIdL;
+    info->Reserved = copy_bytes(reserved, Reserved, ReservedL);
+    info->ReservedL = ReservedL;
+    info->Profile = copy_bytes(profile, Profile, ProfileL);
+    info->ProfileL = ProfileL;
+    info->Password = copy_bytes(password, Password, PasswordL);
+    info->PasswordL = PasswordL;
+    info->Result = Result;
+    *newInfo = info;
+    return SSF_OK;
+  });
 }
 
 SSF_RC SsfDELSigRcpSsfInfo(SsfInfo** info) {
-  if (*info == nullptr) return SSF_REC_NULL_INFO;
-  delete_record(*info);
-  *info = nullptr;
-  return SSF_OK;
+  return bv::frame::whole_export(SSF_REC_NOMEMORY, [&]() -> SSF_RC {
+    if (info == nullptr || *info == nullptr) return SSF_REC_NULL_INFO;
+    delete_record(*info);
+    *info = nullptr;
+    return SSF_OK;
+  });
 }
 
 SSF_RC SsfINSSigRcpSsfInfo(SsfInfo* info, SsfInfoNode** list) {
-  if (info == nullptr) return SSF_REC_NULL_INFO;
-  auto* node = static_cast<SsfInfoNode*>(std::malloc(sizeof(SsfInfoNode)));
-  if (node == nullptr) return SSF_REC_NOMEMORY;
-  node->next = nullptr;
-  node->info = info;
-  // Hung on the tail, so the list keeps the order of insertion.
-  if (*list == nullptr) {
-    *list = node;
+  return bv::frame::whole_export(SSF_REC_NOMEMORY, [&]() -> SSF_RC {
+    if (info == nullptr) return SSF_REC_NULL_INFO;
+    if (list == nullptr) return SSF_REC_NULL_LIST;
+    auto* node = static_cast<SsfInfoNode*>(std::malloc(sizeof(SsfInfoNode)));
+    if (node == nullptr) return SSF_REC_NOMEMORY;
+    node->next = nullptr;
+    node->info = info;
+    // Hung on the tail, so the list keeps the order of insertion.
+    if (*list == nullptr) {
+      *list = node;
+      return SSF_OK;
+    }
+    SsfInfoNode* last = *list;
+    while (last->next != nullptr) last = last->next;
+    last->next = node;
     return SSF_OK;
-  }
-  SsfInfoNode* last = *list;
-  while (last->next != nullptr) last = last->next;
-  last->next = node;
-  return SSF_OK;
+  });
 }
 
 SSF_RC SsfDELSigRcpSsfInfoList(SsfInfoNode** list) {
-  if (*list == nullptr) return SSF_REC_NULL_LIST;
-  SsfInfoNode* node = *list;
-  while (node != nullptr) {
-    SsfInfoNode* next = node->next;
-    if (node->info != nullptr) {
-      delete_record(node->info);
-      node->info = nullptr;
+  return bv::frame::whole_export(SSF_REC_NOMEMORY, [&]() -> SSF_RC {
+    if (list == nullptr || *list == nullptr) return SSF_REC_NULL_LIST;
+    SsfInfoNode* node = *list;
+    while (node != nullptr) {
+      SsfInfoNode* next = node->next;
+      if (node->info != nullptr) {
+        delete_record(node->info);
+        node->info = nullptr;
+      }
+      std::free(node);
+      node = next;
     }
-    std::free(node);
-    node = next;
-  }
-  *list = nullptr;
-  return SSF_OK;
+    *list = nullptr;
+    return SSF_OK;
+  });
 }
 
-SSF_RC SsfPRISigRcpSsfInfo(SsfInfo* info, char** text, uint32_t* textL) { return print_record(info, text, textL); }
+SSF_RC SsfPRISigRcpSsfInfo(SsfInfo* info, char** text, uint32_t* textL) {
+  return bv::frame::whole_export(SSF_REC_NOMEMORY, [&]() -> SSF_RC {
+    if (text == nullptr || textL == nullptr) return SSF_REC_NULL_INFO;
+    return print_record(info, text, textL);
+  });
+}
 
 SSF_RC SsfPRISigRcpSsfInfoList(SsfInfoNode* list, char** text, uint32_t* textL) {
-  if (list == nullptr) return SSF_REC_NULL_LIST;
+  return bv::frame::whole_export(SSF_REC_NOMEMORY, [&]() -> SSF_RC {
+    if (list == nullptr || text == nullptr || textL == nullptr) return SSF_REC_NULL_LIST;
 
-  size_t size = kListHeaderSize;
-  char* block = static_cast<char*>(std::malloc(size));
-  if (block == nullptr) return SSF_REC_NOMEMORY;
-  size_t used = 0;
-  block[0] = '\0';
-  append(block, size, &used, "%s", kListHeader);
+    size_t size = kListHeaderSize;
+    char* block = static_cast<char*>(std::malloc(size));
+    if (block == nullptr) return SSF_REC_NOMEMORY;
+    size_t used = 0;
+    block[0] = '\0';
+    append(block, size, &used, "%s", kListHeader);
 
-  int count = 0;
-  for (SsfInfoNode* node = list; node != nullptr; node = node->next) {
-    ++count;
-    // A node without a record ends the whole print with its code.
-    char* entry = nullptr;
-    uint32_t entryL = 0;
-    const SSF_RC rc = print_record(node->info, &entry, &entryL);
-    if (rc != SSF_OK) {
+    int count = 0;
+    for (SsfInfoNode* node = list; node != nullptr; node = node->next) {
+      ++count;
+      // A node without a record ends the whole print with its code.
+      char* entry = nullptr;
+      uint32_t entryL = 0;
+      const SSF_RC rc = print_record(node->info, &entry, &entryL);
+      if (rc != SSF_OK) {
+        std::free(block);
+        return rc;
+      }
+
+      // The block grows by the entry and its 53-byte frame.
+      size += kEntryFrameSize + entryL;
+      char* grown = static_cast<char*>(std::malloc(size));
+      if (grown == nullptr) {
+        std::free(block);
+        std::free(entry);
+        return SSF_REC_NOMEMORY;
+      }
+      std::memcpy(grown, block, used + 1);
       std::free(block);
-      return rc;
-    }
+      block = grown;
 
-    // The block grows by the entry and its 53-byte frame.
-    size += kEntryFrameSize + entryL;
-    char* grown = static_cast<char*>(std::malloc(size));
-    if (grown == nullptr) {
-      std::free(block);
+      append(block, size, &used, "=============\n");
+      append(block, size, &used, "Signer/Recipient : %d\n", count);
+      append(block, size, &used, "=============\n");
+      append(block, size, &used, "%s", entry);
       std::free(entry);
-      return SSF_REC_NOMEMORY;
     }
-    std::memcpy(grown, block, used + 1);
-    std::free(block);
-    block = grown;
 
-    append(block, size, &used, "=============\n");
-    append(block, size, &used, "Signer/Recipient : %d\n", count);
-    append(block, size, &used, "=============\n");
-    append(block, size, &used, "%s", entry);
-    std::free(entry);
-  }
-
-  *text = block;
-  *textL = static_cast<uint32_t>(used);
-  return SSF_OK;
+    *text = block;
+    *textL = static_cast<uint32_t>(used);
+    return SSF_OK;
+  });
 }
 
 }  // extern "C"

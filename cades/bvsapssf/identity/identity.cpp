@@ -10,15 +10,13 @@
 namespace {
 constexpr const char* trace_file = "bvsapssf";
 
-// The classic "C" locale classes, whatever locale the host has set: a byte
-// above 127 is neither a digit nor white space.
-bool ascii_space(unsigned char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
-bool ascii_xdigit(unsigned char c) {
-  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
-}
-unsigned char ascii_upper(unsigned char c) { return (c >= 'a' && c <= 'z') ? c - 32 : c; }
+// The classes of the library's code page 1251 locale, whatever locale the
+// host has set.
+bool code_page_space(unsigned char c) { return isspace_l(c, bv::platform::ansi_locale()) != 0; }
+bool code_page_xdigit(unsigned char c) { return isxdigit_l(c, bv::platform::ansi_locale()) != 0; }
 unsigned hex_value(unsigned char c) {
-  return c <= '9' ? static_cast<unsigned>(c - '0') : static_cast<unsigned>(ascii_upper(c) - 55);
+  return c <= '9' ? static_cast<unsigned>(c - '0')
+                  : static_cast<unsigned>(toupper_l(c, bv::platform::ansi_locale()) - 55);
 }
 
 bool begins_with(const char* key, const char* word) { return std::strncmp(key, word, std::strlen(word)) == 0; }
@@ -78,45 +76,52 @@ bool has_byte_above_127(const std::string& item) {
 bool is_hash_id(const char* strSigRcpId, int32_t strSigRcpIdL) {
   for (int32_t i = 0; i < strSigRcpIdL; ++i) {
     const auto c = static_cast<unsigned char>(strSigRcpId[i]);
-    if (!ascii_xdigit(c) && !ascii_space(c)) return false;
+    if (!code_page_xdigit(c) && !code_page_space(c)) return false;
   }
   return true;
 }
 
-void parse_hex_string(const char* text, int32_t length, BYTE* out, DWORD* count) {
+bool parse_hex_string(const char* text, int32_t length, BYTE* out, DWORD capacity, DWORD* count) {
   const auto at = [&](int32_t i) -> unsigned char {
     return i < length ? static_cast<unsigned char>(text[i]) : 0;
   };
   int32_t position = 0;
   DWORD bytes = 0;
-  while (position < length && ascii_space(at(position))) ++position;
+  while (position < length && code_page_space(at(position))) ++position;
   for (;;) {
     if (position >= length) {
       *count = bytes;
-      return;
+      return true;
     }
     const unsigned char high = at(position);
     const unsigned char low = at(position + 1);
-    if (!ascii_xdigit(high) || !ascii_xdigit(low)) return;
-    if (out != nullptr) out[bytes] = static_cast<BYTE>((hex_value(high) << 4) | hex_value(low));
+    if (!code_page_xdigit(high) || !code_page_xdigit(low)) return false;
+    if (out != nullptr) {
+      if (bytes >= capacity) return false;
+      out[bytes] = static_cast<BYTE>((hex_value(high) << 4) | hex_value(low));
+    }
     position += 2;
-    while (position < length && ascii_space(at(position))) ++position;
+    while (position < length && code_page_space(at(position))) ++position;
     ++bytes;
   }
 }
 
 bool parse_CertHashID(const char* strSigRcpId, int32_t strSigRcpIdL, CRYPT_HASH_BLOB* hash) {
   constexpr const char* trace_function = "parse_CertHashID";
-  parse_hex_string(strSigRcpId, strSigRcpIdL, nullptr, &hash->cbData);
-  if (hash->cbData == 0) return true;
+  // A text that stops before its end is no hash, whatever an earlier signer
+  // left in the shared blob: its count is never reused.
+  DWORD count = 0;
+  if (!parse_hex_string(strSigRcpId, strSigRcpIdL, nullptr, 0, &count)) return false;
+  hash->cbData = count;
+  if (count == 0) return true;
   std::free(hash->pbData);
-  hash->pbData = static_cast<BYTE*>(std::malloc(hash->cbData));
+  hash->pbData = static_cast<BYTE*>(std::malloc(count));
   if (hash->pbData == nullptr) {
-    BV_TRACE(TRACE_NORMAL, "#error#: Failed to allocate buffer of %d chars\n", static_cast<int>(hash->cbData));
+    hash->cbData = 0;
+    BV_TRACE(TRACE_NORMAL, "#error#: Failed to allocate buffer of %d chars\n", static_cast<int>(count));
     return false;
   }
-  parse_hex_string(strSigRcpId, strSigRcpIdL, hash->pbData, &hash->cbData);
-  return true;
+  return parse_hex_string(strSigRcpId, strSigRcpIdL, hash->pbData, count, &hash->cbData);
 }
 
 std::string bytes_to_hex_string(const BYTE* bytes, int32_t count) {
@@ -225,7 +230,7 @@ int32_t unescape_rdn(std::string& rdn) {
         ++copied;
       }
       if (copied < 4) break;
-      units[written++] = static_cast<WCHAR>(std::strtoul(digits, nullptr, 16) & 0xFFFF);
+      units[written++] = static_cast<WCHAR>(strtoul_l(digits, nullptr, 16, bv::platform::ansi_locale()) & 0xFFFF);
       p += 6;
     } else if (p[0] == '\\') {
       units[written++] = u'\\';

@@ -17,13 +17,16 @@ using RdnList = std::list<std::string>;
 bool is_hash_id(const char* strSigRcpId, int32_t strSigRcpIdL);
 
 // Reads the hash text into `hash`, reallocating pbData (which the caller
-// frees with free()).  False only when the buffer can't be had.
+// frees with free()).  False when the text is no whole hash (a digit
+// without its partner, a blank inside a pair), with nothing allocated, or
+// when the buffer can't be had.
 bool parse_CertHashID(const char* strSigRcpId, int32_t strSigRcpIdL, CRYPT_HASH_BLOB* hash);
 
-// Pairs of hex digits, white space allowed between pairs.  Writes *count only
-// when the text is read to its end; an odd digit leaves it untouched.  With a
-// null `out` it only counts.
-void parse_hex_string(const char* text, int32_t length, BYTE* out, DWORD* count);
+// Pairs of hex digits, white space allowed between pairs.  True, with the
+// number of bytes in *count, when the text is read to its end; false, with
+// *count untouched, where a pair is broken.  With a null `out` it only
+// counts; otherwise it writes at most `capacity` bytes (false for more).
+bool parse_hex_string(const char* text, int32_t length, BYTE* out, DWORD capacity, DWORD* count);
 
 // "0a 1b ff": lower case, one blank between bytes.
 std::string bytes_to_hex_string(const BYTE* bytes, int32_t count);

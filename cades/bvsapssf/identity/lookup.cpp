@@ -1,6 +1,5 @@
 #include "identity/lookup.h"
 
-#include <cctype>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -26,15 +25,21 @@ constexpr DWORD kCurrentUser = 0x10000;    // CERT_SYSTEM_STORE_CURRENT_USER
 constexpr DWORD kOpenExisting = 0x4000;    // CERT_STORE_OPEN_EXISTING_FLAG
 constexpr DWORD kDeferClose = 0x4;         // CERT_STORE_DEFER_CLOSE_UNTIL_LAST_FREE_FLAG
 
+// The next certificate of a search; the one it is handed goes back to the store.
+bool find_next(HCERTSTORE store, DWORD find_type, const void* find_para, bv::platform::CertContext& cert) {
+  cert.reset(CertFindCertificateInStore(store, kEncoding, 0, find_type, find_para, cert.release()));
+  return static_cast<bool>(cert);
+}
+
 bool all_digits(const char* text, size_t count) {
   for (size_t i = 0; i < count; ++i)
-    if (!std::isdigit(static_cast<unsigned char>(text[i]))) return false;
+    if (!isdigit_l(static_cast<unsigned char>(text[i]), bv::platform::ansi_locale())) return false;
   return true;
 }
 
 }  // namespace
 
-HCERTSTORE open_profile_store(const char* name, int32_t nameL, ProfileStoreUse use) {
+bv::platform::CertStore open_profile_store(const char* name, int32_t nameL, ProfileStoreUse use) {
   std::string store_name;
   if (nameL > 0)
     store_name.assign(name, static_cast<size_t>(nameL));
@@ -61,17 +66,17 @@ HCERTSTORE open_profile_store(const char* name, int32_t nameL, ProfileStoreUse u
 
   DWORD flags = location | kOpenExisting;
   if (use == ProfileStoreUse::Sign) flags |= kDeferClose;
-  return CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, flags, wide.data());
+  return bv::platform::CertStore(CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, flags, wide.data()));
 }
 
-bool search_signer_certificate(const char* trace_function, SsfInfo* info, int index,
+SearchStep search_signer_certificate(const char* trace_function, SsfInfo* info, int index,
                                CMSG_SIGNER_ENCODE_INFO* encode, SignerSearch& search) {
   info->Result = SSF_RES_UNKNOWN;
   if (info->strSigRcpIdL <= 0) {
     BV_TRACE(TRACE_NORMAL, "#error#: strSigRcpIdL <= 0\n");
     info->Result = SSF_RES_UNKNOWN;
     ++search.failures;
-    return false;
+    return SearchStep::NotFound;
   }
   int32_t blanks = 0;
   while (blanks < info->strSigRcpIdL && info->strSigRcpId[blanks] == ' ') ++blanks;
@@ -79,7 +84,7 @@ bool search_signer_certificate(const char* trace_function, SsfInfo* info, int in
     BV_TRACE(TRACE_NORMAL, "#error#: Empty strSigRcpId\n");
     info->Result = SSF_RES_UNKNOWN;
     ++search.failures;
-    return false;
+    return SearchStep::NotFound;
   }
 
   encode->cbSize = sizeof(CMSG_SIGNER_ENCODE_INFO);
@@ -88,15 +93,15 @@ bool search_signer_certificate(const char* trace_function, SsfInfo* info, int in
     const std::string profile(info->Profile, static_cast<size_t>(info->ProfileL));
     BV_TRACE(TRACE_DETAIL, "#trace# Signer %d Store = %s.\n", index, profile.c_str());
   }
-  HCERTSTORE store = open_profile_store(info->Profile, info->ProfileL, ProfileStoreUse::Sign);
-  if (store == nullptr) {
+  const bv::platform::CertStore store = open_profile_store(info->Profile, info->ProfileL, ProfileStoreUse::Sign);
+  if (!store) {
     BV_TRACE(TRACE_NORMAL, "#error#: Invalid store in user's profile\n");
     info->Result = SSF_RES_INVALID_PROFILE;
     ++search.failures;
-    return false;
+    return SearchStep::NotFound;
   }
 
-  select_certificate_from_list_if_needed(store, &info->strSigRcpId, &info->strSigRcpIdL);
+  select_certificate_from_list_if_needed(store.get(), &info->strSigRcpId, &info->strSigRcpIdL);
   const std::string identity(info->strSigRcpId, static_cast<size_t>(info->strSigRcpIdL));
   BV_TRACE(TRACE_NORMAL, "#info#: Searched userID (%s)\n", identity.c_str());
 
@@ -115,24 +120,23 @@ bool search_signer_certificate(const char* trace_function, SsfInfo* info, int in
     BV_TRACE(TRACE_NORMAL, "#error#: Invalid user's ID (%s)\n", identity.c_str());
     info->Result = SSF_RES_UNKNOWN;
     ++search.failures;
-    CertCloseStore(store, 0);
-    return false;
+    return SearchStep::NotFound;
   }
 
   BV_TRACE(TRACE_DETAIL, "#trace# Search Signer's certificate.\n");
-  bool found = false;
-  PCCERT_CONTEXT cert = nullptr;
+  SearchStep step = SearchStep::NotFound;
+  bv::platform::CertContext cert;
   // Rendered once into this buffer; only a subject that may not have fitted
   // is measured and rendered again.
   std::vector<char> subject(kUsualSubjectLength, '\0');
-  while ((cert = CertFindCertificateInStore(store, kEncoding, 0, find_type, find_para, cert)) != nullptr) {
+  while (find_next(store.get(), find_type, find_para, cert)) {
     if (find_type == kFindAny) {
-      DWORD subject_length = CertNameToStrA(kEncoding, &cert->pCertInfo->Subject, kOidNameStr, subject.data(),
+      DWORD subject_length = CertNameToStrA(kEncoding, &cert.get()->pCertInfo->Subject, kOidNameStr, subject.data(),
                                             static_cast<DWORD>(subject.size()));
       if (subject_length >= subject.size()) {
-        subject_length = CertNameToStrA(kEncoding, &cert->pCertInfo->Subject, kOidNameStr, nullptr, 0);
+        subject_length = CertNameToStrA(kEncoding, &cert.get()->pCertInfo->Subject, kOidNameStr, nullptr, 0);
         subject.assign(subject_length > 0 ? subject_length : 1, '\0');
-        CertNameToStrA(kEncoding, &cert->pCertInfo->Subject, kOidNameStr, subject.data(), subject_length);
+        CertNameToStrA(kEncoding, &cert.get()->pCertInfo->Subject, kOidNameStr, subject.data(), subject_length);
       }
       RdnList have;
       if (parse_dn_string(subject.data(), static_cast<int32_t>(subject_length), have) != 0) {
@@ -145,7 +149,7 @@ bool search_signer_certificate(const char* trace_function, SsfInfo* info, int in
 
     if (config.VerifyCertOnSign != 0) {
       DWORD status = 0;
-      const int32_t verified = VerifyCertificate(cert, config.VerifyCertFlagsOnSelect, &status);
+      const int32_t verified = VerifyCertificate(cert.get(), config.VerifyCertFlagsOnSelect, &status);
       if (!certificate_status_acceptable(verified, status)) {
         BV_TRACE(TRACE_DETAIL, "#trace# Signer's certificate Not verified. Check result = 0x%x\n", status);
         continue;
@@ -154,18 +158,16 @@ bool search_signer_certificate(const char* trace_function, SsfInfo* info, int in
 
     BV_TRACE(TRACE_DETAIL,
              "#trace# One of Signer's certificate found. Trying to acquire private key.\n");
-    if (acquire_signer_key(trace_function, cert, info, encode, search.certs)) {
-      found = true;
-      break;
-    }
+    step = acquire_signer_key(trace_function, cert.get(), info, encode, search.certs);
+    if (step == SearchStep::Found) cert.release();  // the winners' list holds it now
+    if (step != SearchStep::NotFound) break;
   }
 
-  CertCloseStore(store, 0);
-  if (found) {
+  if (step == SearchStep::Found) {
     info->Result = SSF_RES_OK;
-  } else {
+  } else if (step == SearchStep::NotFound) {
     ++search.failures;
     BV_TRACE(TRACE_NORMAL, "#error# Signer's (%d) Certificate with supplied pin code NOT FOUND.\n", index);
   }
-  return found;
+  return step;
 }

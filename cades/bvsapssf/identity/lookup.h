@@ -15,9 +15,9 @@ enum class ProfileStoreUse { Sign, AddSign, Develope, Envelope };
 
 // Opens the system store that `name` names (counted text; "m" and "u" pick
 // the location, "<TIME>" and 14 leading digits are skipped).  A length of 0
-// or less opens the operation's default.  Null with the last error set when
+// or less opens the operation's default.  Empty with the last error set when
 // the store can't be opened.
-HCERTSTORE open_profile_store(const char* name, int32_t nameL, ProfileStoreUse use);
+bv::platform::CertStore open_profile_store(const char* name, int32_t nameL, ProfileStoreUse use);
 
 // State one signing call shares between its signers.
 struct SignerSearch {
@@ -28,6 +28,7 @@ struct SignerSearch {
 
 // Runs the search for the signer at `index` (its record is not null): writes
 // its Result, counts a failure in `search`, and on success fills `encode`
-// and appends the certificate.  Trace lines carry `trace_function`.
-bool search_signer_certificate(const char* trace_function, SsfInfo* info, int index,
+// and appends the certificate.  CallEnds leaves the failure uncounted: the
+// operation ends.  Trace lines carry `trace_function`.
+SearchStep search_signer_certificate(const char* trace_function, SsfInfo* info, int index,
                                CMSG_SIGNER_ENCODE_INFO* encode, SignerSearch& search);

@@ -34,7 +34,7 @@ int32_t IsPinExplicit(const SsfInfo& info) {
   return 1;
 }
 
-bool acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo* info,
+SearchStep acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo* info,
                         CMSG_SIGNER_ENCODE_INFO* encode, SignerCertList& certs) {
   const int32_t pin_explicit = IsPinExplicit(*info);
   BV_TRACE(TRACE_DETAIL, "#trace# Explicit pin code? IsPinExplicit = %d.\n", pin_explicit);
@@ -43,7 +43,7 @@ bool acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo
   if (!CertGetCertificateContextProperty(cert, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &prov_info_size)) {
     BV_TRACE(TRACE_DETAIL,
              "#trace# Can not CertGetCertificateContextProperty. Trying to search another certificate.\n");
-    return false;
+    return SearchStep::NotFound;
   }
   // Aligned for the record the property holds.
   auto prov_info_buffer = std::make_unique<uint64_t[]>(prov_info_size / sizeof(uint64_t) + 1);
@@ -51,11 +51,11 @@ bool acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo
                                          &prov_info_size)) {
     BV_TRACE(TRACE_DETAIL,
              "#trace# Can not CertGetCertificateContextProperty. Trying to search another certificate.\n");
-    return false;
+    return SearchStep::NotFound;
   }
 
-  // A negative length throws here (std::length_error) and ends the call in
-  // the operation's last exception clause.
+  // A negative length is a PIN no text can have: the call ends here.
+  if (info->PasswordL < 0) return SearchStep::CallEnds;
   const std::string pin = info->PasswordL == 0 ? std::string()
                                                 : std::string(info->Password, static_cast<size_t>(info->PasswordL));
   CRYPT_KEY_PROV_PARAM pin_param{};
@@ -73,7 +73,7 @@ bool acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo
     BV_TRACE(TRACE_DETAIL,
              "#trace# Can not CertSetCertificateContextProperty. Trying to search another certificate. %08x\n",
              GetLastError());
-    return false;
+    return SearchStep::NotFound;
   }
 
   const DWORD acquire_flags = pin_explicit == 1 ? kAcquireExplicitPin : kAcquireProviderMayAsk;
@@ -84,7 +84,7 @@ bool acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo
     BV_TRACE(TRACE_DETAIL,
              "#trace# Can not AcquireCertificatePrivateKey. Trying to search another certificate. %08x\n",
              GetLastError());
-    return false;
+    return SearchStep::NotFound;
   }
 
   // The acquisition alone doesn't prove the PIN: only an opened container
@@ -97,7 +97,7 @@ bool acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo
              "#trace# Can not Acquire Private Key with supplied pin code. Trying to search another certificate. "
              "%08x\n",
              GetLastError());
-    return false;
+    return SearchStep::NotFound;
   }
   BV_TRACE(TRACE_DETAIL, "#trace# Private Key successfully acquired.\n");
 
@@ -107,7 +107,7 @@ bool acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo
     BV_TRACE(TRACE_NORMAL, "#error#: %08x\n", GetLastError());
     ReportError(trace_file, __LINE__, kUnknownSignatureAlgorithm);
     info->Result = SSF_RES_NOT_OK;
-    return false;
+    return SearchStep::NotFound;
   }
   encode->HashAlgorithm.pszObjId = const_cast<LPSTR>(hash_info->pszOID);
   BV_TRACE(TRACE_DETAIL, "#trace# Using hash alg = %s.\n", hash_info->pszOID);
@@ -117,5 +117,5 @@ bool acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo
   encode->pCertInfo = cert->pCertInfo;
   encode->cAuthAttr = 0;
   encode->cUnauthAttr = 0;
-  return true;
+  return SearchStep::Found;
 }

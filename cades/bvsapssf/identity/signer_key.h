@@ -22,10 +22,15 @@ void free_signer_certs(SignerCertList& certs);
 // allowed: the provider may then ask.  1 when the record's text is the PIN.
 int32_t IsPinExplicit(const SsfInfo& info);
 
-// On success fills hCryptProv, dwKeySpec, HashAlgorithm, pCertInfo and the
+// How a step of the signer search ends.  CallEnds: the record's PIN has a
+// negative length, which no text has; the operation then ends at once as
+// an unexpected failure ends it (13), without a further signer.
+enum class SearchStep { Found, NotFound, CallEnds };
+
+// Found: fills hCryptProv, dwKeySpec, HashAlgorithm, pCertInfo and the
 // attribute counts of `encode`, and appends `cert` to `certs`, which from
-// then on owns it.  On failure writes the record's Result as the cause
+// then on owns it.  NotFound: writes the record's Result as the cause
 // demands and leaves `cert` to the caller.  Trace lines carry
 // `trace_function`, the operation's name.
-bool acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo* info,
+SearchStep acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo* info,
                         CMSG_SIGNER_ENCODE_INFO* encode, SignerCertList& certs);

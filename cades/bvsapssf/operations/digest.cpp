@@ -77,120 +77,134 @@ extern "C" SSF_RC SsfDigest(const char* strFormat, int32_t strFormatL, SSF_BOOL 
   constexpr const char* trace_function = "SsfDigest";
   constexpr const char* trace_file = "ssfxxmain";
 
-  BV_TRACE_START();
-  *ostrDigestDataL = 0;
-
-  // Every CMS format name gives the same message; the raw names give the
-  // bare value, the inverted one in the same order.
-  unsigned char isCades = 0;
-  bool raw = false;
-  if (check_ssf_format(strFormat, strFormatL, &isCades) != 0) {
-    if (raw_gost_format(strFormat, strFormatL) == 0) {
+  return bv::frame::whole_export(SSF_ERR_INTERNAL, [&]() -> SSF_RC {
+    BV_TRACE_START();
+    // The length is cleared here, so a host that gives no place for it is
+    // refused here, as SsfDecode refuses it.
+    if (ostrDigestDataL == nullptr) {
+      BV_TRACE(TRACE_NORMAL, "#error#: null length pointer\n");
       BV_TRACE_FAILURE();
-      return SSF_ERR_FORMAT;
+      return SSF_ERR_INPUT;
     }
-    raw = true;
-  }
+    *ostrDigestDataL = 0;
 
-  if (ostrInputDataL <= 0) {
-    BV_TRACE(TRACE_NORMAL, "#error#: ostrInputDataL <= 0\n");
-    BV_TRACE_FAILURE();
-    return SSF_ERR_INPUT;
-  }
-  if (strHashAlgL <= 0) {
-    BV_TRACE(TRACE_NORMAL, "#error#: Invalid HashAlg name length\n");
-    BV_TRACE_FAILURE();
-    return SSF_ERR_HASHALG;
-  }
+    // Every CMS format name gives the same message; the raw names give the
+    // bare value, the inverted one in the same order.
+    unsigned char isCades = 0;
+    bool raw = false;
+    if (check_ssf_format(strFormat, strFormatL, &isCades) != 0) {
+      if (raw_gost_format(strFormat, strFormatL) == 0) {
+        BV_TRACE_FAILURE();
+        return SSF_ERR_FORMAT;
+      }
+      raw = true;
+    }
 
-  return bv::frame::guarded(trace_function, nullptr, [&]() -> SSF_RC {
-    const HashName* hash = find_hash_name(strHashAlg, strHashAlgL);
-    if (hash == nullptr) {
-      // The one failure without a banner.
-      BV_TRACE(TRACE_NORMAL, "#error#: Invalid HashAlg name\n");
+    if (ostrInputDataL <= 0) {
+      BV_TRACE(TRACE_NORMAL, "#error#: ostrInputDataL <= 0\n");
+      BV_TRACE_FAILURE();
+      return SSF_ERR_INPUT;
+    }
+    if (strHashAlgL <= 0) {
+      BV_TRACE(TRACE_NORMAL, "#error#: Invalid HashAlg name length\n");
+      BV_TRACE_FAILURE();
       return SSF_ERR_HASHALG;
     }
-    BV_TRACE(TRACE_DETAIL, "#trace# Using hash alg = %s.\n", hash->oid);
-
-    bv::platform::ProviderContext provider;
-    if (!CryptAcquireContextA(provider.receive(), nullptr, nullptr, hash->provider_type, CRYPT_VERIFYCONTEXT)) {
-      BV_TRACE_LAST_ERROR();
+    if (ostrInputData == nullptr || ostrDigestData == nullptr) {
+      BV_TRACE(TRACE_NORMAL, "#error#: null data pointer\n");
       BV_TRACE_FAILURE();
-      return SSF_ERR_INTERNAL;
+      return SSF_ERR_INPUT;
     }
 
-    if (raw) {
-      if (!calc_simple_hash(provider.get(), hash->oid, ostrInputData, static_cast<DWORD>(ostrInputDataL),
-                            ostrDigestData, ostrDigestDataL)) {
+    return bv::frame::guarded(trace_function, nullptr, [&]() -> SSF_RC {
+      const HashName* hash = find_hash_name(strHashAlg, strHashAlgL);
+      if (hash == nullptr) {
+        // The one failure without a banner.
+        BV_TRACE(TRACE_NORMAL, "#error#: Invalid HashAlg name\n");
+        return SSF_ERR_HASHALG;
+      }
+      BV_TRACE(TRACE_DETAIL, "#trace# Using hash alg = %s.\n", hash->oid);
+
+      bv::platform::ProviderContext provider;
+      if (!CryptAcquireContextA(provider.receive(), nullptr, nullptr, hash->provider_type, CRYPT_VERIFYCONTEXT)) {
+        BV_TRACE_LAST_ERROR();
+        BV_TRACE_FAILURE();
+        return SSF_ERR_INTERNAL;
+      }
+
+      if (raw) {
+        if (!calc_simple_hash(provider.get(), hash->oid, ostrInputData, static_cast<DWORD>(ostrInputDataL),
+                              ostrDigestData, ostrDigestDataL)) {
+          *ostrDigestDataL = 0;
+          BV_TRACE_LAST_ERROR();
+          provider.reset();
+          BV_TRACE_FAILURE();
+          return SSF_ERR_ENCODE;
+        }
+        provider.reset();
+        BV_TRACE_SUCCESS();
+        return SSF_OK;
+      }
+
+      CMSG_HASHED_ENCODE_INFO info{};
+      info.cbSize = sizeof info;
+      info.hCryptProv = provider.get();
+      info.HashAlgorithm.pszObjId = const_cast<char*>(hash->oid);
+      bv::platform::MessageHandle message(CryptMsgOpenToEncode(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING,
+                                                               bDetached ? CMSG_DETACHED_FLAG : 0, CMSG_HASHED,
+                                                               &info, nullptr, nullptr));
+      if (message == nullptr) {
         *ostrDigestDataL = 0;
         BV_TRACE_LAST_ERROR();
         provider.reset();
         BV_TRACE_FAILURE();
         return SSF_ERR_ENCODE;
       }
+
+      // The whole input in one update.
+      if (!CryptMsgUpdate(message.get(), ostrInputData, static_cast<DWORD>(ostrInputDataL), TRUE)) {
+        *ostrDigestDataL = 0;
+        BV_TRACE_LAST_ERROR();
+        message.reset();
+        provider.reset();
+        BV_TRACE_FAILURE();
+        return SSF_ERR_ENCODE;
+      }
+
+      if (!CryptMsgGetParam(message.get(), CMSG_CONTENT_PARAM, 0, nullptr, ostrDigestDataL)) {
+        BV_TRACE_LAST_ERROR();
+        message.reset();
+        provider.reset();
+        BV_TRACE_FAILURE();
+        return SSF_ERR_ENCODE;
+      }
+
+      *ostrDigestData = static_cast<unsigned char*>(std::malloc(*ostrDigestDataL));
+      if (*ostrDigestData == nullptr) {
+        *ostrDigestDataL = 0;
+        BV_TRACE_LAST_ERROR();
+        message.reset();
+        provider.reset();
+        BV_TRACE_FAILURE();
+        return SSF_ERR_NOMEMORY;
+      }
+
+      if (!CryptMsgGetParam(message.get(), CMSG_CONTENT_PARAM, 0, *ostrDigestData, ostrDigestDataL)) {
+        *ostrDigestDataL = 0;
+        BV_TRACE_LAST_ERROR();
+        // Freed, and not left behind as a dangling pointer for the caller.
+        std::free(*ostrDigestData);
+        *ostrDigestData = nullptr;
+        message.reset();
+        provider.reset();
+        BV_TRACE_FAILURE();
+        return SSF_ERR_ENCODE;
+      }
+
+      message.reset();
       provider.reset();
       BV_TRACE_SUCCESS();
       return SSF_OK;
-    }
-
-    CMSG_HASHED_ENCODE_INFO info{};
-    info.cbSize = sizeof info;
-    info.hCryptProv = provider.get();
-    info.HashAlgorithm.pszObjId = const_cast<char*>(hash->oid);
-    bv::platform::MessageHandle message(CryptMsgOpenToEncode(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING,
-                                                             bDetached ? CMSG_DETACHED_FLAG : 0, CMSG_HASHED,
-                                                             &info, nullptr, nullptr));
-    if (message == nullptr) {
-      *ostrDigestDataL = 0;
-      BV_TRACE_LAST_ERROR();
-      provider.reset();
-      BV_TRACE_FAILURE();
-      return SSF_ERR_ENCODE;
-    }
-
-    // The whole input in one update.
-    if (!CryptMsgUpdate(message.get(), ostrInputData, static_cast<DWORD>(ostrInputDataL), TRUE)) {
-      *ostrDigestDataL = 0;
-      BV_TRACE_LAST_ERROR();
-      message.reset();
-      provider.reset();
-      BV_TRACE_FAILURE();
-      return SSF_ERR_ENCODE;
-    }
-
-    if (!CryptMsgGetParam(message.get(), CMSG_CONTENT_PARAM, 0, nullptr, ostrDigestDataL)) {
-      BV_TRACE_LAST_ERROR();
-      message.reset();
-      provider.reset();
-      BV_TRACE_FAILURE();
-      return SSF_ERR_ENCODE;
-    }
-
-    *ostrDigestData = static_cast<unsigned char*>(std::malloc(*ostrDigestDataL));
-    if (*ostrDigestData == nullptr) {
-      *ostrDigestDataL = 0;
-      BV_TRACE_LAST_ERROR();
-      message.reset();
-      provider.reset();
-      BV_TRACE_FAILURE();
-      return SSF_ERR_NOMEMORY;
-    }
-
-    if (!CryptMsgGetParam(message.get(), CMSG_CONTENT_PARAM, 0, *ostrDigestData, ostrDigestDataL)) {
-      *ostrDigestDataL = 0;
-      BV_TRACE_LAST_ERROR();
-      // Freed, and not left behind as a dangling pointer for the caller.
-      std::free(*ostrDigestData);
-      *ostrDigestData = nullptr;
-      message.reset();
-      provider.reset();
-      BV_TRACE_FAILURE();
-      return SSF_ERR_ENCODE;
-    }
-
-    message.reset();
-    provider.reset();
-    BV_TRACE_SUCCESS();
-    return SSF_OK;
+    });
   });
 }

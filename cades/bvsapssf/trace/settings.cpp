@@ -5,6 +5,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <optional>
 #include <vector>
@@ -141,7 +142,9 @@ bool apply_settings_file(std::u16string path, const std::u16string& module_path)
   process.file_name_and_line_no = file_name_and_line_no != 'f';
   write_process(process);
 
-  // Each ModuleN names a section describing one module and its categories.
+  // Each ModuleN names a section describing one module and its categories;
+  // no file names more of them than the table holds.
+  module_count = std::min<unsigned>(module_count, kMaxModules);
   for (unsigned m = 1; m <= module_count; ++m) {
     const std::string section = profile_text(path, u"Process", utf16_from_utf8("Module" + std::to_string(m)));
     if (section.empty()) continue;
@@ -157,6 +160,7 @@ bool apply_settings_file(std::u16string path, const std::u16string& module_path)
                     &module_status) != 3)
       continue;
     set_module(module, module_level, status_from_file(module_status));
+    category_count = std::min<unsigned>(category_count, kMaxCategories);
 
     for (unsigned c = 1; c <= category_count; ++c) {
       const std::string line = profile_text(path, wide_section, utf16_from_utf8("Category" + std::to_string(c)));
@@ -174,6 +178,10 @@ bool apply_settings_file(std::u16string path, const std::u16string& module_path)
 }
 
 bool load_settings() {
+  // The settings file is read with scanf, which takes blanks as the
+  // thread's locale classes them: the library's own classes here.
+  const bv::platform::ScopedAnsiLocale code_page_rules;
+
   // 1. This module's path and file name.
   WCHAR module_path[MAX_PATH] = {};
   const DWORD path_length = GetModuleFileNameW(bv::platform::this_module(), module_path, MAX_PATH);

@@ -19,10 +19,10 @@
 #include <fstream>
 #include <sstream>
 
+#include "kernel32/kernel32.h"
+
 namespace bv::trace {
 namespace {
-constexpr int kMaxModules = 64;
-constexpr int kMaxCategories = 256;
 constexpr uint32_t kMagic = 0x42565452;  // "BVTR"
 constexpr uint32_t kLayoutVersion = 1;
 constexpr const char* kNamePrefix = "AtlDebugAllocator_FileMappingNameStatic3";
@@ -270,7 +270,10 @@ int find_module(const char* file_name, bool ignore_case) {
     const ModuleSlot* slot = module_slot(id);
     if (slot == nullptr) continue;
     const char* name = slot->record.name;
-    if ((ignore_case ? strcasecmp(name, file_name) : std::strcmp(name, file_name)) == 0) return id;
+    // Case as the library's code page has it, whatever the host's locale says.
+    const int order =
+        ignore_case ? strcasecmp_l(name, file_name, bv::platform::ansi_locale()) : std::strcmp(name, file_name);
+    if (order == 0) return id;
   }
   return kNoId;
 }

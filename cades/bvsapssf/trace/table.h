@@ -17,6 +17,9 @@ constexpr uint32_t kStatusInherit = 0;
 constexpr uint32_t kStatusEnabled = 1;
 constexpr uint32_t kStatusDisabled = 2;
 constexpr int kNoId = -1;
+// What the table holds.
+constexpr int kMaxModules = 64;
+constexpr int kMaxCategories = 256;
 
 struct ProcessSettings {
   uint32_t level = 0;

@@ -160,7 +160,7 @@ std::vector<std::string> ocsp_urls(X509* cert) {
 
 // Only plain http is fetched; other schemes are no source here.
 bool fetchable(const std::string& url) {
-  return url.size() > 7 && strncasecmp(url.c_str(), "http://", 7) == 0;
+  return url.size() > 7 && strncasecmp_l(url.c_str(), "http://", 7, ansi_locale()) == 0;
 }
 
 // Whether the URL may be asked now, and for how long.
@@ -322,7 +322,7 @@ Asked ask_responder(const std::string& url, OCSP_CERTID* id, X509* issuer, std::
 std::chrono::milliseconds default_timeout() {
   if (const char* text = std::getenv("BV_PLATFORM_URL_TIMEOUT_MS")) {
     char* end = nullptr;
-    const long value = std::strtol(text, &end, 10);
+    const long value = strtol_l(text, &end, 10, ansi_locale());
     if (end != text && *end == '\0' && value > 0) return std::chrono::milliseconds(value);
   }
   return std::chrono::milliseconds(15000);

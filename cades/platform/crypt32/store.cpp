@@ -114,7 +114,7 @@ FileKind kind_of(const std::string& name) {
   auto ends_with = [&](const char* suffix) {
     const size_t n = std::strlen(suffix);
     if (name.size() <= n) return false;
-    return strcasecmp(name.c_str() + name.size() - n, suffix) == 0;
+    return strcasecmp_l(name.c_str() + name.size() - n, suffix, ansi_locale()) == 0;
   };
   if (ends_with(".cer")) return FileKind::kDer;
   if (ends_with(".pem") || ends_with(".crt")) return FileKind::kPem;

@@ -70,8 +70,8 @@ bool describe(PCCERT_CONTEXT context, Choice& choice) {
 
 std::string trimmed(const std::string& text) {
   size_t begin = 0, end = text.size();
-  while (begin < end && std::isspace(static_cast<unsigned char>(text[begin]))) ++begin;
-  while (end > begin && std::isspace(static_cast<unsigned char>(text[end - 1]))) --end;
+  while (begin < end && isspace_l(static_cast<unsigned char>(text[begin]), bv::platform::ansi_locale())) ++begin;
+  while (end > begin && isspace_l(static_cast<unsigned char>(text[end - 1]), bv::platform::ansi_locale())) --end;
   return text.substr(begin, end - begin);
 }
 
@@ -81,12 +81,12 @@ int chosen_index(const std::string& raw, const std::vector<Choice>& items) {
   const std::string answer = trimmed(raw);
   if (answer.empty()) return -1;
   if (answer.size() <= 6 && answer.find_first_not_of("0123456789") == std::string::npos) {
-    const int number = std::atoi(answer.c_str());
+    const int number = static_cast<int>(strtol_l(answer.c_str(), nullptr, 10, bv::platform::ansi_locale()));
     return number >= 1 && static_cast<size_t>(number) <= items.size() ? number - 1 : -1;
   }
   std::string hex;
   for (char c : answer)
-    if (c != ' ') hex += static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    if (c != ' ') hex += static_cast<char>(toupper_l(static_cast<unsigned char>(c), bv::platform::ansi_locale()));
   for (size_t i = 0; i < items.size(); ++i)
     if (items[i].hash == hex) return static_cast<int>(i);
   return -1;

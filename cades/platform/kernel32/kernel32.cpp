@@ -1,6 +1,7 @@
 #include "kernel32/kernel32.h"
 
 #include <iconv.h>
+#include <strings.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -15,7 +16,26 @@ thread_local DWORD t_last_error = 0;
 
 // Marks the one module handle this platform hands out besides null.
 char g_wininet_module_tag;
+
+// Made at the first use and freed when the library goes.
+struct AnsiLocale {
+  locale_t locale = nullptr;
+  AnsiLocale() {
+    for (const char* name : {"ru_RU.CP1251", "ru_RU.cp1251", "be_BY.CP1251", "bg_BG.CP1251", "uk_UA.CP1251"})
+      if ((locale = newlocale(LC_ALL_MASK, name, nullptr)) != nullptr) return;
+    // None on this system: the classic rules, as a process that never switched has.
+    locale = newlocale(LC_ALL_MASK, "C", nullptr);
+  }
+  ~AnsiLocale() {
+    if (locale != nullptr) freelocale(locale);
+  }
+};
 }  // namespace
+
+locale_t bv::platform::ansi_locale() {
+  static const AnsiLocale owned;
+  return owned.locale;
+}
 
 DWORD GetLastError() { return t_last_error; }
 void SetLastError(DWORD error) { t_last_error = error; }
@@ -28,7 +48,8 @@ HLOCAL LocalFree(HLOCAL memory) {
 }
 
 HMODULE GetModuleHandleA(LPCSTR moduleName) {
-  if (moduleName != nullptr && strcasecmp(moduleName, "wininet.dll") == 0) return &g_wininet_module_tag;
+  if (moduleName != nullptr && strcasecmp_l(moduleName, "wininet.dll", bv::platform::ansi_locale()) == 0)
+    return &g_wininet_module_tag;
   SetLastError(ERROR_MOD_NOT_FOUND);
   return nullptr;
 }
@@ -180,6 +201,7 @@ int MultiByteToWideChar(UINT codePage, DWORD /*flags*/, LPCSTR text, int textLen
     return 0;
   }
   const size_t bytes = textLength < 0 ? std::strlen(text) + 1 : static_cast<size_t>(textLength);
+  const bv::platform::ScopedAnsiLocale code_page_rules;
   Iconv cd("UTF-16LE", from);
   std::string converted;
   if (!cd.ok() || !cd.convert(text, bytes, converted)) {
@@ -210,6 +232,8 @@ int WideCharToMultiByte(UINT codePage, DWORD /*flags*/, LPCWSTR wide, int wideLe
   } else {
     units = static_cast<size_t>(wideLength);
   }
+  // Transliteration follows the thread's locale: the library's own here.
+  const bv::platform::ScopedAnsiLocale code_page_rules;
   std::string target = std::string(to) + "//TRANSLIT";
   Iconv cd(target.c_str(), "UTF-16LE");
   std::string converted;

@@ -2,6 +2,8 @@
 // texts for error numbers, module handles, code page conversion and time.
 #pragma once
 
+#include <locale.h>
+
 #include <cstdarg>
 
 #include "wintypes.h"
@@ -55,3 +57,29 @@ int MultiByteToWideChar(UINT codePage, DWORD flags, LPCSTR text, int textLength,
                         int wideLength);
 int WideCharToMultiByte(UINT codePage, DWORD flags, LPCWSTR wide, int wideLength, LPSTR text,
                         int textLength, LPCSTR defaultChar, BOOL* usedDefaultChar);
+
+namespace bv::platform {
+
+// The library's own locale of the ANSI code page, 1251: the first such
+// locale the system has, else "C".  Byte classes, case and conversions
+// inside the library follow it (isspace_l, toupper_l, strtoul_l, ...); the
+// host's locale is never changed.
+locale_t ansi_locale();
+
+// Makes ansi_locale() the calling thread's for a scope, for calls that
+// read the thread's locale and have no _l form (sscanf, iconv's
+// transliteration); the thread's own comes back at scope exit.
+class ScopedAnsiLocale {
+ public:
+  ScopedAnsiLocale() : previous_(uselocale(ansi_locale())) {}
+  ~ScopedAnsiLocale() {
+    if (previous_ != nullptr) uselocale(previous_);
+  }
+  ScopedAnsiLocale(const ScopedAnsiLocale&) = delete;
+  ScopedAnsiLocale& operator=(const ScopedAnsiLocale&) = delete;
+
+ private:
+  locale_t previous_;
+};
+
+}  // namespace bv::platform

@@ -1,0 +1,233 @@
+// What a host's worst inputs meet: broken hash identities behind good
+// ones, null pointers at every export, and a host whose locale must stay
+// its own.
+#include <gtest/gtest.h>
+#include <locale.h>
+
+#include <clocale>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "frame.h"
+#include "signing.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
+
+namespace bv::test {
+namespace {
+
+// A hash text cut to an odd number of digits, after a signer whose hash
+// was read: refused as no hash (22, "Invalid user's ID"), whatever the
+// earlier one left behind.
+TEST(HashIdentity, OddDigitsAfterAGoodHashAreRefused) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir traced;
+  auto env = trace_env(traced, 2);
+  std::filesystem::copy(w.common() + "/Brelvantec/Certificates", traced / "common/Brelvantec/Certificates",
+                        std::filesystem::copy_options::recursive);
+  env["BV_PLATFORM_LOCAL_APPDATA"] = w.local();
+  const std::string digits = "ABCDEFABCDEFABCDEFAB1ABCDEFABCDEFABCDEFAB";
+  struct Case {
+    std::string first;
+    int32_t first_result;
+  };
+  for (const Case& c : {Case{"AB", 22}, Case{w.alice.sha1_hex, 0}}) {
+    for (size_t length = 1; length <= digits.size(); length += 2) {
+      const std::string second = digits.substr(0, length);
+      SCOPED_TRACE(c.first + " then " + second);
+      SignRequest request;
+      request.signers = {{c.first, "", "1111"}, {second, "", ""}};
+      const SignOutcome outcome = sign_through_export(env, request);
+      EXPECT_EQ(outcome.rc, SSF_ERR_SIGNER);
+      EXPECT_EQ(outcome.results, (std::vector<int32_t>{c.first_result, 22}));
+      EXPECT_TRUE(contains(trace_log(traced), "#error#: Invalid user's ID (" + second + ")\r\n"));
+    }
+  }
+}
+
+// Every export, given a null where it would write or read: a code, never a
+// signal.  One child each, tracing at level 4 on the way.
+TEST(NullPointers, EveryExportAnswersWithACode) {
+  using Call = std::function<SSF_RC(const SsfApi&)>;
+  static const auto* data = reinterpret_cast<const unsigned char*>("data");
+  static char* text;
+  static unsigned char* out;
+  static uint32_t length;
+  static SsfInfo record{const_cast<char*>("CN=A"), 4, nullptr, 0, nullptr, 0, nullptr, 0, 0};
+  static SsfInfoNode node{nullptr, &record};
+  static SsfInfoNode* list = &node;
+  const auto sign = [](const unsigned char* input, unsigned char** o, uint32_t* l) -> Call {
+    return [=](const SsfApi& a) { return a.SsfSign("PKCS7", 5, nullptr, 0, 1, 0, input, 4, list, o, l); };
+  };
+  const auto digest = [](const unsigned char* input, unsigned char** o, uint32_t* l) -> Call {
+    return [=](const SsfApi& a) { return a.SsfDigest("PKCS7", 5, 0, input, 4, "SHA1", 4, o, l); };
+  };
+  const struct {
+    const char* what;
+    Call call;
+    SSF_RC rc;
+  } cases[] = {
+      {"version", [](const SsfApi& a) { return a.SsfVersion(nullptr, &length); }, SSF_ERR_INPUT},
+      {"version length", [](const SsfApi& a) { return a.SsfVersion(&text, nullptr); }, SSF_ERR_INPUT},
+      {"property value", [](const SsfApi& a) { return a.SsfQueryProperties("P", 1, nullptr, 0, nullptr, &length); },
+       SSF_ERR_INPUT},
+      {"property length", [](const SsfApi& a) { return a.SsfQueryProperties("P", 1, nullptr, 0, &text, nullptr); },
+       SSF_ERR_INPUT},
+      {"unterminated property name, negative length",
+       [](const SsfApi& a) {
+         const std::unique_ptr<char[]> name(new char[7]);
+         std::memcpy(name.get(), "FORMATS", 7);
+         return a.SsfQueryProperties(name.get(), -1, nullptr, 0, &text, &length);
+       },
+       SSF_ERR_INPUT},
+      {"encode input", [](const SsfApi& a) { return a.SsfEncode("PKCS7", 5, nullptr, 4, &out, &length); },
+       SSF_ERR_INPUT},
+      {"decode length", [](const SsfApi& a) { return a.SsfDecode("PKCS7", 5, data, 4, &out, nullptr); },
+       SSF_ERR_INPUT},
+      {"sign format",
+       [](const SsfApi& a) { return a.SsfSign(nullptr, 5, nullptr, 0, 1, 0, data, 4, list, &out, &length); },
+       SSF_ERR_FORMAT},
+      {"sign input", sign(nullptr, &out, &length), SSF_ERR_INPUT},
+      {"sign output", sign(data, nullptr, &length), SSF_ERR_INPUT},
+      {"sign length", sign(data, &out, nullptr), SSF_ERR_INPUT},
+      {"digest input", digest(nullptr, &out, &length), SSF_ERR_INPUT},
+      {"digest output", digest(data, nullptr, &length), SSF_ERR_INPUT},
+      {"digest length", digest(data, &out, nullptr), SSF_ERR_INPUT},
+      {"verify list",
+       [](const SsfApi& a) {
+         return a.SsfVerify("PKCS7", 5, 0, data, 4, nullptr, 0, nullptr, 0, nullptr, 0, nullptr, &out, &length);
+       },
+       SSF_ERR_INPUT},
+      {"envelope output",
+       [](const SsfApi& a) {
+         return a.SsfEnvelope("PKCS7", 5, "GOST28147", 9, data, 4, nullptr, 0, nullptr, 0, list, nullptr, &length);
+       },
+       SSF_ERR_INPUT},
+      {"develope length",
+       [](const SsfApi& a) { return a.SsfDevelope("PKCS7", 5, data, 4, &record, &out, nullptr); }, SSF_ERR_INPUT},
+      {"add-sign output",
+       [](const SsfApi& a) {
+         return a.SsfAddSign("PKCS7", 5, nullptr, 0, 1, data, 4, data, 4, &record, nullptr, &length);
+       },
+       SSF_ERR_INPUT},
+      {"release", [](const SsfApi& a) { return a.SsfDELSsfOctetstring(nullptr, nullptr); }, SSF_OK},
+      {"new record's place",
+       [](const SsfApi& a) { return a.SsfNEWSigRcpSsfInfo("CN=A", 4, nullptr, 0, nullptr, 0, nullptr, 0, 0, nullptr); },
+       SSF_REC_INVALID_LENGTH},
+      {"delete record", [](const SsfApi& a) { return a.SsfDELSigRcpSsfInfo(nullptr); }, SSF_REC_NULL_INFO},
+      {"insert into no list", [](const SsfApi& a) { return a.SsfINSSigRcpSsfInfo(&record, nullptr); },
+       SSF_REC_NULL_LIST},
+      {"delete list", [](const SsfApi& a) { return a.SsfDELSigRcpSsfInfoList(nullptr); }, SSF_REC_NULL_LIST},
+      {"print text", [](const SsfApi& a) { return a.SsfPRISigRcpSsfInfo(&record, nullptr, &length); },
+       SSF_REC_NULL_INFO},
+      {"print length", [](const SsfApi& a) { return a.SsfPRISigRcpSsfInfo(&record, &text, nullptr); },
+       SSF_REC_NULL_INFO},
+      {"print list text", [](const SsfApi& a) { return a.SsfPRISigRcpSsfInfoList(list, nullptr, &length); },
+       SSF_REC_NULL_LIST},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    TempDir dir;
+    const ChildResult child = run_isolated(trace_env(dir), [&] { EXPECT_EQ(c.call(SsfApi::get()), c.rc); });
+    EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
+  }
+}
+
+// Every call with reason 1 prints the settings; other reasons print nothing.
+TEST(DllMain, EachAttachPrintsTheSettings) {
+  std::string log;
+  run_traced(
+      [] {
+        const SsfApi& api = SsfApi::get();
+        EXPECT_EQ(api.DllMain(nullptr, 1, nullptr), 1);
+        EXPECT_EQ(api.DllMain(nullptr, 0, nullptr), 1);
+      },
+      &log);
+  size_t prints = 0;
+  for (const std::string& line : log_messages(log)) prints += line.find("UserIdAsCertHash = ") != std::string::npos;
+  EXPECT_EQ(prints, 2u) << log;
+}
+
+// A failure to format a line before the guarded block (here a character no
+// locale converts) ends the export with its silent answer.
+TEST(WholeExport, ATraceThatFailsBeforeTheGuardDoesNotEscape) {
+  CoreTrace trace;
+  constexpr const char* trace_function = "SsfSign";
+  constexpr const char* trace_file = "ssfxxmain";
+  EXPECT_EQ(bv::frame::whole_export(SSF_ERR_INTERNAL, [&]() -> SSF_RC {
+              BV_TRACE(TRACE_NORMAL, "%lc\n", static_cast<wint_t>(0x10FFFF + 5));
+              return SSF_OK;
+            }),
+            SSF_ERR_INTERNAL);
+}
+
+// The host's side of one signing call in this process: the signer's Result.
+int32_t sign_once(const std::string& id, const std::string& pin, bool negative_pin, SSF_RC* rc) {
+  const SsfApi& api = SsfApi::get();
+  SsfInfo* info = nullptr;
+  SsfInfoNode* list = nullptr;
+  api.SsfNEWSigRcpSsfInfo(id.data(), static_cast<int32_t>(id.size()), nullptr, 0, nullptr, 0, pin.data(),
+                          static_cast<int32_t>(pin.size()), 99, &info);
+  if (negative_pin) info->PasswordL = -1;
+  api.SsfINSSigRcpSsfInfo(info, &list);
+  unsigned char* out = nullptr;
+  uint32_t length = 0;
+  *rc = api.SsfSign("PKCS7", 5, nullptr, 0, 0, 0, reinterpret_cast<const unsigned char*>("data"), 4, list, &out,
+                    &length);
+  const int32_t result = info->Result;
+  if (negative_pin) info->PasswordL = static_cast<int32_t>(pin.size());
+  api.SsfDELSsfOctetstring(&out, &length);
+  api.SsfDELSigRcpSsfInfoList(&list);
+  return result;
+}
+
+// The host's locale stays the host's, and the library's identity rules
+// still class 0xA0 as the code page 1251 locale does (Alice's hash with
+// 0xA0 between its pairs is a hash only if that is a blank there).
+TEST(HostLocale, LoadingLeavesItAsTheHostSetIt) {
+  const SigningWorld& w = SigningWorld::get();
+  locale_t code_page = newlocale(LC_ALL_MASK, "ru_RU.CP1251", nullptr);
+  if (code_page == nullptr) code_page = newlocale(LC_ALL_MASK, "C", nullptr);
+  const bool nbsp_is_blank = isspace_l(0xA0, code_page) != 0;
+  freelocale(code_page);
+  std::string id;
+  for (size_t i = 0; i < w.alice.sha1_hex.size(); i += 2) id += w.alice.sha1_hex.substr(i, 2) + "\xA0";
+  const ChildResult child = run_isolated(w.env(), [&] {
+    ASSERT_NE(std::setlocale(LC_ALL, "C.UTF-8"), nullptr);
+    SsfApi::get();
+    EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), "C.UTF-8");
+    char printed[16];
+    std::snprintf(printed, sizeof printed, "%.2f", 3.99);
+    EXPECT_STREQ(printed, "3.99");
+    EXPECT_EQ(std::strtod("0.5", nullptr), 0.5);
+    SSF_RC rc = 99;
+    EXPECT_EQ(sign_once(id, "1111", false, &rc), nbsp_is_blank ? 0 : 22);
+    EXPECT_STREQ(std::setlocale(LC_ALL, nullptr), "C.UTF-8");
+  });
+  EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
+}
+
+// A PIN of negative length ends the call as an unexpected failure, the
+// signer's Result as the search left it, and nothing it held stays behind.
+TEST(NegativePinLength, EndsTheCallWithoutLeaks) {
+  const SigningWorld& w = SigningWorld::get();
+  const ChildResult child = run_isolated(w.env(), [] {
+    SSF_RC rc = 99;
+    EXPECT_EQ(sign_once("CN=Alice", "1111", true, &rc), SSF_RES_UNKNOWN);
+    EXPECT_EQ(rc, SSF_ERR_INTERNAL);
+#if defined(__SANITIZE_ADDRESS__)
+    EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
+#endif
+  });
+  EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
+}
+
+}  // namespace
+}  // namespace bv::test
