@@ -25,7 +25,10 @@ std::string this_module_path() {
 
 struct TraceModule {
   TraceModule() {
-    if (!bv::trace::attach()) throw CAtlException(E_OUTOFMEMORY);
+    // Without a trace table the library loads with tracing off: an exception
+    // from a static initialiser would end the host inside its dlopen, and
+    // registration below answers kNoId without a table.
+    bv::trace::attach();
     path = this_module_path();
     file_name = PathFindFileNameA(path.c_str());
     id = bv::trace::register_module(file_name.c_str(), path.c_str());
