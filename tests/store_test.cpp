@@ -54,6 +54,25 @@ TEST_F(StoreTest, MissingStoreIsCreatedOnlyWithoutOpenExisting) {
   EXPECT_EQ(CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, 0x30000, u"My"), nullptr);  // unknown location
 }
 
+// A renewal written over the old file keeps the folder as it was: the next
+// open sees the new certificate all the same.
+TEST_F(StoreTest, CertificateRewrittenInPlaceIsSeenAtTheNextOpen) {
+  const DemoPki& pki = DemoPki::get();
+  bv::test::TempDir home;
+  setenv("BV_PLATFORM_LOCAL_APPDATA", home.path().c_str(), 1);
+  const std::string folder = home / "Brelvantec/Certificates/Renewed";
+  std::filesystem::create_directories(folder);
+  for (const char* name : {"signer-2012-256", "signer-2012-512", "signer-2001"}) {
+    SCOPED_TRACE(name);
+    // Truncate and write the same file: the folder's entry stays untouched.
+    bv::test::write_file(folder + "/signer.cer", bv::test::read_file(pki.certificate_file(name)));
+    HCERTSTORE store = open_system(u"Renewed", CERT_SYSTEM_STORE_CURRENT_USER);
+    ASSERT_NE(store, nullptr);
+    EXPECT_EQ(hashes_in(store), std::vector<std::string>{pki.hash(name)});
+    CertCloseStore(store, 0);
+  }
+}
+
 TEST_F(StoreTest, FindByHashAndBySubjectCertificate) {
   const DemoPki& pki = DemoPki::get();
   HCERTSTORE store = open_system(u"My", CERT_SYSTEM_STORE_CURRENT_USER | CERT_STORE_OPEN_EXISTING_FLAG);

@@ -1,11 +1,13 @@
 // Certificate contexts and stores.  A system store is a folder of
 // certificate files (see docs/stores-and-keys.md); it is read once and the parsed
-// certificates are reused while the folder is unchanged.  Each open store
+// certificates are reused while neither the folder nor any of its files
+// changed.  Each open store
 // has its own contexts, so properties set in one call (a PIN) never show in
 // another.
 #include <dirent.h>
 #include <fcntl.h>
 #include <openssl/pem.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -122,15 +124,38 @@ FileKind kind_of(const std::string& name) {
   return FileKind::kNone;
 }
 
-struct FolderContents {
+bool same_time(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
+
+// What a file or folder was when it was read.  A renewal rewritten in place
+// keeps the file's name and may keep the folder's times, but not all of these.
+struct FileStamp {
+  std::string path;
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
   timespec modified{};
   timespec changed{};
-  ino_t inode = 0;
+
+  static FileStamp of(const std::string& path, const struct stat& info) {
+    return {path, info.st_dev, info.st_ino, info.st_size, info.st_mtim, info.st_ctim};
+  }
+  bool matches(const struct stat& info) const {
+    return device == info.st_dev && inode == info.st_ino && size == info.st_size &&
+           same_time(modified, info.st_mtim) && same_time(changed, info.st_ctim);
+  }
+  bool unchanged() const {
+    struct stat info {};
+    return stat(path.c_str(), &info) == 0 && matches(info);
+  }
+};
+
+struct FolderContents {
+  FileStamp folder;
+  std::vector<FileStamp> files;  // checked one by one only when the folder is not watched
+  bool watched = false;
   std::vector<std::shared_ptr<const ParsedCertificate>> certificates;
   std::vector<std::shared_ptr<X509_CRL>> crls;
 };
-
-bool same_time(const timespec& a, const timespec& b) { return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec; }
 
 std::string read_whole_file(const std::string& path) {
   std::string bytes;
@@ -169,11 +194,9 @@ void read_pem_certificates(const std::string& bytes, const std::string& path, co
   ERR_clear_error();
 }
 
-std::shared_ptr<const FolderContents> read_folder(const std::string& folder, const struct stat& info) {
+std::shared_ptr<FolderContents> read_folder(const std::string& folder, const struct stat& info) {
   auto contents = std::make_shared<FolderContents>();
-  contents->modified = info.st_mtim;
-  contents->changed = info.st_ctim;
-  contents->inode = info.st_ino;
+  contents->folder = FileStamp::of(folder, info);
   std::vector<std::string> names;
   if (DIR* dir = opendir(folder.c_str())) {
     while (dirent* entry = readdir(dir)) names.emplace_back(entry->d_name);
@@ -183,8 +206,12 @@ std::shared_ptr<const FolderContents> read_folder(const std::string& folder, con
   auto has_name = [&](const std::string& name) { return std::binary_search(names.begin(), names.end(), name); };
   for (const std::string& name : names) {
     const FileKind kind = kind_of(name);
-    if (kind == FileKind::kNone) continue;
     const std::string path = folder + "/" + name;
+    // Stamped before reading: a write after the stamp shows at the next open.
+    struct stat file_info {};
+    if (kind != FileKind::kNone && stat(path.c_str(), &file_info) == 0)
+      contents->files.push_back(FileStamp::of(path, file_info));
+    if (kind == FileKind::kNone) continue;
     const std::string bytes = read_whole_file(path);
     if (bytes.empty()) continue;
     const std::string key_name = key_file_for(name);
@@ -217,20 +244,91 @@ std::map<std::string, std::shared_ptr<const FolderContents>>& folder_cache() {
   return *cache;
 }
 
-// The contents of a store folder, from the cache while the folder's times
-// are those it was read with.  Null when the folder does not exist.
+// Changes inside cached folders, seen through inotify so that a warm open
+// costs one read of the event queue instead of a stat per file.  Where no
+// watch can be had (no inotify, the watch limit reached) the folder's files
+// are compared one by one.  All members run under cache_mutex.
+class FolderWatch {
+ public:
+  // Starts watching before the folder is read, so that a change made while
+  // it is read is not lost.
+  bool watch(const std::string& folder) {
+    if (!ready()) return false;
+    constexpr uint32_t kChanges = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM |
+                                  IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+    const int descriptor = inotify_add_watch(fd_, folder.c_str(), kChanges);
+    if (descriptor < 0) return false;
+    folders_[descriptor] = folder;
+    return true;
+  }
+
+  // Drops from the cache every folder that changed since the last call.
+  void forget_changed(std::map<std::string, std::shared_ptr<const FolderContents>>& cache) {
+    if (!ready()) return;
+    alignas(inotify_event) char buffer[8192];
+    for (;;) {
+      const ssize_t length = read(fd_, buffer, sizeof buffer);
+      if (length <= 0) return;  // EAGAIN: nothing more happened
+      for (const char* cursor = buffer; cursor < buffer + length;) {
+        const auto* event = reinterpret_cast<const inotify_event*>(cursor);
+        cursor += sizeof(inotify_event) + event->len;
+        if (event->mask & IN_Q_OVERFLOW) {
+          cache.clear();
+          continue;
+        }
+        const auto found = folders_.find(event->wd);
+        if (found == folders_.end()) continue;
+        cache.erase(found->second);
+        if (event->mask & IN_IGNORED) folders_.erase(found);
+      }
+    }
+  }
+
+ private:
+  // One queue per process: a child after fork must not drain its parent's.
+  bool ready() {
+    if (fd_ >= 0 && owner_ == getpid()) return true;
+    if (fd_ >= 0) {
+      close(fd_);
+      folder_cache().clear();
+    }
+    folders_.clear();
+    fd_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    owner_ = getpid();
+    return fd_ >= 0;
+  }
+
+  int fd_ = -1;
+  pid_t owner_ = 0;
+  std::map<int, std::string> folders_;
+};
+
+FolderWatch& folder_watch() {
+  static auto* watch = new FolderWatch;
+  return *watch;
+}
+
+// The contents of a store folder, from the cache while it is unchanged.
+// Null when the folder does not exist.
 std::shared_ptr<const FolderContents> folder_contents(const std::string& folder) {
   struct stat info {};
   if (stat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) return nullptr;
+  bool watched = false;
   {
     std::lock_guard<std::mutex> lock(cache_mutex);
+    folder_watch().forget_changed(folder_cache());
     auto found = folder_cache().find(folder);
-    if (found != folder_cache().end() && found->second->inode == info.st_ino &&
-        same_time(found->second->modified, info.st_mtim) && same_time(found->second->changed, info.st_ctim)) {
-      return found->second;
+    if (found != folder_cache().end()) {
+      const FolderContents& cached = *found->second;
+      if (cached.folder.matches(info) &&
+          (cached.watched || std::all_of(cached.files.begin(), cached.files.end(),
+                                         [](const FileStamp& file) { return file.unchanged(); })))
+        return found->second;
     }
+    watched = folder_watch().watch(folder);
   }
   auto contents = read_folder(folder, info);
+  contents->watched = watched;
   std::lock_guard<std::mutex> lock(cache_mutex);
   folder_cache()[folder] = contents;
   return contents;
