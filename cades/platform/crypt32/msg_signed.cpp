@@ -3,7 +3,9 @@
 // names; certificates and CRLs go in as given; the content stays out when
 // the message is detached.
 #include <algorithm>
+#include <cstring>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "advapi32/provider_handle.h"
@@ -70,9 +72,107 @@ bool add_attributes(CMS_SignerInfo* signer, DWORD count, const CRYPT_ATTRIBUTE* 
   return true;
 }
 
+
+// One element of a DER encoding: where its content starts and how long it is.
+struct DerElement {
+  size_t offset = 0;  // of the tag
+  size_t header = 0;
+  size_t length = 0;
+  int tag = 0;
+  int tag_class = 0;
+  size_t end() const { return offset + header + length; }
+  size_t content() const { return offset + header; }
+};
+
+// The elements inside the content of `parent` (definite lengths only, as DER
+// has them).
+bool der_children(const std::vector<BYTE>& der, const DerElement& parent, std::vector<DerElement>* children) {
+  children->clear();
+  for (size_t at = parent.content(); at < parent.end();) {
+    const unsigned char* cursor = der.data() + at;
+    long length = 0;
+    DerElement child;
+    const int kind = ASN1_get_object(&cursor, &length, &child.tag, &child.tag_class, static_cast<long>(parent.end() - at));
+    if ((kind & 0x80) != 0 || kind == 0x21) return false;
+    child.offset = at;
+    child.header = static_cast<size_t>(cursor - (der.data() + at));
+    child.length = static_cast<size_t>(length);
+    if (child.end() > parent.end()) return false;
+    children->push_back(child);
+    at = child.end();
+  }
+  return true;
+}
+
+// Rewrites the elements of a SET OF in `wanted` order.  A DER encoder sorts
+// them by their bytes; the platform's encoder keeps the order it was given,
+// so that signer i of the list is SignerInfo i of the message.  Sorting only
+// moves elements within the set, so the set keeps its place and size.
+bool reorder_set(std::vector<BYTE>& der, const DerElement& set, const std::vector<std::string_view>& wanted) {
+  std::string ordered;
+  for (std::string_view element : wanted) ordered.append(element);
+  if (ordered.size() != set.length) return false;
+  std::memcpy(der.data() + set.content(), ordered.data(), ordered.size());
+  return true;
+}
+
+// SignedData's signerInfos in the order the signers were added, and its
+// certificates in the order they were given.  `certificates` are the DER of
+// the certificates as added.
+bool keep_given_order(std::vector<BYTE>& der, CMS_ContentInfo* cms, const std::vector<std::string>& certificates) {
+  std::vector<DerElement> level;
+  DerElement whole{0, 0, der.size(), 0, 0};
+  // ContentInfo ::= SEQUENCE { contentType, [0] EXPLICIT SignedData }
+  if (!der_children(der, whole, &level) || level.size() != 1) return false;
+  const DerElement content_info = level[0];
+  if (!der_children(der, content_info, &level) || level.size() != 2) return false;
+  const DerElement explicit_content = level[1];
+  if (!der_children(der, explicit_content, &level) || level.size() != 1) return false;
+  // SignedData ::= SEQUENCE { version, digestAlgorithms, encapContentInfo,
+  //   certificates [0] IMPLICIT SET OF OPTIONAL, crls [1] IMPLICIT OPTIONAL,
+  //   signerInfos SET OF SignerInfo }
+  std::vector<DerElement> fields;
+  if (!der_children(der, level[0], &fields) || fields.size() < 4) return false;
+  const auto view = [&](const DerElement& e) {
+    return std::string_view(reinterpret_cast<const char*>(der.data()) + e.offset, e.end() - e.offset);
+  };
+
+  std::vector<DerElement> elements;
+  const DerElement signer_set = fields.back();
+  if (!der_children(der, signer_set, &elements)) return false;
+  STACK_OF(CMS_SignerInfo)* signers = CMS_get0_SignerInfos(cms);
+  if (elements.size() > 1 && static_cast<size_t>(sk_CMS_SignerInfo_num(signers)) == elements.size()) {
+    // A SignerInfo is known by its signature value, unique to it.
+    std::vector<std::string_view> wanted;
+    std::vector<bool> taken(elements.size(), false);
+    for (int i = 0; i < sk_CMS_SignerInfo_num(signers); ++i) {
+      const ASN1_OCTET_STRING* signature = CMS_SignerInfo_get0_signature(sk_CMS_SignerInfo_value(signers, i));
+      const std::string_view value(reinterpret_cast<const char*>(ASN1_STRING_get0_data(signature)),
+                                   static_cast<size_t>(ASN1_STRING_length(signature)));
+      size_t match = elements.size();
+      for (size_t e = 0; e < elements.size() && match == elements.size(); ++e)
+        if (!taken[e] && view(elements[e]).find(value) != std::string_view::npos) match = e;
+      if (match == elements.size()) return false;
+      taken[match] = true;
+      wanted.push_back(view(elements[match]));
+    }
+    if (!reorder_set(der, signer_set, wanted)) return false;
+  }
+
+  const auto certificate_set = std::find_if(fields.begin(), fields.end(), [](const DerElement& e) {
+    return e.tag_class == V_ASN1_CONTEXT_SPECIFIC && e.tag == 0;
+  });
+  if (certificate_set != fields.end() && certificates.size() > 1) {
+    std::vector<std::string_view> wanted(certificates.begin(), certificates.end());
+    if (!reorder_set(der, *certificate_set, wanted)) return false;
+  }
+  return true;
+}
+
 class SignedEncoder final : public MessageKind {
  public:
-  SignedEncoder(UniquePtr<CMS_ContentInfo> cms, unsigned flags) : cms_(std::move(cms)), flags_(flags) {}
+  SignedEncoder(UniquePtr<CMS_ContentInfo> cms, unsigned flags, std::vector<std::string> certificates)
+      : cms_(std::move(cms)), flags_(flags), certificates_(std::move(certificates)) {}
 
   DWORD type() const override { return CMSG_SIGNED; }
 
@@ -93,6 +193,7 @@ class SignedEncoder final : public MessageKind {
     encoded_.resize(static_cast<size_t>(size_needed));
     unsigned char* out = encoded_.data();
     i2d_CMS_ContentInfo(cms_.get(), &out);
+    if (!keep_given_order(encoded_, cms_.get(), certificates_)) return fail(CRYPT_E_ASN1_ERROR);
     content_.clear();
     final_ = true;
     return true;
@@ -119,6 +220,7 @@ class SignedEncoder final : public MessageKind {
  private:
   UniquePtr<CMS_ContentInfo> cms_;
   unsigned flags_;
+  std::vector<std::string> certificates_;  // DER, in the order given
   std::vector<BYTE> content_;
   std::vector<BYTE> encoded_;
   bool final_ = false;
@@ -176,17 +278,25 @@ std::unique_ptr<MessageKind> open_signed_encoder(DWORD flags, const CMSG_SIGNED_
       return refuse(CRYPT_E_ASN1_ERROR);
   }
 
+  // A certificate given twice (two signers with one certificate) goes in
+  // once, where it was first given.
+  std::vector<std::string> certificates;
   for (DWORD i = 0; i < info.cCertEncoded; ++i) {
     const unsigned char* der = info.rgCertEncoded[i].pbData;
     UniquePtr<X509> cert(d2i_X509(nullptr, &der, static_cast<long>(info.rgCertEncoded[i].cbData)));
-    if (!cert || !CMS_add1_cert(cms.get(), cert.get())) return refuse(CRYPT_E_ASN1_ERROR);
+    if (!cert) return refuse(CRYPT_E_ASN1_ERROR);
+    std::string encoded(reinterpret_cast<const char*>(info.rgCertEncoded[i].pbData),
+                        static_cast<size_t>(der - info.rgCertEncoded[i].pbData));
+    if (std::find(certificates.begin(), certificates.end(), encoded) != certificates.end()) continue;
+    if (!CMS_add1_cert(cms.get(), cert.get())) return refuse(CRYPT_E_ASN1_ERROR);
+    certificates.push_back(std::move(encoded));
   }
   for (DWORD i = 0; i < info.cCrlEncoded; ++i) {
     const unsigned char* der = info.rgCrlEncoded[i].pbData;
     UniquePtr<X509_CRL> crl(d2i_X509_CRL(nullptr, &der, static_cast<long>(info.rgCrlEncoded[i].cbData)));
     if (!crl || !CMS_add1_crl(cms.get(), crl.get())) return refuse(CRYPT_E_ASN1_ERROR);
   }
-  return std::make_unique<SignedEncoder>(std::move(cms), message_flags);
+  return std::make_unique<SignedEncoder>(std::move(cms), message_flags, std::move(certificates));
 }
 
 }  // namespace bv::platform
