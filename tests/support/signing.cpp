@@ -139,6 +139,10 @@ void sign_here(const SignRequest& request, const std::string& outcome_path, cons
   write_file(outcome_path, outcome);
   write_file(signed_path, out == nullptr ? std::string() : std::string(reinterpret_cast<char*>(out), out_length));
   if (out != nullptr) api.SsfDELSsfOctetstring(&out, &out_length);
+  // The list goes back as a host gives it back, with the length it was made with.
+  for (size_t i = 0; i < records.size(); ++i)
+    if (records[i] != nullptr) records[i]->PasswordL = static_cast<int32_t>(request.signers[i].pin.size());
+  api.SsfDELSigRcpSsfInfoList(&list);
 }
 
 SignOutcome read_outcome(const std::string& outcome_path, const std::string& signed_path) {
