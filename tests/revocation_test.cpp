@@ -22,16 +22,13 @@ class Revocation : public ::testing::Test {
   void SetUp() override {
     revocation::clear_cache();
     setenv("no_proxy", "127.0.0.1,localhost", 1);
-    ca_key = gost_key();
-    ca = make_cert({.name = "Revocation CA", .serial = 1, .ca = true}, ca_key.get());
-    leaf_key = gost_key();
   }
   void TearDown() override { revocation::clear_cache(); }
 
   UniquePtr<X509> leaf(long serial, const std::string& crl_url = {}, const std::string& ocsp_url = {}) {
-    return make_cert({.name = "Leaf " + std::to_string(serial), .issuer = ca.get(), .issuer_key = ca_key.get(),
-                      .serial = serial, .crl_url = crl_url, .ocsp_url = ocsp_url},
-                     leaf_key.get());
+    return issue_certificate(
+        {.subject = {{"CN", "Leaf " + std::to_string(serial)}}, .serial = serial, .crl_url = crl_url, .ocsp_url = ocsp_url},
+        leaf_key.get(), ca.get(), ca_key.get());
   }
   static revocation::Options quick(bool network = true) {
     revocation::Options options;
@@ -41,14 +38,14 @@ class Revocation : public ::testing::Test {
   }
 
   bv::test::TempDir dir;
-  UniquePtr<EVP_PKEY> ca_key, leaf_key;
-  UniquePtr<X509> ca;
+  UniquePtr<EVP_PKEY> ca_key = generate_key(), leaf_key = generate_key();
+  UniquePtr<X509> ca = issue_certificate({.subject = {{"CN", "Revocation CA"}}, .ca = true}, ca_key.get());
 };
 
 TEST_F(Revocation, CrlsOfTheStores) {
-  UniquePtr<EVP_PKEY> other_key = gost_key();
+  UniquePtr<EVP_PKEY> other_key = generate_key();
   // Same name as the real CA, another key: its CRLs prove nothing.
-  UniquePtr<X509> impostor = make_cert({.name = "Revocation CA", .serial = 1, .ca = true}, other_key.get());
+  UniquePtr<X509> impostor = issue_certificate({.subject = {{"CN", "Revocation CA"}}, .ca = true}, other_key.get());
   UniquePtr<X509> cert = leaf(0x1234);
   struct Case {
     const char* name;
@@ -57,13 +54,13 @@ TEST_F(Revocation, CrlsOfTheStores) {
     DWORD error;
   };
   Case cases[] = {
-      {"lists it", make_crl(ca.get(), ca_key.get(), {7, 0x1234}), Verdict::revoked, CRYPT_E_REVOKED},
-      {"current, without it", make_crl(ca.get(), ca_key.get(), {7}), Verdict::good, 0},
-      {"past its next update, without it", make_crl(ca.get(), ca_key.get(), {7}, -10 * kDay, -kDay),
+      {"lists it", issue_crl(ca.get(), ca_key.get(), {7, 0x1234}), Verdict::revoked, CRYPT_E_REVOKED},
+      {"current, without it", issue_crl(ca.get(), ca_key.get(), {7}), Verdict::good, 0},
+      {"past its next update, without it", issue_crl(ca.get(), ca_key.get(), {7}, -10 * kDay, -kDay),
        Verdict::offline, CRYPT_E_REVOCATION_OFFLINE},
-      {"past its next update, with it", make_crl(ca.get(), ca_key.get(), {0x1234}, -10 * kDay, -kDay),
+      {"past its next update, with it", issue_crl(ca.get(), ca_key.get(), {0x1234}, -10 * kDay, -kDay),
        Verdict::revoked, CRYPT_E_REVOKED},
-      {"another key's", make_crl(impostor.get(), other_key.get(), {0x1234}), Verdict::unknown,
+      {"another key's", issue_crl(impostor.get(), other_key.get(), {0x1234}), Verdict::unknown,
        CRYPT_E_NO_REVOCATION_CHECK},
   };
   for (Case& c : cases) {
@@ -78,12 +75,12 @@ TEST_F(Revocation, CrlsOfTheStores) {
     }
   }
   // A revocation in one store CRL wins over another that doesn't list it.
-  UniquePtr<X509_CRL> clean = make_crl(ca.get(), ca_key.get(), {});
-  UniquePtr<X509_CRL> listing = make_crl(ca.get(), ca_key.get(), {0x1234});
+  UniquePtr<X509_CRL> clean = issue_crl(ca.get(), ca_key.get(), {});
+  UniquePtr<X509_CRL> listing = issue_crl(ca.get(), ca_key.get(), {0x1234});
   revocation::Options options = quick();
   options.store_crls = {clean.get(), listing.get()};
   EXPECT_EQ(revocation::check(cert.get(), ca.get(), options).verdict, Verdict::revoked);
-  // Revoked two hours ago: at a time before that it was good.
+  // Revoked an hour ago: at a time before that it was good.
   options.at = std::time(nullptr) - 3 * 3600;
   options.store_crls = {listing.get()};
   EXPECT_EQ(revocation::check(cert.get(), ca.get(), options).verdict, Verdict::good);
@@ -101,7 +98,7 @@ TEST_F(Revocation, NoSourceAtAllIsUnknownNotOffline) {
 
 TEST_F(Revocation, DistributionPointDownloadedOnceThenCached) {
   HttpServer server;
-  UniquePtr<X509_CRL> crl = make_crl(ca.get(), ca_key.get(), {0x77});
+  UniquePtr<X509_CRL> crl = issue_crl(ca.get(), ca_key.get(), {0x77});
   server.put("/ca.crl", der_of(crl.get()));
   UniquePtr<X509> revoked = leaf(0x77, server.url("/ca.crl"));
   UniquePtr<X509> good = leaf(0x78, server.url("/ca.crl"));
@@ -121,7 +118,7 @@ TEST_F(Revocation, DistributionPointDownloadedOnceThenCached) {
 
 TEST_F(Revocation, DistributionPointServesPem) {
   HttpServer server;
-  UniquePtr<X509_CRL> crl = make_crl(ca.get(), ca_key.get(), {0x10});
+  UniquePtr<X509_CRL> crl = issue_crl(ca.get(), ca_key.get(), {0x10});
   server.put("/ca.pem", pem_of(crl.get()));
   UniquePtr<X509> cert = leaf(0x10, server.url("/ca.pem"));
   EXPECT_EQ(revocation::check(cert.get(), ca.get(), quick()).verdict, Verdict::revoked);
@@ -132,8 +129,8 @@ TEST_F(Revocation, UnreachableSourcesAreOfflineAndFast) {
   HttpServer server;
   server.put("/empty.crl", "");
   server.put("/garbage.crl", "not a CRL");
-  UniquePtr<X509> other_ca = make_cert({.name = "Other CA", .serial = 9, .ca = true}, ca_key.get());
-  server.put("/foreign.crl", der_of(make_crl(other_ca.get(), ca_key.get(), {}).get()));
+  UniquePtr<X509> other_ca = issue_certificate({.subject = {{"CN", "Other CA"}}, .serial = 9, .ca = true}, ca_key.get());
+  server.put("/foreign.crl", der_of(issue_crl(other_ca.get(), ca_key.get(), {}).get()));
   const std::string down = "http://127.0.0.1:" + std::to_string(free_port()) + "/ca.crl";
   struct Case {
     const char* name;
@@ -217,7 +214,7 @@ TEST_F(Revocation, OcspComesFirstAndUnknownFallsBackToTheCrl) {
   HttpServer server;
   UniquePtr<X509> known = leaf(0x2001);
   OcspResponder responder(dir.path(), ca.get(), ca_key.get(), {{known.get(), true}});
-  server.put("/ca.crl", der_of(make_crl(ca.get(), ca_key.get(), {0x2002}).get()));
+  server.put("/ca.crl", der_of(issue_crl(ca.get(), ca_key.get(), {0x2002}).get()));
   // OCSP says revoked, the CRL doesn't list it: OCSP decides, no CRL fetched.
   known = leaf(0x2001, server.url("/ca.crl"), responder.url());
   EXPECT_EQ(revocation::check(known.get(), ca.get(), quick()).source, Source::ocsp);
@@ -230,8 +227,8 @@ TEST_F(Revocation, OcspComesFirstAndUnknownFallsBackToTheCrl) {
 }
 
 TEST_F(Revocation, OcspAnswerSignedByAnotherKeyIsRefused) {
-  UniquePtr<EVP_PKEY> other_key = gost_key();
-  UniquePtr<X509> other_ca = make_cert({.name = "Revocation CA", .serial = 1, .ca = true}, other_key.get());
+  UniquePtr<EVP_PKEY> other_key = generate_key();
+  UniquePtr<X509> other_ca = issue_certificate({.subject = {{"CN", "Revocation CA"}}, .ca = true}, other_key.get());
   UniquePtr<X509> cert = leaf(0x3001);
   // The responder signs with a key the CA never certified.
   OcspResponder responder(dir.path(), other_ca.get(), other_key.get(), {{cert.get(), false}});

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "certs.h"
+#include "crypt32/store.h"
 #include "cryptui/cryptui.h"
 #include "cryptui/terminal.h"
 #include "host.h"
@@ -127,20 +128,21 @@ TEST(HelperProgram, ProgramThatIgnoresItsInputDoesNotKillTheHost) {
 
 // ---------------------------------------------------------------- chooser
 
-using bv::test::sha1_hex;
+using bv::pki::certificate_hash;
 
 std::string hash_of(PCCERT_CONTEXT context) {
-  return context == nullptr ? std::string("(none)") : sha1_hex(bv::platform::certificate_x509(context));
+  return context == nullptr ? std::string("(none)") : certificate_hash(bv::platform::certificate_x509(context));
 }
 
 // A memory store with three GOST certificates, as the library hands it over.
 class Chooser : public ::testing::Test {
  protected:
   void SetUp() override {
-    key = bv::test::gost_key();
+    key = bv::pki::generate_key();
     for (int i = 1; i <= 3; ++i) {
-      certs.push_back(bv::test::make_cert({.name = "Signer " + std::to_string(i), .serial = i}, key.get()));
-      const std::string der = bv::test::der_of(certs.back().get());
+      certs.push_back(bv::pki::issue_certificate(
+          {.subject = {{"O", "Chain Test"}, {"CN", "Signer " + std::to_string(i)}}, .serial = i}, key.get()));
+      const std::string der = bv::pki::der_of(certs.back().get());
       ASSERT_TRUE(CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()),
                                                    static_cast<DWORD>(der.size()), CERT_STORE_ADD_ALWAYS, nullptr));
     }
@@ -155,7 +157,7 @@ class Chooser : public ::testing::Test {
       EXPECT_EQ(chosen, nullptr);
       EXPECT_EQ(GetLastError(), expected_error);
     } else {
-      EXPECT_EQ(hash_of(chosen), sha1_hex(certs[static_cast<size_t>(expected_index)].get()));
+      EXPECT_EQ(hash_of(chosen), certificate_hash(certs[static_cast<size_t>(expected_index)].get()));
     }
     CertFreeCertificateContext(chosen);
   }
@@ -168,7 +170,7 @@ class Chooser : public ::testing::Test {
 TEST_F(Chooser, OnTheTerminal) {
   const std::string prompt = "Number of the certificate";
   std::string hash_with_blanks;
-  const std::string third = sha1_hex(certs[2].get());
+  const std::string third = certificate_hash(certs[2].get());
   for (size_t i = 0; i < third.size(); i += 2) hash_with_blanks += (i ? " " : "") + third.substr(i, 2);
   for (char& c : hash_with_blanks) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   struct Case {
@@ -189,7 +191,7 @@ TEST_F(Chooser, OnTheTerminal) {
     SCOPED_TRACE(c.name);
     const PtyRun run = run_on_pty(c.script, [&] { expect_choice(c.index, c.error); });
     EXPECT_EQ(run.exit_code, 0) << run.screen;
-    for (const auto& cert : certs) EXPECT_NE(run.screen.find(sha1_hex(cert.get())), std::string::npos);
+    for (const auto& cert : certs) EXPECT_NE(run.screen.find(certificate_hash(cert.get())), std::string::npos);
     EXPECT_NE(run.screen.find("CN=Signer 2"), std::string::npos) << run.screen;
     EXPECT_NE(run.screen.find("Issuer: "), std::string::npos);
     EXPECT_NE(run.screen.find("Valid:  "), std::string::npos);
@@ -208,7 +210,7 @@ TEST_F(Chooser, ThroughTheSelectProgram) {
     int index;
     DWORD error;
   };
-  const std::string hash = sha1_hex(certs[2].get());
+  const std::string hash = certificate_hash(certs[2].get());
   const std::vector<Case> cases = {
       {"number", "echo 2\n", 1, 0},
       {"hash, lower case", "echo '" + hash + "' | tr A-F a-f\n", 2, 0},
@@ -230,7 +232,7 @@ TEST_F(Chooser, ThroughTheSelectProgram) {
   }
   // The list the program read: one certificate a line, tab-separated.
   const std::string list = bv::test::read_file(list_file);
-  EXPECT_EQ(list.find("1\t" + sha1_hex(certs[0].get()) + "\tCN=Signer 1, O=Chain Test\t"), 0u) << list;
+  EXPECT_EQ(list.find("1\t" + certificate_hash(certs[0].get()) + "\tCN=Signer 1, O=Chain Test\t"), 0u) << list;
   EXPECT_NE(list.find("\n3\t" + hash + "\t"), std::string::npos) << list;
 }
 
