@@ -9,11 +9,9 @@
 #include "crypt32/cert.h"
 #include "crypt32/store.h"
 #include "host.h"
-#include "pki.h"
+#include "signing.h"
 
 namespace {
-
-using bv::test::DemoPki;
 
 // An encoded name from (OID, ASN.1 string type, bytes, RDN set) rows; a set
 // of 0 starts a new RDN, -1 joins the one before.
@@ -189,9 +187,9 @@ std::string render_blob(const CERT_NAME_BLOB& blob) {
   return render(der, CERT_X500_NAME_STR);
 }
 
-TEST(CertificateContext, FieldsOfADemoCertificate) {
-  const DemoPki& pki = DemoPki::get();
-  const std::string der = bv::test::read_file(pki.certificate_file("signer-2012-256"));
+TEST(CertificateContext, FieldsOfACertificate) {
+  const std::string file = bv::test::SigningWorld::get().my("01-alice.cer");
+  const std::string der = bv::test::read_file(file);
   PCCERT_CONTEXT context =
       CertCreateCertificateContext(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()),
                                    static_cast<DWORD>(der.size()));
@@ -202,17 +200,16 @@ TEST(CertificateContext, FieldsOfADemoCertificate) {
   EXPECT_STREQ(info->SignatureAlgorithm.pszObjId, "1.2.643.7.1.1.3.2");
   EXPECT_STREQ(info->SubjectPublicKeyInfo.Algorithm.pszObjId, "1.2.643.7.1.1.1.1");
   EXPECT_NE(context->hCertStore, nullptr);
-  // The demo's end entities have serials 101 and up, stored least significant first.
   ASSERT_EQ(info->SerialNumber.cbData, 1u);
-  EXPECT_EQ(info->SerialNumber.pbData[0], 102);
-  EXPECT_EQ(render_blob(info->Issuer), "CN=Demo Issuing CA, O=Demo Organisation, C=RU");
+  EXPECT_EQ(info->SerialNumber.pbData[0], 2);
+  EXPECT_EQ(render_blob(info->Issuer), "O=Test PKI, CN=Test Root, C=RU");
 
   // Validity as openssl prints it.
   SYSTEMTIME until{};
   ASSERT_TRUE(FileTimeToSystemTime(&info->NotAfter, &until));
   int status = 0;
   const std::string end = bv::test::run_command(
-      "openssl x509 -inform DER -noout -enddate -in " + pki.certificate_file("signer-2012-256"), &status);
+      "openssl x509 -inform DER -noout -enddate -in " + file, &status);
   static const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
   char expected[48];
   std::snprintf(expected, sizeof expected, "notAfter=%s %2u %02u:%02u:%02u %04u GMT", months[until.wMonth - 1],
