@@ -14,9 +14,7 @@
 #include "kernel32/profile.h"
 #include "shell32/shell32.h"
 
-using bv::test::run_isolated;
-using bv::test::TempDir;
-using bv::test::write_file;
+namespace bv::test {
 
 namespace {
 
@@ -190,14 +188,14 @@ TEST(Profile, ReadsAsWindowsReads) {
 // the log, at level 3, with each extra time-stamp address at level 2.
 TEST(Config, PrintedFirstAtLoad) {
   TempDir dir;
-  auto env = bv::test::trace_env(dir, 3);
+  auto env = trace_env(dir, 3);
   env["BV_SSF_ADD_TSP"] = "http://tsp1;http://tsp2";
   env["BV_SSF_USERID"] = "CERT_HASH";
   write_file(dir / "common/Brelvantec/ssf.ini", ini("BV_SSF_VERIFYCERTACCEPTABLESTATUS=1A\n"));
-  const auto child = run_isolated(env, [] { bv::test::SsfApi::get(); });
+  const auto child = run_isolated(env, [] { SsfApi::get(); });
   ASSERT_EQ(child.exit_code, 0);
   std::vector<std::string> messages;
-  const std::string log = bv::test::trace_log(dir);
+  const std::string log = trace_log(dir);
   for (size_t start = 0; start < log.size();) {
     const size_t end = log.find("\r\n", start);
     const std::string line = log.substr(start, end - start);
@@ -219,10 +217,10 @@ TEST(Config, PrintedFirstAtLoad) {
 
   // At level 2 only the addresses remain.
   TempDir quiet;
-  auto quiet_env = bv::test::trace_env(quiet, 2);
+  auto quiet_env = trace_env(quiet, 2);
   quiet_env["BV_SSF_ADD_TSP"] = "http://tsp1";
-  ASSERT_EQ(run_isolated(quiet_env, [] { bv::test::SsfApi::get(); }).exit_code, 0);
-  const std::string quiet_log = bv::test::trace_log(quiet);
+  ASSERT_EQ(run_isolated(quiet_env, [] { SsfApi::get(); }).exit_code, 0);
+  const std::string quiet_log = trace_log(quiet);
   EXPECT_EQ(quiet_log.find("count"), std::string::npos) << quiet_log;
   EXPECT_NE(quiet_log.find("additionalTSP  = http://tsp1\r\n"), std::string::npos) << quiet_log;
 }
@@ -234,10 +232,12 @@ TEST(Load, SetsACodePage1251Locale) {
   if (!available) GTEST_SKIP() << "no code page 1251 locale here (scripts/deps makes one)";
   const auto child = run_isolated({{"LC_ALL", "C"}}, [] {
     std::setlocale(LC_ALL, "C");
-    bv::test::SsfApi::get();
+    SsfApi::get();
     const char* now = std::setlocale(LC_ALL, nullptr);
     ASSERT_NE(now, nullptr);
     EXPECT_NE(std::string(now).find("1251"), std::string::npos) << now;
   });
   EXPECT_EQ(child.exit_code, 0);
 }
+
+}  // namespace bv::test

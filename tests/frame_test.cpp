@@ -13,14 +13,13 @@
 #include "host.h"
 #include "licence.h"
 
-using bv::test::CoreTrace;
-using bv::test::SsfApi;
+namespace bv::test {
 
 namespace {
 
 TEST(Version, GivesTheTextWithItsTerminator) {
   std::string log;
-  bv::test::run_traced(
+  run_traced(
       [] {
         const SsfApi& api = SsfApi::get();
         char* version = nullptr;
@@ -34,12 +33,12 @@ TEST(Version, GivesTheTextWithItsTerminator) {
       },
       &log);
   // No banner on any path of SsfVersion.
-  for (const std::string& line : bv::test::log_messages(log)) EXPECT_EQ(line.find("#start#"), std::string::npos);
+  for (const std::string& line : log_messages(log)) EXPECT_EQ(line.find("#start#"), std::string::npos);
 }
 
 TEST(Exports, ExactlyTheEighteenNames) {
   int status = 0;
-  const std::string names = bv::test::run_command(
+  const std::string names = run_command(
       "nm -D --defined-only '" BV_LIBRARY_PATH "' | awk '{print $3}' | grep -v '^$' | sort", &status);
   ASSERT_EQ(status, 0);
   EXPECT_EQ(names,
@@ -75,7 +74,7 @@ TEST(QueryProperties, SelectsByPrefixOfTheCallersLength) {
       {"PROP", -1, SSF_ERR_INPUT, nullptr},
       {nullptr, 5, SSF_ERR_INPUT, nullptr},
   };
-  bv::test::run_traced([&] {
+  run_traced([&] {
     const SsfApi& api = SsfApi::get();
     for (const PropertyCase& c : cases) {
       SCOPED_TRACE(std::string(c.name ? c.name : "(null)") + "/" + std::to_string(c.length));
@@ -97,7 +96,7 @@ TEST(QueryProperties, SelectsByPrefixOfTheCallersLength) {
 }
 
 TEST(DELSsfOctetstring, NullPointersAndSecondCallsDoNothing) {
-  bv::test::run_traced([] {
+  run_traced([] {
     const SsfApi& api = SsfApi::get();
     uint32_t length = 5;
     unsigned char* data = nullptr;
@@ -173,3 +172,5 @@ TEST(Licence, TheShippedGateGrantsAndARefusalEndsIn13) {
 }
 
 }  // namespace
+
+}  // namespace bv::test

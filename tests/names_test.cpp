@@ -9,8 +9,7 @@
 
 #include "host.h"
 
-using bv::test::CoreTrace;
-using bv::test::SsfApi;
+namespace bv::test {
 
 namespace {
 
@@ -101,7 +100,7 @@ TEST(EncodeDecode, CopyUnderEveryAcceptedFormat) {
       {"negative input length", "PKCS7", 5, "x", -1, SSF_ERR_INPUT},
       {"no input bytes", "PKCS7", 5, nullptr, 4, SSF_ERR_INPUT},
   };
-  bv::test::run_traced([&] {
+  run_traced([&] {
     const SsfApi& api = SsfApi::get();
     const std::string padded_format = std::string("PKCS7") + std::string(300, '\0');
     for (const Convert convert : {api.SsfEncode, api.SsfDecode}) {
@@ -131,7 +130,7 @@ TEST(EncodeDecode, CopyUnderEveryAcceptedFormat) {
 
 TEST(EncodeDecode, OnlyEncodeAllowsANullLengthPointer) {
   std::string log;
-  bv::test::run_traced(
+  run_traced(
       [] {
         const SsfApi& api = SsfApi::get();
         const unsigned char input[] = {1, 2, 3};
@@ -146,7 +145,7 @@ TEST(EncodeDecode, OnlyEncodeAllowsANullLengthPointer) {
         EXPECT_EQ(output, nullptr);
       },
       &log);
-  const auto lines = bv::test::log_messages(log);
+  const auto lines = log_messages(log);
   ASSERT_GE(lines.size(), 3u) << log;
   EXPECT_EQ(std::vector<std::string>(lines.end() - 3, lines.end()),
             (std::vector<std::string>{kStart, "#error#: null length pointer\n", kFailure}));
@@ -177,3 +176,5 @@ TEST(EncodeDecode, RefusalsNameTheirCause) {
 }
 
 }  // namespace
+
+}  // namespace bv::test
