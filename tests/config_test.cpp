@@ -2,7 +2,6 @@
 // strength, read the way the library reads them.
 #include <gtest/gtest.h>
 
-#include <clocale>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -19,19 +18,6 @@ namespace bv::test {
 namespace {
 
 using Env = std::map<std::string, std::string>;
-
-const std::vector<std::string> kSettingNames = {
-    "BV_SSF_USERID",          "BV_SSF_VERIFYCERTFLAGS",        "BV_SSF_VERIFYCERTACCEPTABLESTATUS",
-    "BV_SSF_VERIFYCERTFLAGS_ONSELECT", "BV_SSF_ASK_PIN_WHEN_EMPTY", "BV_SSF_VERIFYCERTFLAGS_ONSIGN",
-    "BV_SSF_ADD_TSP"};
-
-// Only the given variables, and both folders inside `dir`.
-Env isolated_env(const TempDir& dir, const Env& settings) {
-  Env env{{"BV_PLATFORM_LOCAL_APPDATA", dir / "local"}, {"BV_PLATFORM_COMMON_APPDATA", dir / "common"}};
-  for (const std::string& name : kSettingNames) env[name] = "";
-  for (const auto& [name, value] : settings) env[name] = value;
-  return env;
-}
 
 std::string ini(const std::string& body) { return "[bvsapssf]\n" + body; }
 
@@ -106,7 +92,9 @@ TEST(Config, SourcesAndTheirStrength) {
     if (c.local_ini) write_file(dir / "local/Brelvantec/ssf.ini", *c.local_ini);
     if (c.common_ini) write_file(dir / "common/Brelvantec/ssf.ini", *c.common_ini);
     const Expected& want = c.expected;
-    const auto child = run_isolated(isolated_env(dir, c.env), [&] {
+    auto env = trace_env(dir, 0);
+    for (const auto& [name, value] : c.env) env[name] = value;
+    const auto child = run_isolated(env, [&] {
       const Config config;
       EXPECT_EQ(config.VerifyCertFlags, want.verify_flags);
       EXPECT_EQ(config.VerifyCertFlagsOnSelect, want.on_select);
@@ -158,21 +146,20 @@ TEST(Profile, ReadsAsWindowsReads) {
     const char* section;
     const char* key;
     const char* fallback;
-    DWORD size;
     DWORD result;
     const char* text;
     DWORD error;
   } const cases[] = {
-      {"one", "KEY", "", 260, 5, "value", ERROR_SUCCESS},      // first occurrence, no case
-      {"One", "empty", "dflt", 260, 0, "", ERROR_SUCCESS},      // empty but present
-      {"One", "absent", "dflt  ", 260, 4, "dflt", ERROR_FILE_NOT_FOUND},
-      {"two", "x", "", 260, 6, "quoted", ERROR_SUCCESS},
-      {"three", "x", nullptr, 260, 0, "", ERROR_FILE_NOT_FOUND},
+      {"one", "KEY", "", 5, "value", ERROR_SUCCESS},      // first occurrence, no case
+      {"One", "empty", "dflt", 0, "", ERROR_SUCCESS},      // empty but present
+      {"One", "absent", "dflt  ", 4, "dflt", ERROR_FILE_NOT_FOUND},
+      {"two", "x", "", 6, "quoted", ERROR_SUCCESS},
+      {"three", "x", nullptr, 0, "", ERROR_FILE_NOT_FOUND},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.section) + "/" + c.key);
     char buffer[260] = "junk";
-    EXPECT_EQ(GetPrivateProfileStringA(c.section, c.key, c.fallback, buffer, c.size, file.c_str()), c.result);
+    EXPECT_EQ(GetPrivateProfileStringA(c.section, c.key, c.fallback, buffer, sizeof buffer, file.c_str()), c.result);
     EXPECT_STREQ(buffer, c.text);
     EXPECT_EQ(GetLastError(), c.error);
   }
@@ -194,26 +181,19 @@ TEST(Config, PrintedFirstAtLoad) {
   write_file(dir / "common/Brelvantec/ssf.ini", ini("BV_SSF_VERIFYCERTACCEPTABLESTATUS=1A\n"));
   const auto child = run_isolated(env, [] { SsfApi::get(); });
   ASSERT_EQ(child.exit_code, 0);
-  std::vector<std::string> messages;
   const std::string log = trace_log(dir);
-  for (size_t start = 0; start < log.size();) {
-    const size_t end = log.find("\r\n", start);
-    const std::string line = log.substr(start, end - start);
-    messages.push_back(line.substr(line.find(": libbvsapssf.so: ") + 18));
-    start = end == std::string::npos ? log.size() : end + 2;
-  }
   const std::vector<std::string> expected = {
-      "#info#: bvsapssf parameters: UserIdAsCertHash = 1",
-      "#info#: bvsapssf parameters: VerifyCertFlags = 40000000",
-      "#info#: bvsapssf parameters: VerifyCertOnSign = 1",
-      "#info#: bvsapssf parameters: AcceptableCertStatus = 1a",
-      "#info#: bvsapssf parameters: VerifyCertFlagsOnSelect = 40000000",
-      "#info#: bvsapssf parameters: globalAskPinWhenEmpty = 0",
-      "#info#: bvsapssf parameters: additionalTSP count = 2",
-      "#info#: bvsapssf parameters: additionalTSP  = http://tsp1",
-      "#info#: bvsapssf parameters: additionalTSP  = http://tsp2",
+      "#info#: bvsapssf parameters: UserIdAsCertHash = 1\n",
+      "#info#: bvsapssf parameters: VerifyCertFlags = 40000000\n",
+      "#info#: bvsapssf parameters: VerifyCertOnSign = 1\n",
+      "#info#: bvsapssf parameters: AcceptableCertStatus = 1a\n",
+      "#info#: bvsapssf parameters: VerifyCertFlagsOnSelect = 40000000\n",
+      "#info#: bvsapssf parameters: globalAskPinWhenEmpty = 0\n",
+      "#info#: bvsapssf parameters: additionalTSP count = 2\n",
+      "#info#: bvsapssf parameters: additionalTSP  = http://tsp1\n",
+      "#info#: bvsapssf parameters: additionalTSP  = http://tsp2\n",
   };
-  EXPECT_EQ(messages, expected) << log;
+  EXPECT_EQ(log_messages(log), expected) << log;
 
   // At level 2 only the addresses remain.
   TempDir quiet;
@@ -223,21 +203,6 @@ TEST(Config, PrintedFirstAtLoad) {
   const std::string quiet_log = trace_log(quiet);
   EXPECT_EQ(quiet_log.find("count"), std::string::npos) << quiet_log;
   EXPECT_NE(quiet_log.find("additionalTSP  = http://tsp1\r\n"), std::string::npos) << quiet_log;
-}
-
-// The locale follows code page 1251 for the whole process, whatever the host set.
-TEST(Load, SetsACodePage1251Locale) {
-  const bool available = std::setlocale(LC_ALL, "ru_RU.CP1251") != nullptr;
-  std::setlocale(LC_ALL, "C");
-  if (!available) GTEST_SKIP() << "no code page 1251 locale here (scripts/deps makes one)";
-  const auto child = run_isolated({{"LC_ALL", "C"}}, [] {
-    std::setlocale(LC_ALL, "C");
-    SsfApi::get();
-    const char* now = std::setlocale(LC_ALL, nullptr);
-    ASSERT_NE(now, nullptr);
-    EXPECT_NE(std::string(now).find("1251"), std::string::npos) << now;
-  });
-  EXPECT_EQ(child.exit_code, 0);
 }
 
 }  // namespace bv::test

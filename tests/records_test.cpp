@@ -139,30 +139,24 @@ TEST(DeleteRecord, WipesThePasswordWithBlanksAndNullsThePointer) {
 }
 
 TEST(PrintRecord, ExactTextByteForByte) {
-  SsfInfo* full = make("CN=Ivanov", "uMy", "1234", 26, "rsv");
-  EXPECT_EQ(print(full),
-            "Signer/Recipient Security Information :\n"
-            "Id        : CN=Ivanov (9)\n"
-            "Reserved  : rsv (3)\n"
-            "Profile   : uMy (3)\n"
-            "\n\nSigner/Recipient Result : NOCERTIFICATE\n\n\n");
-  api().SsfDELSigRcpSsfInfo(&full);
-
-  // Only an id: no Reserved and no Profile line; the password never shows.
-  SsfInfo* bare = make("abc", "", "pin-never-shown");
-  const std::string printed = print(bare);
-  EXPECT_EQ(printed,
-            "Signer/Recipient Security Information :\nId        : abc (3)\n"
-            "\n\nSigner/Recipient Result : OK\n\n\n");
-  api().SsfDELSigRcpSsfInfo(&bare);
-
-  // An embedded NUL ends the bytes printed; the number stays the length.
-  SsfInfo* nul = make(std::string("ab\0cd", 5));
-  EXPECT_EQ(print(nul),
-            "Signer/Recipient Security Information :\nId        : ab (5)\n"
-            "\n\nSigner/Recipient Result : OK\n\n\n");
-  api().SsfDELSigRcpSsfInfo(&nul);
-
+  const std::string head = "Signer/Recipient Security Information :\nId        : ";
+  const struct {
+    const char* what;
+    SsfInfo* info;
+    std::string printed;
+  } cases[] = {
+      {"every field", make("CN=Ivanov", "uMy", "1234", 26, "rsv"),
+       head + "CN=Ivanov (9)\nReserved  : rsv (3)\nProfile   : uMy (3)\n\n\nSigner/Recipient Result : NOCERTIFICATE\n\n\n"},
+      // Only an id: no Reserved and no Profile line; the password never shows.
+      {"id only", make("abc", "", "pin-never-shown"), head + "abc (3)\n\n\nSigner/Recipient Result : OK\n\n\n"},
+      // An embedded NUL ends the bytes printed; the number stays the length.
+      {"embedded NUL", make(std::string("ab\0cd", 5)), head + "ab (5)\n\n\nSigner/Recipient Result : OK\n\n\n"},
+  };
+  for (auto c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(print(c.info), c.printed);
+    api().SsfDELSigRcpSsfInfo(&c.info);
+  }
   EXPECT_EQ(api().SsfPRISigRcpSsfInfo(nullptr, nullptr, nullptr), SSF_REC_NULL_INFO);
 }
 

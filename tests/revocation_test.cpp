@@ -98,8 +98,8 @@ TEST_F(Revocation, NoSourceAtAllIsUnknownNotOffline) {
 
 TEST_F(Revocation, DistributionPointDownloadedOnceThenCached) {
   HttpServer server;
-  UniquePtr<X509_CRL> crl = issue_crl(ca.get(), ca_key.get(), {0x77});
-  server.put("/ca.crl", der_of(crl.get()));
+  server.put("/ca.crl", der_of(issue_crl(ca.get(), ca_key.get(), {0x77}).get()));
+  server.put("/ca.pem", pem_of(issue_crl(ca.get(), ca_key.get(), {0x10}).get()));
   UniquePtr<X509> revoked = leaf(0x77, server.url("/ca.crl"));
   UniquePtr<X509> good = leaf(0x78, server.url("/ca.crl"));
 
@@ -114,14 +114,9 @@ TEST_F(Revocation, DistributionPointDownloadedOnceThenCached) {
   EXPECT_EQ(result.source, Source::cached_crl);
   EXPECT_EQ(server.requests(), 1);
   EXPECT_NE(result.this_update, 0);
-}
 
-TEST_F(Revocation, DistributionPointServesPem) {
-  HttpServer server;
-  UniquePtr<X509_CRL> crl = issue_crl(ca.get(), ca_key.get(), {0x10});
-  server.put("/ca.pem", pem_of(crl.get()));
-  UniquePtr<X509> cert = leaf(0x10, server.url("/ca.pem"));
-  EXPECT_EQ(revocation::check(cert.get(), ca.get(), quick()).verdict, Verdict::revoked);
+  // A CRL served as PEM is read as well.
+  EXPECT_EQ(revocation::check(leaf(0x10, server.url("/ca.pem")).get(), ca.get(), quick()).verdict, Verdict::revoked);
 }
 
 TEST_F(Revocation, UnreachableSourcesAreOfflineAndFast) {
@@ -163,21 +158,19 @@ TEST_F(Revocation, UnreachableSourcesAreOfflineAndFast) {
   }
 }
 
-TEST_F(Revocation, FailedSourceIsNotAskedAgainAtOnce) {
+TEST_F(Revocation, FailedSourceIsNotAskedAgainAtOnceAndDeadlinesHold) {
   HttpServer server;  // has nothing: every CRL request gets 404
   UniquePtr<X509> cert = leaf(0x32, server.url("/ca.crl"));
   EXPECT_EQ(revocation::check(cert.get(), ca.get(), quick()).verdict, Verdict::offline);
   EXPECT_EQ(revocation::check(cert.get(), ca.get(), quick()).verdict, Verdict::offline);
   EXPECT_EQ(server.requests(), 1);
-}
 
-TEST_F(Revocation, SharedDeadlineEndsTheRequests) {
+  // A deadline shared by the requests and already spent ends them at once.
   HttpServer silent(/*silent=*/true);
-  UniquePtr<X509> cert = leaf(0x33, silent.url("/ca.crl"));
   revocation::Options options = quick();
-  options.deadline = revocation::Clock::now();  // already spent
+  options.deadline = revocation::Clock::now();
   const auto started = std::chrono::steady_clock::now();
-  EXPECT_EQ(revocation::check(cert.get(), ca.get(), options).verdict, Verdict::offline);
+  EXPECT_EQ(revocation::check(leaf(0x33, silent.url("/ca.crl")).get(), ca.get(), options).verdict, Verdict::offline);
   EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(5));
 }
 

@@ -13,13 +13,6 @@
 
 namespace bv::test {
 
-std::string run_checked(const std::string& command) {
-  int status = -1;
-  std::string output = run_command(command, &status);
-  EXPECT_EQ(status, 0) << command << "\n" << output;
-  return output;
-}
-
 std::map<std::string, std::string> SigningWorld::env(const std::map<std::string, std::string>& extra) const {
   std::map<std::string, std::string> all = {
       {"BV_PLATFORM_LOCAL_APPDATA", local()},  {"BV_PLATFORM_COMMON_APPDATA", common()},

@@ -53,9 +53,6 @@ void give_pin(PCCERT_CONTEXT context, const char* pin);
 // Whether the provider's key opened (parameter 109).
 bool key_opened(HCRYPTPROV provider);
 
-// Runs a shell command; a non-zero exit fails the calling test.
-std::string run_checked(const std::string& command);
-
 struct SignerSpec {
   std::string id, profile, pin;
   bool no_record = false;  // a list node without a record
