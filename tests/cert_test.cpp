@@ -11,6 +11,8 @@
 #include "host.h"
 #include "signing.h"
 
+namespace bv::test {
+
 namespace {
 
 // An encoded name from (OID, ASN.1 string type, bytes, RDN set) rows; a set
@@ -105,10 +107,10 @@ TEST(CertNameToStrA, AnsiPageMatchesIconv) {
   // the system's converter.
   const std::string text = "АБВГДЕЁЖЗИЙКЛМНОПРСТУФХЦЧШЩЪЫЬЭЮЯабвгдеёжзийклмнопрстуфхцчшщъыьэюя№—«»€ЂЃЉЊЌЋЏђѓљњќћџЎўЈҐЄЇІіґµ";
   std::vector<BYTE> der = encode_name({{"1.2.3.4", MBSTRING_UTF8, text}});  // no length limit
-  bv::test::TempDir dir;
-  bv::test::write_file(dir / "in.txt", text);
+  TempDir dir;
+  write_file(dir / "in.txt", text);
   int status = 0;
-  const std::string expected = bv::test::run_command("iconv -f UTF-8 -t CP1251 " + (dir / "in.txt"), &status);
+  const std::string expected = run_command("iconv -f UTF-8 -t CP1251 " + (dir / "in.txt"), &status);
   ASSERT_EQ(status, 0);
   EXPECT_EQ(render(der, CERT_SIMPLE_NAME_STR), expected);
 }
@@ -185,8 +187,8 @@ std::string render_blob(const CERT_NAME_BLOB& blob) {
 }
 
 TEST(CertificateContext, FieldsOfACertificate) {
-  const std::string file = bv::test::SigningWorld::get().my("01-alice.cer");
-  const std::string der = bv::test::read_file(file);
+  const std::string file = SigningWorld::get().my("01-alice.cer");
+  const std::string der = read_file(file);
   PCCERT_CONTEXT context =
       CertCreateCertificateContext(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()),
                                    static_cast<DWORD>(der.size()));
@@ -204,7 +206,7 @@ TEST(CertificateContext, FieldsOfACertificate) {
   // Validity as openssl prints it.
   SYSTEMTIME until{};
   ASSERT_TRUE(FileTimeToSystemTime(&info->NotAfter, &until));
-  const std::string end = bv::test::run_command("openssl x509 -inform DER -noout -enddate -in " + file);
+  const std::string end = run_command("openssl x509 -inform DER -noout -enddate -in " + file);
   static const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
   char expected[48];
   std::snprintf(expected, sizeof expected, "notAfter=%s %2u %02u:%02u:%02u %04u GMT", months[until.wMonth - 1],
@@ -238,3 +240,5 @@ TEST(CryptDecodeObject, SigningTimeInBothTimeForms) {
 }
 
 }  // namespace
+
+}  // namespace bv::test

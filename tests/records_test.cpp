@@ -8,6 +8,8 @@
 
 #include "host.h"
 
+namespace bv::test {
+
 // Watches one block on its way back to the heap: the password of a record
 // must be blanks by the time the library frees it.  Every free of this
 // program, the library's included, passes through here.
@@ -39,7 +41,6 @@ extern "C" __attribute__((no_sanitize("address", "undefined"))) void free(void* 
 }
 
 namespace {
-using bv::test::SsfApi;
 
 const SsfApi& api() { return SsfApi::get(); }
 
@@ -202,7 +203,7 @@ TEST(PrintList, ANodeWithoutARecordEndsThePrintButNotTheDelete) {
 TEST(HostTool, RecordsCommandPrintsTheList) {
   int status = -1;
   const std::string out =
-      bv::test::run_command("BVSSF_LIBRARY='" BV_LIBRARY_PATH "' '" BV_TOOLS_DIR "/bvssf' records A:uMy B", &status);
+      run_command("BVSSF_LIBRARY='" BV_LIBRARY_PATH "' '" BV_TOOLS_DIR "/bvssf' records A:uMy B", &status);
   EXPECT_EQ(status, 0) << out;
   EXPECT_NE(out.find("Signer/Recipient : 2\n"), std::string::npos) << out;
   EXPECT_NE(out.find("Profile   : uMy (3)\n"), std::string::npos) << out;
@@ -210,3 +211,5 @@ TEST(HostTool, RecordsCommandPrintsTheList) {
 }
 
 }  // namespace
+
+}  // namespace bv::test

@@ -1,17 +1,10 @@
 // The PIN prompt and the certificate chooser, driven as a user drives them:
 // through a pseudo-terminal that is the child's controlling terminal, and
 // through the helper programs named in the environment.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,17 +16,13 @@
 #include "kernel32/kernel32.h"
 #include "wincrypt_types.h"
 
+namespace bv::test {
+
 namespace {
-
-using bv::test::TempDir;
-
-using bv::test::Exchange;
-using bv::test::PtyRun;
-using bv::test::run_on_pty;
 
 std::string write_script(const TempDir& dir, const std::string& name, const std::string& body) {
   const std::string path = dir / name;
-  bv::test::write_file(path, "#!/bin/sh\n" + body);
+  write_file(path, "#!/bin/sh\n" + body);
   chmod(path.c_str(), 0755);
   return path;
 }
@@ -99,7 +88,7 @@ TEST(AskPin, WithoutTerminalThroughTheHelperProgram) {
     const bool script = !c.body.empty() && c.body[0] != '/';
     const std::string helper =
         script ? write_script(dir, "askpass", "printf '%s' \"$1\" > '" + prompt_file + "'\n" + c.body) : c.body;
-    const auto child = bv::test::run_isolated({{"BV_PLATFORM_ASKPASS", helper}}, [&] {
+    const auto child = run_isolated({{"BV_PLATFORM_ASKPASS", helper}}, [&] {
       setsid();  // no controlling terminal
       std::string pin;
       const bool answered = bv::platform::ask_pin("PIN for \"key\": ", pin);
@@ -112,7 +101,7 @@ TEST(AskPin, WithoutTerminalThroughTheHelperProgram) {
     });
     EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
     if (script) {
-      EXPECT_EQ(bv::test::read_file(prompt_file), "PIN for \"key\": ");
+      EXPECT_EQ(read_file(prompt_file), "PIN for \"key\": ");
     }
   }
 }
@@ -224,14 +213,14 @@ TEST_F(Chooser, ThroughTheSelectProgram) {
     SCOPED_TRACE(c.name);
     const std::string program =
         c.body.empty() ? "" : write_script(dir, "select", "cat > '" + list_file + "'\n" + c.body);
-    const auto child = bv::test::run_isolated({{"BV_PLATFORM_SELECT", program}}, [&] {
+    const auto child = run_isolated({{"BV_PLATFORM_SELECT", program}}, [&] {
       setsid();
       expect_choice(c.index, c.error);
     });
     EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
   }
   // The list the program read: one certificate a line, tab-separated.
-  const std::string list = bv::test::read_file(list_file);
+  const std::string list = read_file(list_file);
   EXPECT_EQ(list.find("1\t" + certificate_hash(certs[0].get()) + "\tCN=Signer 1, O=Chain Test\t"), 0u) << list;
   EXPECT_NE(list.find("\n3\t" + hash + "\t"), std::string::npos) << list;
 }
@@ -241,7 +230,7 @@ TEST_F(Chooser, EmptyStoreAsksNobody) {
   TempDir dir;
   const std::string marker = dir / "asked";
   const std::string program = write_script(dir, "select", "touch '" + marker + "'; echo 1\n");
-  const auto child = bv::test::run_isolated({{"BV_PLATFORM_SELECT", program}}, [&] {
+  const auto child = run_isolated({{"BV_PLATFORM_SELECT", program}}, [&] {
     setsid();
     EXPECT_EQ(CryptUIDlgSelectCertificateFromStore(empty, nullptr, nullptr, nullptr, 0, 0, nullptr), nullptr);
     EXPECT_EQ(GetLastError(), CRYPT_E_NOT_FOUND);
@@ -252,3 +241,5 @@ TEST_F(Chooser, EmptyStoreAsksNobody) {
 }
 
 }  // namespace
+
+}  // namespace bv::test
