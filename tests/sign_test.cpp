@@ -79,6 +79,8 @@ TEST(SignMessages, AcceptedByOpenssl) {
       {"PKCS7_ANY", {carol}, true, false, {kGost94}},
       {"PKCS7", {carol, alice, bob}, true, false, {kGost94, kGost12_256, kGost12_512}},
       {"PKCS7", {bob, carol}, false, true, {kGost12_512, kGost94}},
+      // Of two with one name, the one whose chain holds signs.
+      {"PKCS7", {{"CN=Dup", "", "4444"}}, true, false, {kGost12_256}},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.format + " signers " + std::to_string(c.signers.size()) + (c.certs ? " certs" : "") +
