@@ -114,12 +114,11 @@ TEST_F(ChainTest, StatusBitsOfBadCertificates) {
   std::string corrupt = der_of(end_cert().get());
   corrupt.back() ^= 0x5A;
   const auto* bytes = reinterpret_cast<const unsigned char*>(corrupt.data());
-  struct Case {
+  const struct {
     const char* name;
     UniquePtr<X509> cert;
     DWORD expected;  // the chain's error status, and the end certificate's unless partial
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"expired", end_cert({.not_before = -30 * kDay, .not_after = -kDay}), CERT_TRUST_IS_NOT_TIME_VALID},
       {"not yet valid", end_cert({.not_before = kDay, .not_after = 30 * kDay}), CERT_TRUST_IS_NOT_TIME_VALID},
       {"bad signature", UniquePtr<X509>(d2i_X509(nullptr, &bytes, static_cast<long>(corrupt.size()))),
@@ -127,7 +126,7 @@ TEST_F(ChainTest, StatusBitsOfBadCertificates) {
       {"issued by an unknown root", end_cert({}, stranger_root.get(), stranger_key.get()), CERT_TRUST_IS_PARTIAL_CHAIN},
   };
   install_hierarchy();
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const Chain chain = build(c.cert.get(), 0);
     EXPECT_EQ(chain.status(), c.expected) << std::hex << chain.status();

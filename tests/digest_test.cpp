@@ -179,13 +179,12 @@ TEST(DigestNames, PrefixesPickTheFirstRowThatStartsWithThem) {
   ASSERT_EQ(sha1.size(), 20u);
   ASSERT_EQ(gost94.size(), 32u);
   ASSERT_EQ(gost512.size(), 64u);
-  struct Case {
+  const struct {
     std::string name;
     int32_t length;
     SSF_RC rc;
     const std::string* expected;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"S", 1, SSF_OK, &sha1},
       {std::string("SHA1\0", 5), 5, SSF_OK, &sha1},  // the terminator inside the length still matches
       {"SHA1x", 5, SSF_ERR_HASHALG, nullptr},
@@ -200,7 +199,7 @@ TEST(DigestNames, PrefixesPickTheFirstRowThatStartsWithThem) {
       {"MD5", 3, SSF_OK, &md5},
       {"sha1", 4, SSF_ERR_HASHALG, nullptr},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const Digest d = ssf_digest("RAW_GOST", c.name, data, false, c.length);
     ASSERT_EQ(d.rc, c.rc);
@@ -210,7 +209,7 @@ TEST(DigestNames, PrefixesPickTheFirstRowThatStartsWithThem) {
 }
 
 TEST(DigestFailures, ChecksComeInTheirOrderAndLeaveThePointerAlone) {
-  struct Case {
+  const struct {
     const char* what;
     std::string format;
     int32_t format_length;
@@ -218,8 +217,7 @@ TEST(DigestFailures, ChecksComeInTheirOrderAndLeaveThePointerAlone) {
     std::string hash;
     int32_t hash_length;
     SSF_RC rc;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"bad format and bad hash", "PEM", 3, "x", "NOPE", 4, SSF_ERR_FORMAT},
       {"raw name one byte short", "RAW_GOST", 7, "x", "SHA1", 4, SSF_ERR_FORMAT},
       {"unknown format, empty data", "XML", 3, "", "SHA1", 4, SSF_ERR_FORMAT},
@@ -228,7 +226,7 @@ TEST(DigestFailures, ChecksComeInTheirOrderAndLeaveThePointerAlone) {
       {"hash length negative", "RAW_GOST", 8, "x", "SHA1", -1, SSF_ERR_HASHALG},
       {"unknown hash", "PKCS7", 5, "x", "SHA256", 6, SSF_ERR_HASHALG},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     const Digest d = ssf_digest(c.format, c.hash, c.data, false, c.hash_length, c.format_length);
     EXPECT_EQ(d.rc, c.rc);
@@ -270,13 +268,12 @@ TEST(DigestTrace, LinesOfSuccessAndFailurePaths) {
   const std::string start = "****************#start#****************\n";
   const std::string failure = "!!!!!!!!!!!!!!!!#error#!!!!!!!!!!!!!!!!\n";
   const std::string success = "++++++++++++++++#success#++++++++++++++++\n";
-  struct Case {
+  const struct {
     const char* format;
     const char* hash;
     SSF_RC rc;
     Lines lines;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"RAW_GOST", "SHA1", SSF_OK,
        {start, "#warn# Unknown format name ('RAW_GOST').\n", "#trace# Using hash alg = 1.3.14.3.2.26.\n", success}},
       {"PKCS7", "GOST2012-256", SSF_OK, {start, "#trace# Using hash alg = 1.2.643.7.1.1.2.2.\n", success}},
@@ -292,7 +289,7 @@ TEST(DigestTrace, LinesOfSuccessAndFailurePaths) {
       {"XML", "SHA1", SSF_ERR_FORMAT, {start, "#warn# Unknown format name ('XML').\n", failure}},
   };
   CoreTrace trace;
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(std::string(c.format) + " " + c.hash);
     trace.clear();
     unsigned char* out = nullptr;

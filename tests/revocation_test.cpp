@@ -47,13 +47,12 @@ TEST_F(Revocation, CrlsOfTheStores) {
   // Same name as the real CA, another key: its CRLs prove nothing.
   UniquePtr<X509> impostor = issue_certificate({.subject = {{"CN", "Revocation CA"}}, .ca = true}, other_key.get());
   UniquePtr<X509> cert = leaf(0x1234);
-  struct Case {
+  const struct {
     const char* name;
     UniquePtr<X509_CRL> crl;
     Verdict verdict;
     DWORD error;
-  };
-  Case cases[] = {
+  } cases[] = {
       {"lists it", issue_crl(ca.get(), ca_key.get(), {7, 0x1234}), Verdict::revoked, CRYPT_E_REVOKED},
       {"current, without it", issue_crl(ca.get(), ca_key.get(), {7}), Verdict::good, 0},
       {"past its next update, without it", issue_crl(ca.get(), ca_key.get(), {7}, -10 * kDay, -kDay),
@@ -63,7 +62,7 @@ TEST_F(Revocation, CrlsOfTheStores) {
       {"another key's", issue_crl(impostor.get(), other_key.get(), {0x1234}), Verdict::unknown,
        CRYPT_E_NO_REVOCATION_CHECK},
   };
-  for (Case& c : cases) {
+  for (auto& c : cases) {
     SCOPED_TRACE(c.name);
     revocation::Options options = quick();
     options.store_crls.push_back(c.crl.get());
@@ -127,11 +126,10 @@ TEST_F(Revocation, UnreachableSourcesAreOfflineAndFast) {
   UniquePtr<X509> other_ca = issue_certificate({.subject = {{"CN", "Other CA"}}, .serial = 9, .ca = true}, ca_key.get());
   server.put("/foreign.crl", der_of(issue_crl(other_ca.get(), ca_key.get(), {}).get()));
   const std::string down = "http://127.0.0.1:" + std::to_string(free_port()) + "/ca.crl";
-  struct Case {
+  const struct {
     const char* name;
     std::string crl_url, ocsp_url;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"nobody listens (CRL)", down, ""},
       {"nobody listens (OCSP)", "", down},
       {"answers nothing", silent.url("/ca.crl"), ""},
@@ -140,7 +138,7 @@ TEST_F(Revocation, UnreachableSourcesAreOfflineAndFast) {
       {"not a CRL", server.url("/garbage.crl"), ""},
       {"another issuer's CRL", server.url("/foreign.crl"), ""},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     revocation::clear_cache();
     UniquePtr<X509> cert = leaf(0x31, c.crl_url, c.ocsp_url);
@@ -234,11 +232,10 @@ TEST(Http, FailuresGiveWininetErrors) {
   HttpServer silent(/*silent=*/true);
   HttpServer server;
   server.put("/ok", "body");
-  struct Case {
+  const struct {
     std::string url;
     DWORD error;  // 0: success
-  };
-  const Case cases[] = {
+  } cases[] = {
       {server.url("/ok"), 0},
       {server.url("/missing"), ERROR_HTTP_INVALID_SERVER_RESPONSE},
       {"http://127.0.0.1:" + std::to_string(free_port()) + "/", ERROR_INTERNET_CANNOT_CONNECT},
@@ -247,7 +244,7 @@ TEST(Http, FailuresGiveWininetErrors) {
       {"https://127.0.0.1/", ERROR_INTERNET_INVALID_URL},
       {"ftp://127.0.0.1/crl", ERROR_INTERNET_INVALID_URL},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.url);
     bv::platform::http::Request request;
     request.url = c.url;
