@@ -168,8 +168,9 @@ TEST(DigestCms, LengthOctetsAtEveryStepAndEveryFormat) {
   EXPECT_EQ(ssf_digest("RAW_GOST_INVERTED", "SHA1", data).output, raw);
 }
 
-// A name is compared over its own length only, so prefixes pick a row.
-TEST(DigestNames, PrefixesPickTheFirstRowThatStartsWithThem) {
+// A name is compared over its own length only, so prefixes pick a row; the
+// checks come in their order, and a refusal leaves the pointer alone.
+TEST(DigestNames, PrefixesAndRefusals) {
   const std::string data = "prefix check";
   const std::string sha1 = ssf_digest("RAW_GOST", "SHA1", data).output;
   const std::string gost94 = ssf_digest("RAW_GOST", "GOST3411", data).output;
@@ -179,59 +180,41 @@ TEST(DigestNames, PrefixesPickTheFirstRowThatStartsWithThem) {
   ASSERT_EQ(sha1.size(), 20u);
   ASSERT_EQ(gost94.size(), 32u);
   ASSERT_EQ(gost512.size(), 64u);
+  const std::string none;
   const struct {
-    std::string name;
-    int32_t length;
+    std::string format, hash;
+    int32_t format_length, hash_length;
     SSF_RC rc;
-    const std::string* expected;
+    const std::string& expected;
+    std::string data = "prefix check";
   } cases[] = {
-      {"S", 1, SSF_OK, &sha1},
-      {std::string("SHA1\0", 5), 5, SSF_OK, &sha1},  // the terminator inside the length still matches
-      {"SHA1x", 5, SSF_ERR_HASHALG, nullptr},
-      {"G", 1, SSF_OK, &gost94},
-      {"GOST", 4, SSF_OK, &gost94},
-      {"GOST-R-34.11-94", 15, SSF_OK, &gost94},
-      {"GOST2012", 8, SSF_OK, &gost256},
-      {"GOST-R-34.11-2", 14, SSF_OK, &gost256},
-      {"GOST-R-32", 9, SSF_OK, &gost512},
-      {"GOST-R-32.11-2012-512", 21, SSF_OK, &gost512},
-      {"GOST-R-34.11-2012-512", 21, SSF_ERR_HASHALG, nullptr},  // announced, yet refused
-      {"MD5", 3, SSF_OK, &md5},
-      {"sha1", 4, SSF_ERR_HASHALG, nullptr},
+      {"RAW_GOST", "S", 8, 1, SSF_OK, sha1},
+      {"RAW_GOST", std::string("SHA1\0", 5), 8, 5, SSF_OK, sha1},  // the terminator inside the length still matches
+      {"RAW_GOST", "SHA1x", 8, 5, SSF_ERR_HASHALG, none},
+      {"RAW_GOST", "G", 8, 1, SSF_OK, gost94},
+      {"RAW_GOST", "GOST-R-34.11-94", 8, 15, SSF_OK, gost94},
+      {"RAW_GOST", "GOST2012", 8, 8, SSF_OK, gost256},
+      {"RAW_GOST", "GOST-R-34.11-2", 8, 14, SSF_OK, gost256},
+      {"RAW_GOST", "GOST-R-32", 8, 9, SSF_OK, gost512},
+      {"RAW_GOST", "GOST-R-32.11-2012-512", 8, 21, SSF_OK, gost512},
+      {"RAW_GOST", "GOST-R-34.11-2012-512", 8, 21, SSF_ERR_HASHALG, none},  // announced, yet refused
+      {"RAW_GOST", "MD5", 8, 3, SSF_OK, md5},
+      {"RAW_GOST", "sha1", 8, 4, SSF_ERR_HASHALG, none},
+      {"PEM", "NOPE", 3, 4, SSF_ERR_FORMAT, none},  // bad format before bad hash
+      {"RAW_GOST", "SHA1", 7, 4, SSF_ERR_FORMAT, none},  // raw name one byte short
+      {"XML", "SHA1", 3, 4, SSF_ERR_FORMAT, none, ""},  // unknown format before empty data
+      {"PKCS7", "NOPE", 5, 4, SSF_ERR_INPUT, none, ""},  // empty data before a bad hash
+      {"PKCS7", "SHA1", 5, 0, SSF_ERR_HASHALG, none},
+      {"RAW_GOST", "SHA1", 8, -1, SSF_ERR_HASHALG, none},
+      {"PKCS7", "SHA256", 5, 6, SSF_ERR_HASHALG, none},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    const Digest d = ssf_digest("RAW_GOST", c.name, data, false, c.length);
-    ASSERT_EQ(d.rc, c.rc);
-    EXPECT_EQ(d.output, c.expected != nullptr ? *c.expected : std::string());
-    EXPECT_EQ(d.length, d.output.size());
-  }
-}
-
-TEST(DigestFailures, ChecksComeInTheirOrderAndLeaveThePointerAlone) {
-  const struct {
-    const char* what;
-    std::string format;
-    int32_t format_length;
-    std::string data;
-    std::string hash;
-    int32_t hash_length;
-    SSF_RC rc;
-  } cases[] = {
-      {"bad format and bad hash", "PEM", 3, "x", "NOPE", 4, SSF_ERR_FORMAT},
-      {"raw name one byte short", "RAW_GOST", 7, "x", "SHA1", 4, SSF_ERR_FORMAT},
-      {"unknown format, empty data", "XML", 3, "", "SHA1", 4, SSF_ERR_FORMAT},
-      {"empty data before a bad hash", "PKCS7", 5, "", "NOPE", 4, SSF_ERR_INPUT},
-      {"hash length zero", "PKCS7", 5, "x", "SHA1", 0, SSF_ERR_HASHALG},
-      {"hash length negative", "RAW_GOST", 8, "x", "SHA1", -1, SSF_ERR_HASHALG},
-      {"unknown hash", "PKCS7", 5, "x", "SHA256", 6, SSF_ERR_HASHALG},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
+    SCOPED_TRACE(c.format + " " + c.hash + " " + std::to_string(c.hash_length));
     const Digest d = ssf_digest(c.format, c.hash, c.data, false, c.hash_length, c.format_length);
-    EXPECT_EQ(d.rc, c.rc);
-    EXPECT_EQ(d.length, 0u);
-    EXPECT_TRUE(d.pointer_untouched);
+    ASSERT_EQ(d.rc, c.rc);
+    EXPECT_EQ(d.output, c.expected);
+    EXPECT_EQ(d.length, d.output.size());
+    EXPECT_EQ(d.pointer_untouched, c.rc != SSF_OK);
   }
 }
 
