@@ -6,32 +6,31 @@
 #include <string>
 
 #include "advapi32/keys.h"
-#include "crypt32/cert.h"
 #include "crypt32/keys.h"
-#include "host.h"
-#include "pki.h"
+#include "crypt32/store.h"
+#include "signing.h"
 
+namespace bv::test {
 namespace {
-
-using bv::test::DemoPki;
 
 class BvstoreTest : public ::testing::Test {
  protected:
   void SetUp() override {
     setenv("BV_PLATFORM_LOCAL_APPDATA", (home_ / "user").c_str(), 1);
     setenv("BV_PLATFORM_COMMON_APPDATA", (home_ / "machine").c_str(), 1);
+    bv::platform::forget_cached_stores();
   }
   // Runs bvstore with this test's folders; output and error together.
-  std::string bvstore(const std::string& arguments, int* status) {
-    return bv::test::run_command("BV_PLATFORM_LOCAL_APPDATA=" + (home_ / "user") +
-                                     " BV_PLATFORM_COMMON_APPDATA=" + (home_ / "machine") + " " + BV_TOOLS_DIR +
-                                     "/bvstore " + arguments + " 2>&1",
-                                 status);
+  std::string bvstore(const std::string& arguments, int* status = nullptr) {
+    return run_command("BV_PLATFORM_LOCAL_APPDATA=" + (home_ / "user") + " BV_PLATFORM_COMMON_APPDATA=" +
+                           (home_ / "machine") + " " + BV_TOOLS_DIR "/bvstore " + arguments + " 2>&1",
+                       status);
   }
   std::string store(const std::string& location, const std::string& name) {
     return home_ / (location + "/Brelvantec/Certificates/" + name);
   }
-  bv::test::TempDir home_;
+  const SigningWorld& w = SigningWorld::get();
+  TempDir home_;
 };
 
 // Whether the key of the only certificate in the user's store `name` opens
@@ -42,142 +41,119 @@ bool opens_with(const std::string& name, const std::string& pin) {
   PCCERT_CONTEXT context = CertEnumCertificatesInStore(store, nullptr);
   CertCloseStore(store, 0);
   if (context == nullptr) return false;
-  bv::test::give_pin(context, pin.c_str());
+  give_pin(context, pin.c_str());
   HCRYPTPROV provider = 0;
   DWORD key_spec = 0;
   const bool opened = CryptAcquireCertificatePrivateKey(context, 0x45, nullptr, &provider, &key_spec, nullptr) &&
-                      bv::test::key_opened(provider);
+                      key_opened(provider);
   CertFreeCertificateContext(context);
   return opened;
 }
 
 TEST_F(BvstoreTest, ImportsCertificatesWithAndWithoutKeys) {
-  const DemoPki& pki = DemoPki::get();
-  int status = 0;
   // A PEM certificate with its key, encrypted under another password: the
   // key is stored under the new PIN.
   const std::string source_key = home_ / "source.key";
-  bv::test::run_command("openssl pkcs8 -engine gost -topk8 -v2 aes-256-cbc -passin pass:" + pki.pin("signer-2012-256") +
-                            " -passout pass:transport -in " + pki.key_file("signer-2012-256") + " -out " + source_key +
-                            " 2>&1",
-                        &status);
-  ASSERT_EQ(status, 0);
-  std::string out = bvstore("import Signing " + pki.pem_file("signer-2012-256") + " --key " + source_key +
-                                " --password transport --pin 'new pin'",
-                            &status);
-  ASSERT_EQ(status, 0) << out;
-  EXPECT_EQ(out, pki.hash("signer-2012-256") + "  with key\n");
+  run_checked("openssl pkcs8 -engine gost -topk8 -v2 aes-256-cbc -passin pass:1111 -passout pass:transport -in " +
+              w.my("01-alice.key") + " -out " + source_key + " 2>&1");
+  std::string out = bvstore("import Signing " + w.alice.cert_pem + " --key " + source_key +
+                            " --password transport --pin 'new pin'");
+  EXPECT_EQ(out, w.alice.sha1_hex + "  with key\n");
   EXPECT_TRUE(opens_with("Signing", "new pin"));
   EXPECT_FALSE(opens_with("Signing", "transport"));
-  EXPECT_FALSE(opens_with("Signing", pki.pin("signer-2012-256")));
+  EXPECT_FALSE(opens_with("Signing", "1111"));
 
   // PKCS #12 with an empty new PIN gives a plain key file.
   const std::string p12 = home_ / "bundle.p12";
-  bv::test::run_command("openssl pkcs12 -export -engine gost -passin pass:" + pki.pin("signer-2012-512") +
-                            " -inkey " + pki.key_file("signer-2012-512") + " -in " + pki.pem_file("signer-2012-512") +
-                            " -passout pass:bundle -out " + p12 + " 2>&1",
-                        &status);
-  ASSERT_EQ(status, 0);
+  run_checked("openssl pkcs12 -export -engine gost -passin pass:2222 -inkey " + w.my("02-bob.key") + " -in " +
+              w.bob.cert_pem + " -passout pass:bundle -out " + p12 + " 2>&1");
+  int status = 0;
   out = bvstore("import Bundle " + p12 + " --password bundle", &status);
   ASSERT_EQ(status, 0) << out;
   EXPECT_TRUE(opens_with("Bundle", "anything"));
-  EXPECT_EQ(bv::test::read_file(store("user", "Bundle/" + pki.hash("signer-2012-512") + ".key")).find("ENCRYPTED"),
-            std::string::npos);
+  EXPECT_FALSE(contains(read_file(store("user", "Bundle/" + w.bob.sha1_hex + ".key")), "ENCRYPTED"));
 
   // A DER certificate alone, into the machine's store.
-  out = bvstore("import -m Partners " + pki.certificate_file("recipient-2001", "Addressbook"), &status);
+  out = bvstore("import -m Partners " + w.my("03-carol.cer"), &status);
   ASSERT_EQ(status, 0) << out;
-  EXPECT_EQ(bv::test::read_file(store("machine", "Partners/" + pki.hash("recipient-2001") + ".cer")),
-            bv::test::read_file(pki.certificate_file("recipient-2001")));
-  EXPECT_FALSE(std::filesystem::exists(store("machine", "Partners/" + pki.hash("recipient-2001") + ".key")));
+  EXPECT_EQ(read_file(store("machine", "Partners/" + w.carol.sha1_hex + ".cer")), read_file(w.my("03-carol.cer")));
+  EXPECT_FALSE(std::filesystem::exists(store("machine", "Partners/" + w.carol.sha1_hex + ".key")));
 
-  out = bvstore("list", &status);
-  EXPECT_EQ(out, "Bundle\nSigning\n");
-  out = bvstore("list -m Partners", &status);
-  EXPECT_EQ(status, 0);
-  EXPECT_EQ(out.rfind(pki.hash("recipient-2001") + "  CN=Demo Recipient 2001, O=Demo Organisation", 0), 0u) << out;
-  EXPECT_EQ(out.find("[key]"), std::string::npos);
+  EXPECT_EQ(bvstore("list"), "Bundle\nSigning\n");
+  out = bvstore("list -m Partners");
+  EXPECT_EQ(out.rfind(w.carol.sha1_hex + "  O=Other Bank, CN=Carol, C=RU", 0), 0u) << out;
+  EXPECT_FALSE(contains(out, "[key]"));
 }
 
 TEST_F(BvstoreTest, RefusesBadInputAndWritesNothing) {
-  const DemoPki& pki = DemoPki::get();
-  bv::test::write_file(home_ / "garbage.cer", "no certificate here");
+  write_file(home_ / "garbage.cer", "no certificate here");
   const std::string p12 = home_ / "bundle.p12";
-  int status = 0;
-  bv::test::run_command("openssl pkcs12 -export -engine gost -inkey " + pki.key_file("signer-nopin") + " -in " +
-                            pki.pem_file("signer-nopin") + " -passout pass:right -out " + p12 + " 2>&1",
-                        &status);
-  ASSERT_EQ(status, 0);
-  struct Case {
+  run_checked("openssl pkcs12 -export -engine gost -inkey " + w.my("03-carol.key") + " -in " + w.carol.cert_pem +
+              " -passout pass:right -out " + p12 + " 2>&1");
+  const struct {
     std::string arguments;
     const char* says;
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {"import Bad " + (home_ / "garbage.cer"), "no certificate and no PKCS #12"},
       {"import Bad " + p12 + " --password wrong", "wrong --password"},
-      {"import Bad " + pki.pem_file("signer-2001") + " --key " + pki.key_file("signer-2012-256") + " --password " +
-           pki.pin("signer-2012-256"),
-       "not the certificate's"},
-      {"import Bad " + pki.pem_file("signer-2001") + " --key " + pki.key_file("signer-2001"), "give --password"},
-      {"import ../Bad " + pki.pem_file("signer-2001"), "bad store name"},
+      {"import Bad " + w.alice.cert_pem + " --key " + w.my("02-bob.key") + " --password 2222", "not the certificate's"},
+      {"import Bad " + w.alice.cert_pem + " --key " + w.my("01-alice.key"), "give --password"},
+      {"import ../Bad " + w.alice.cert_pem, "bad store name"},
       {"delete Bad 0011", "40 hexadecimal digits"},
       {"list Nothing", "no store Nothing"},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.arguments);
+    int status = 0;
     const std::string out = bvstore(c.arguments, &status);
     EXPECT_EQ(status, 1);
-    EXPECT_NE(out.find(c.says), std::string::npos) << out;
+    EXPECT_TRUE(contains(out, c.says)) << out;
   }
   EXPECT_FALSE(std::filesystem::exists(store("user", "Bad")) && !std::filesystem::is_empty(store("user", "Bad")));
 }
 
 TEST_F(BvstoreTest, HashAndDelete) {
-  const DemoPki& pki = DemoPki::get();
-  int status = 0;
-  std::string fingerprint = bv::test::run_command(
-      "openssl x509 -noout -fingerprint -sha1 -in " + pki.pem_file("signer-2001") + " | cut -d= -f2 | tr -d ':'",
-      &status);
-  EXPECT_EQ(bvstore("hash " + pki.certificate_file("signer-2001"), &status), fingerprint);
-  EXPECT_EQ(bvstore("hash " + pki.pem_file("signer-2001"), &status), fingerprint);
+  const std::string fingerprint =
+      run_checked("openssl x509 -noout -fingerprint -sha1 -in " + w.carol.cert_pem + " | cut -d= -f2 | tr -d ':'");
+  EXPECT_EQ(bvstore("hash " + w.my("03-carol.cer")), fingerprint);
+  EXPECT_EQ(bvstore("hash " + w.carol.cert_pem), fingerprint);
 
-  ASSERT_EQ(bvstore("create Work", &status), store("user", "Work") + "\n");
-  bvstore("import Work " + pki.pem_file("signer-nopin") + " --key " + pki.key_file("signer-nopin"), &status);
+  ASSERT_EQ(bvstore("create Work"), store("user", "Work") + "\n");
+  int status = 0;
+  bvstore("import Work " + w.carol.cert_pem + " --key " + w.my("03-carol.key"), &status);
   ASSERT_EQ(status, 0);
-  std::string lower = pki.hash("signer-nopin");
+  std::string lower = w.carol.sha1_hex;
   for (char& c : lower) c = static_cast<char>(std::tolower(c));
-  EXPECT_EQ(bvstore("delete Work " + lower, &status), "deleted " + store("user", "Work/" + pki.hash("signer-nopin")) + ".cer\n");
+  EXPECT_EQ(bvstore("delete Work " + lower), "deleted " + store("user", "Work/" + w.carol.sha1_hex) + ".cer\n");
   EXPECT_TRUE(std::filesystem::is_empty(store("user", "Work")));
   bvstore("delete Work " + lower, &status);
   EXPECT_EQ(status, 1);
 }
 
 TEST(BvstoreDemo, OpensslAcceptsTheChainsAndTheCrl) {
-  const DemoPki& pki = DemoPki::get();
-  bv::test::TempDir dir;
-  int status = 0;
-  const std::string crl = dir / "ca.crl.pem";
-  const std::string root_crl = dir / "root.crl.pem";
-  bv::test::run_command("openssl crl -inform DER -in " + pki.store_folder("common", "CA") + "/demo-ca.crl -out " + crl,
-                        &status);
-  ASSERT_EQ(status, 0);
-  bv::test::run_command(
-      "openssl crl -inform DER -in " + pki.store_folder("common", "Root") + "/demo-root.crl -out " + root_crl, &status);
-  ASSERT_EQ(status, 0);
-  struct Case {
-    const char* name;
-    const char* verdict;
+  TempDir dir;
+  run_checked(BV_TOOLS_DIR "/bvstore demo " + dir.path() + " 2>&1");
+  const std::string common = dir / "common/Brelvantec/Certificates/", my = dir / "local/Brelvantec/Certificates/My/";
+  const auto pem = [&](const std::string& der, const char* kind = "x509") {
+    run_checked(std::string("openssl ") + kind + " -inform DER -in " + der + " -out " + der + ".pem");
+    return der + ".pem";
   };
-  for (const Case& c : {Case{"signer-2001", "OK"}, Case{"signer-2012-256", "OK"}, Case{"signer-2012-512", "OK"},
-                        Case{"recipient-2012-512", "OK"}, Case{"signer-revoked", "certificate revoked"},
-                        Case{"signer-expired", "certificate has expired"}}) {
-    SCOPED_TRACE(c.name);
-    const std::string out = bv::test::run_command(
-        "openssl verify -engine gost -crl_check_all -CAfile " + pki.pem_file("root", "Root") + " -untrusted " +
-            pki.pem_file("ca", "CA") + " -CRLfile " + crl + " -CRLfile " + root_crl + " " + pki.pem_file(c.name) + " 2>&1",
-        &status);
-    EXPECT_NE(out.find(c.verdict), std::string::npos) << out;
+  const std::string chain = " -CAfile " + pem(common + "Root/demo-root.cer") + " -untrusted " +
+                            pem(common + "CA/demo-ca.cer") + " -CRLfile " + pem(common + "CA/demo-ca.crl", "crl") +
+                            " -CRLfile " + pem(common + "Root/demo-root.crl", "crl") + " ";
+  for (const auto& [file, verdict] :
+       {std::pair{"10-signer-2001", "OK"}, {"20-signer-2012-256", "OK"}, {"30-signer-2012-512", "OK"},
+        {"90-recipient-2012-512", "OK"}, {"50-signer-revoked", "certificate revoked"},
+        {"60-signer-expired", "certificate has expired"}}) {
+    SCOPED_TRACE(file);
+    const std::string out =
+        run_command("openssl verify -engine gost -crl_check_all" + chain + pem(my + file + ".cer") + " 2>&1");
+    EXPECT_TRUE(contains(out, verdict)) << out;
   }
+  // The manifest names each certificate with its hash and PIN.
+  const std::string hash = run_command(BV_TOOLS_DIR "/bvstore hash " + my + "20-signer-2012-256.cer");
+  EXPECT_TRUE(contains(read_file(dir / "demo.txt"), "\t" + hash.substr(0, 40) + "\t22222222\tgost2012_256\n"));
 }
 
 }  // namespace
+}  // namespace bv::test

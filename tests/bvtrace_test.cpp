@@ -12,12 +12,7 @@
 #include "host.h"
 #include "trace/table.h"
 
-using bv::test::contains;
-using bv::test::query_formats;
-using bv::test::run_command;
-using bv::test::run_isolated;
-using bv::test::SsfApi;
-using bv::test::TempDir;
+namespace bv::test {
 
 namespace {
 
@@ -54,13 +49,13 @@ TEST(Bvtrace, TheNextLineObeys) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     TempDir dir;
-    const auto child = run_isolated(bv::test::trace_env(dir, c.level), [&] {
+    const auto child = run_isolated(trace_env(dir, c.level), [&] {
       query_formats();
-      const size_t before = bv::test::trace_log(dir).size();
+      const size_t before = trace_log(dir).size();
       std::string output;
       ASSERT_EQ(run_tool(c.command, &output), 0) << output;
       query_formats();
-      const std::string log = bv::test::trace_log(dir);
+      const std::string log = trace_log(dir);
       EXPECT_EQ(contains(log.substr(0, before), "#start#"), c.before) << log;
       const std::string added = log.substr(before);
       EXPECT_EQ(contains(added, "#start#"), c.after) << log;
@@ -70,36 +65,27 @@ TEST(Bvtrace, TheNextLineObeys) {
   }
 }
 
-TEST(Bvtrace, ListShowsTheModulesAndCategories) {
+// What `list` shows, and what the tool refuses, with the code it exits with.
+TEST(Bvtrace, ListsAndRefuses) {
   TempDir dir;
-  const auto child = run_isolated(bv::test::trace_env(dir, 3, 1), [] {
+  const auto child = run_isolated(trace_env(dir, 3, 1), [] {
     SsfApi::get();
-    std::string output;
-    ASSERT_EQ(run_tool("list PID", &output), 0) << output;
-    EXPECT_TRUE(contains(output, "flags 1 (category names on, file and line off)")) << output;
-    EXPECT_TRUE(contains(output, "module libbvsapssf.so: level 3, status 1 enabled")) << output;
-    EXPECT_TRUE(contains(output, "category BVTraceGeneral: level 0, status 0 inherit")) << output;
-    EXPECT_TRUE(contains(output, "category BVTraceSnapin: level 0, status 0 inherit")) << output;
-  });
-  EXPECT_EQ(child.exit_code, 0);
-}
-
-TEST(Bvtrace, RefusesWhatItCannotDo) {
-  TempDir dir;
-  const auto child = run_isolated(bv::test::trace_env(dir, 3), [] {
-    SsfApi::get();
-    struct Case {
+    const struct {
       const char* command;
       int status;
       const char* message;
-    } const cases[] = {
+    } cases[] = {
+        {"list PID", 0, "flags 1 (category names on, file and line off)"},
+        {"list PID", 0, "module libbvsapssf.so: level 3, status 1 enabled"},
+        {"list PID", 0, "category BVTraceGeneral: level 0, status 0 inherit"},
+        {"list PID", 0, "category BVTraceSnapin: level 0, status 0 inherit"},
         {"set PID NoSuchName 4 1", 3, "has no module or category NoSuchName"},
         {"set PID libbvsapssf.so 4 7", 1, "usage"},
         {"flags PID 4", 1, "usage"},
         {"set 1 libbvsapssf.so 4 1", 2, "has no trace table"},
         {"list notapid", 2, "not a process id"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
       SCOPED_TRACE(c.command);
       std::string output;
       EXPECT_EQ(run_tool(c.command, &output), c.status) << output;
@@ -124,10 +110,12 @@ TEST(Bvtrace, WaitsForAProcessToAnnounceItself) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   TempDir dir;
-  EXPECT_EQ(run_isolated(bv::test::trace_env(dir, 1), [] { SsfApi::get(); }).exit_code, 0);
+  EXPECT_EQ(run_isolated(trace_env(dir, 1), [] { SsfApi::get(); }).exit_code, 0);
   char line[64] = {};
   const bool read = std::fgets(line, sizeof line, waiting) != nullptr;
   EXPECT_EQ(pclose(waiting), 0);
   ASSERT_TRUE(read);
   EXPECT_STREQ(line, "announced\n");
 }
+
+}  // namespace bv::test

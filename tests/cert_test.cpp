@@ -1,19 +1,21 @@
 // Certificate contexts, names as text, integer and name comparison, signing
-// time decoding, against real GOST certificates of the demo PKI and names
+// time decoding and the OID table, against real GOST certificates and names
 // built with OpenSSL.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 #include <vector>
 
 #include "crypt32/cert.h"
+#include "crypt32/oidinfo.h"
 #include "crypt32/store.h"
 #include "host.h"
-#include "pki.h"
+#include "signing.h"
+
+namespace bv::test {
 
 namespace {
-
-using bv::test::DemoPki;
 
 // An encoded name from (OID, ASN.1 string type, bytes, RDN set) rows; a set
 // of 0 starts a new RDN, -1 joins the one before.
@@ -57,14 +59,12 @@ TEST(CertNameToStrA, RendersAsTheTable) {
     DWORD type;
     std::string expected;
   };
+  const std::vector<Attribute> ivan = {{"2.5.4.3", utf8, "Ivan"}, {"2.5.4.10", utf8, "Org"}, {"2.5.4.6", printable, "RU"}};
   const std::vector<Case> cases = {
-      {"plain X.500", {{"2.5.4.3", utf8, "Ivan"}, {"2.5.4.10", utf8, "Org"}, {"2.5.4.6", printable, "RU"}},
-       CERT_X500_NAME_STR, "CN=Ivan, O=Org, C=RU"},
-      {"OID form", {{"2.5.4.3", utf8, "Ivan"}, {"2.5.4.10", utf8, "Org"}, {"2.5.4.6", printable, "RU"}},
-       CERT_OID_NAME_STR, "2.5.4.3=Ivan, 2.5.4.10=Org, 2.5.4.6=RU"},
-      {"reversed", {{"2.5.4.3", utf8, "Ivan"}, {"2.5.4.10", utf8, "Org"}, {"2.5.4.6", printable, "RU"}},
-       CERT_X500_NAME_STR | CERT_NAME_STR_REVERSE_FLAG, "C=RU, O=Org, CN=Ivan"},
-      {"simple", {{"2.5.4.3", utf8, "Ivan"}, {"2.5.4.6", printable, "RU"}}, CERT_SIMPLE_NAME_STR, "Ivan, RU"},
+      {"plain X.500", ivan, CERT_X500_NAME_STR, "CN=Ivan, O=Org, C=RU"},
+      {"OID form", ivan, CERT_OID_NAME_STR, "2.5.4.3=Ivan, 2.5.4.10=Org, 2.5.4.6=RU"},
+      {"reversed", ivan, CERT_X500_NAME_STR | CERT_NAME_STR_REVERSE_FLAG, "C=RU, O=Org, CN=Ivan"},
+      {"simple", ivan, CERT_SIMPLE_NAME_STR, "Ivan, Org, RU"},
       {"quotes doubled", {{"2.5.4.10", utf8, "OOO \"Romashka\""}}, CERT_X500_NAME_STR, "O=\"OOO \"\"Romashka\"\"\""},
       {"comma", {{"2.5.4.10", utf8, "Demo, Inc"}}, CERT_OID_NAME_STR, "2.5.4.10=\"Demo, Inc\""},
       {"equals, hash, semicolon, angle",
@@ -95,8 +95,7 @@ TEST(CertNameToStrA, RendersAsTheTable) {
        "OID.1.2.643.100.5=304500116000157"},
       {"multi-valued RDN", {{"2.5.4.3", utf8, "a"}, {"2.5.4.10", utf8, "b", -1}, {"2.5.4.6", printable, "RU"}},
        CERT_X500_NAME_STR, "CN=a + O=b, C=RU"},
-      {"semicolons", {{"2.5.4.3", utf8, "a"}, {"2.5.4.6", printable, "RU"}},
-       CERT_X500_NAME_STR | CERT_NAME_STR_SEMICOLON_FLAG, "CN=a; C=RU"},
+      {"semicolons", ivan, CERT_X500_NAME_STR | CERT_NAME_STR_SEMICOLON_FLAG, "CN=Ivan; O=Org; C=RU"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -110,10 +109,10 @@ TEST(CertNameToStrA, AnsiPageMatchesIconv) {
   // the system's converter.
   const std::string text = "АБВГДЕЁЖЗИЙКЛМНОПРСТУФХЦЧШЩЪЫЬЭЮЯабвгдеёжзийклмнопрстуфхцчшщъыьэюя№—«»€ЂЃЉЊЌЋЏђѓљњќћџЎўЈҐЄЇІіґµ";
   std::vector<BYTE> der = encode_name({{"1.2.3.4", MBSTRING_UTF8, text}});  // no length limit
-  bv::test::TempDir dir;
-  bv::test::write_file(dir / "in.txt", text);
+  TempDir dir;
+  write_file(dir / "in.txt", text);
   int status = 0;
-  const std::string expected = bv::test::run_command("iconv -f UTF-8 -t CP1251 " + (dir / "in.txt"), &status);
+  const std::string expected = run_command("iconv -f UTF-8 -t CP1251 " + (dir / "in.txt"), &status);
   ASSERT_EQ(status, 0);
   EXPECT_EQ(render(der, CERT_SIMPLE_NAME_STR), expected);
 }
@@ -189,9 +188,9 @@ std::string render_blob(const CERT_NAME_BLOB& blob) {
   return render(der, CERT_X500_NAME_STR);
 }
 
-TEST(CertificateContext, FieldsOfADemoCertificate) {
-  const DemoPki& pki = DemoPki::get();
-  const std::string der = bv::test::read_file(pki.certificate_file("signer-2012-256"));
+TEST(CertificateContext, FieldsOfACertificate) {
+  const std::string file = SigningWorld::get().my("01-alice.cer");
+  const std::string der = read_file(file);
   PCCERT_CONTEXT context =
       CertCreateCertificateContext(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()),
                                    static_cast<DWORD>(der.size()));
@@ -202,17 +201,14 @@ TEST(CertificateContext, FieldsOfADemoCertificate) {
   EXPECT_STREQ(info->SignatureAlgorithm.pszObjId, "1.2.643.7.1.1.3.2");
   EXPECT_STREQ(info->SubjectPublicKeyInfo.Algorithm.pszObjId, "1.2.643.7.1.1.1.1");
   EXPECT_NE(context->hCertStore, nullptr);
-  // The demo's end entities have serials 101 and up, stored least significant first.
   ASSERT_EQ(info->SerialNumber.cbData, 1u);
-  EXPECT_EQ(info->SerialNumber.pbData[0], 102);
-  EXPECT_EQ(render_blob(info->Issuer), "CN=Demo Issuing CA, O=Demo Organisation, C=RU");
+  EXPECT_EQ(info->SerialNumber.pbData[0], 2);
+  EXPECT_EQ(render_blob(info->Issuer), "O=Test PKI, CN=Test Root, C=RU");
 
   // Validity as openssl prints it.
   SYSTEMTIME until{};
   ASSERT_TRUE(FileTimeToSystemTime(&info->NotAfter, &until));
-  int status = 0;
-  const std::string end = bv::test::run_command(
-      "openssl x509 -inform DER -noout -enddate -in " + pki.certificate_file("signer-2012-256"), &status);
+  const std::string end = run_command("openssl x509 -inform DER -noout -enddate -in " + file);
   static const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
   char expected[48];
   std::snprintf(expected, sizeof expected, "notAfter=%s %2u %02u:%02u:%02u %04u GMT", months[until.wMonth - 1],
@@ -222,32 +218,64 @@ TEST(CertificateContext, FieldsOfADemoCertificate) {
 }
 
 TEST(CryptDecodeObject, SigningTimeInBothTimeForms) {
-  struct Case {
-    std::string der;
-    uint64_t ticks;  // 100 ns since 1601
-  };
-  // Seconds since 1970 (date -u +%s -d ...), 11644473600 more since 1601.
+  // Seconds since 1970 (date -u +%s -d ...), 11644473600 more since 1601, in 100 ns.
   auto ticks = [](uint64_t unix_seconds) { return (unix_seconds + 11644473600ULL) * 10000000ULL; };
-  const uint64_t leap_day = ticks(1709210096);  // 2024-02-29 12:34:56
-  const std::vector<Case> cases = {
-      {std::string("\x17\x0D") + "240229123456Z", leap_day},
-      {std::string("\x18\x0F") + "20240229123456Z", leap_day},
+  const struct {
+    std::string der;
+    uint64_t ticks;  // 0: refused
+  } cases[] = {
+      {std::string("\x17\x0D") + "240229123456Z", ticks(1709210096)},  // 2024-02-29 12:34:56
+      {std::string("\x18\x0F") + "20240229123456Z", ticks(1709210096)},
       {std::string("\x18\x0F") + "20510101000000Z", ticks(2556144000)},
+      {"\x04\x02xx", 0},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.der.substr(2));
     FILETIME time{};
     DWORD size = sizeof time;
-    ASSERT_TRUE(CryptDecodeObject(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, szOID_RSA_signingTime,
-                                  reinterpret_cast<const BYTE*>(c.der.data()), static_cast<DWORD>(c.der.size()), 0,
-                                  &time, &size));
-    EXPECT_EQ((static_cast<uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime, c.ticks);
+    ASSERT_EQ(CryptDecodeObject(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, szOID_RSA_signingTime,
+                                reinterpret_cast<const BYTE*>(c.der.data()), static_cast<DWORD>(c.der.size()), 0, &time,
+                                &size) != 0,
+              c.ticks != 0);
+    if (c.ticks != 0) { EXPECT_EQ((static_cast<uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime, c.ticks); }
   }
-  const std::string bad = "\x04\x02xx";
-  FILETIME time{};
-  DWORD size = sizeof time;
-  EXPECT_FALSE(CryptDecodeObject(X509_ASN_ENCODING, szOID_RSA_signingTime, reinterpret_cast<const BYTE*>(bad.data()),
-                                 static_cast<DWORD>(bad.size()), 0, &time, &size));
+}
+
+// The OID table holds together: lookups by OID, ALG_ID and signature pair
+// are exercised by every signature and digest the other tests check.
+std::vector<PCCRYPT_OID_INFO> group_records(DWORD group) {
+  std::vector<PCCRYPT_OID_INFO> records;
+  CryptEnumOIDInfo(group, 0, &records, [](PCCRYPT_OID_INFO info, void* arg) -> BOOL {
+    static_cast<std::vector<PCCRYPT_OID_INFO>*>(arg)->push_back(info);
+    return TRUE;
+  });
+  return records;
+}
+
+// Every GOST public key is a signature key, and every signature record
+// names a hash and a public key that the table itself knows.
+TEST(OidTable, GroupsHoldTogether) {
+  for (PCCRYPT_OID_INFO key : group_records(CRYPT_PUBKEY_ALG_OID_GROUP_ID)) {
+    SCOPED_TRACE(key->pszOID);
+    if (std::strncmp(key->pszOID, "1.2.643.", 8) == 0) { EXPECT_EQ(key->Algid & 0xE000, ALG_CLASS_SIGNATURE); }
+  }
+  for (PCCRYPT_OID_INFO signature : group_records(CRYPT_SIGN_ALG_OID_GROUP_ID)) {
+    SCOPED_TRACE(signature->pszOID);
+    ALG_ID hash = signature->Algid;
+    EXPECT_NE(CryptFindOIDInfo(CRYPT_OID_INFO_ALGID_KEY, &hash, CRYPT_HASH_ALG_OID_GROUP_ID), nullptr);
+    ASSERT_GE(signature->ExtraInfo.cbData, sizeof(DWORD));
+    DWORD key = 0;
+    std::memcpy(&key, signature->ExtraInfo.pbData, sizeof key);
+    EXPECT_EQ(key & 0xE000, ALG_CLASS_SIGNATURE);
+  }
+  // The enumeration stops when the callback says so.
+  int calls = 0;
+  EXPECT_FALSE(CryptEnumOIDInfo(0, 0, &calls, [](PCCRYPT_OID_INFO, void* arg) -> BOOL {
+    return ++*static_cast<int*>(arg) < 3;
+  }));
+  EXPECT_EQ(calls, 3);
 }
 
 }  // namespace
+
+}  // namespace bv::test

@@ -13,26 +13,11 @@
 #include "kernel32/profile.h"
 #include "shell32/shell32.h"
 
-using bv::test::run_isolated;
-using bv::test::TempDir;
-using bv::test::write_file;
+namespace bv::test {
 
 namespace {
 
 using Env = std::map<std::string, std::string>;
-
-const std::vector<std::string> kSettingNames = {
-    "BV_SSF_USERID",          "BV_SSF_VERIFYCERTFLAGS",        "BV_SSF_VERIFYCERTACCEPTABLESTATUS",
-    "BV_SSF_VERIFYCERTFLAGS_ONSELECT", "BV_SSF_ASK_PIN_WHEN_EMPTY", "BV_SSF_VERIFYCERTFLAGS_ONSIGN",
-    "BV_SSF_ADD_TSP"};
-
-// Only the given variables, and both folders inside `dir`.
-Env isolated_env(const TempDir& dir, const Env& settings) {
-  Env env{{"BV_PLATFORM_LOCAL_APPDATA", dir / "local"}, {"BV_PLATFORM_COMMON_APPDATA", dir / "common"}};
-  for (const std::string& name : kSettingNames) env[name] = "";
-  for (const auto& [name, value] : settings) env[name] = value;
-  return env;
-}
 
 std::string ini(const std::string& body) { return "[bvsapssf]\n" + body; }
 
@@ -107,7 +92,9 @@ TEST(Config, SourcesAndTheirStrength) {
     if (c.local_ini) write_file(dir / "local/Brelvantec/ssf.ini", *c.local_ini);
     if (c.common_ini) write_file(dir / "common/Brelvantec/ssf.ini", *c.common_ini);
     const Expected& want = c.expected;
-    const auto child = run_isolated(isolated_env(dir, c.env), [&] {
+    auto env = trace_env(dir, 0);
+    for (const auto& [name, value] : c.env) env[name] = value;
+    const auto child = run_isolated(env, [&] {
       const Config config;
       EXPECT_EQ(config.VerifyCertFlags, want.verify_flags);
       EXPECT_EQ(config.VerifyCertFlagsOnSelect, want.on_select);
@@ -159,21 +146,20 @@ TEST(Profile, ReadsAsWindowsReads) {
     const char* section;
     const char* key;
     const char* fallback;
-    DWORD size;
     DWORD result;
     const char* text;
     DWORD error;
   } const cases[] = {
-      {"one", "KEY", "", 260, 5, "value", ERROR_SUCCESS},      // first occurrence, no case
-      {"One", "empty", "dflt", 260, 0, "", ERROR_SUCCESS},      // empty but present
-      {"One", "absent", "dflt  ", 260, 4, "dflt", ERROR_FILE_NOT_FOUND},
-      {"two", "x", "", 260, 6, "quoted", ERROR_SUCCESS},
-      {"three", "x", nullptr, 260, 0, "", ERROR_FILE_NOT_FOUND},
+      {"one", "KEY", "", 5, "value", ERROR_SUCCESS},      // first occurrence, no case
+      {"One", "empty", "dflt", 0, "", ERROR_SUCCESS},      // empty but present
+      {"One", "absent", "dflt  ", 4, "dflt", ERROR_FILE_NOT_FOUND},
+      {"two", "x", "", 6, "quoted", ERROR_SUCCESS},
+      {"three", "x", nullptr, 0, "", ERROR_FILE_NOT_FOUND},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.section) + "/" + c.key);
     char buffer[260] = "junk";
-    EXPECT_EQ(GetPrivateProfileStringA(c.section, c.key, c.fallback, buffer, c.size, file.c_str()), c.result);
+    EXPECT_EQ(GetPrivateProfileStringA(c.section, c.key, c.fallback, buffer, sizeof buffer, file.c_str()), c.result);
     EXPECT_STREQ(buffer, c.text);
     EXPECT_EQ(GetLastError(), c.error);
   }
@@ -189,39 +175,34 @@ TEST(Profile, ReadsAsWindowsReads) {
 // the log, at level 3, with each extra time-stamp address at level 2.
 TEST(Config, PrintedFirstAtLoad) {
   TempDir dir;
-  auto env = bv::test::trace_env(dir, 3);
+  auto env = trace_env(dir, 3);
   env["BV_SSF_ADD_TSP"] = "http://tsp1;http://tsp2";
   env["BV_SSF_USERID"] = "CERT_HASH";
   write_file(dir / "common/Brelvantec/ssf.ini", ini("BV_SSF_VERIFYCERTACCEPTABLESTATUS=1A\n"));
-  const auto child = run_isolated(env, [] { bv::test::SsfApi::get(); });
+  const auto child = run_isolated(env, [] { SsfApi::get(); });
   ASSERT_EQ(child.exit_code, 0);
-  std::vector<std::string> messages;
-  const std::string log = bv::test::trace_log(dir);
-  for (size_t start = 0; start < log.size();) {
-    const size_t end = log.find("\r\n", start);
-    const std::string line = log.substr(start, end - start);
-    messages.push_back(line.substr(line.find(": libbvsapssf.so: ") + 18));
-    start = end == std::string::npos ? log.size() : end + 2;
-  }
+  const std::string log = trace_log(dir);
   const std::vector<std::string> expected = {
-      "#info#: bvsapssf parameters: UserIdAsCertHash = 1",
-      "#info#: bvsapssf parameters: VerifyCertFlags = 40000000",
-      "#info#: bvsapssf parameters: VerifyCertOnSign = 1",
-      "#info#: bvsapssf parameters: AcceptableCertStatus = 1a",
-      "#info#: bvsapssf parameters: VerifyCertFlagsOnSelect = 40000000",
-      "#info#: bvsapssf parameters: globalAskPinWhenEmpty = 0",
-      "#info#: bvsapssf parameters: additionalTSP count = 2",
-      "#info#: bvsapssf parameters: additionalTSP  = http://tsp1",
-      "#info#: bvsapssf parameters: additionalTSP  = http://tsp2",
+      "#info#: bvsapssf parameters: UserIdAsCertHash = 1\n",
+      "#info#: bvsapssf parameters: VerifyCertFlags = 40000000\n",
+      "#info#: bvsapssf parameters: VerifyCertOnSign = 1\n",
+      "#info#: bvsapssf parameters: AcceptableCertStatus = 1a\n",
+      "#info#: bvsapssf parameters: VerifyCertFlagsOnSelect = 40000000\n",
+      "#info#: bvsapssf parameters: globalAskPinWhenEmpty = 0\n",
+      "#info#: bvsapssf parameters: additionalTSP count = 2\n",
+      "#info#: bvsapssf parameters: additionalTSP  = http://tsp1\n",
+      "#info#: bvsapssf parameters: additionalTSP  = http://tsp2\n",
   };
-  EXPECT_EQ(messages, expected) << log;
+  EXPECT_EQ(log_messages(log), expected) << log;
 
   // At level 2 only the addresses remain.
   TempDir quiet;
-  auto quiet_env = bv::test::trace_env(quiet, 2);
+  auto quiet_env = trace_env(quiet, 2);
   quiet_env["BV_SSF_ADD_TSP"] = "http://tsp1";
-  ASSERT_EQ(run_isolated(quiet_env, [] { bv::test::SsfApi::get(); }).exit_code, 0);
-  const std::string quiet_log = bv::test::trace_log(quiet);
+  ASSERT_EQ(run_isolated(quiet_env, [] { SsfApi::get(); }).exit_code, 0);
+  const std::string quiet_log = trace_log(quiet);
   EXPECT_EQ(quiet_log.find("count"), std::string::npos) << quiet_log;
   EXPECT_NE(quiet_log.find("additionalTSP  = http://tsp1\r\n"), std::string::npos) << quiet_log;
 }
+
+}  // namespace bv::test

@@ -20,13 +20,12 @@ std::vector<BYTE> bytes_of(const std::string& hex_text, DWORD initial_count, DWO
 }
 
 TEST(HashIdentity, FormsAndStops) {
-  struct Case {
+  const struct {
     std::string text;
     bool is_hash;
     DWORD count;  // 777: the caller's count is left as it was
     std::vector<BYTE> bytes;
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {"A1B2C3", true, 3, {0xA1, 0xB2, 0xC3}},
       {"  a1\tB2\n c3  ", true, 3, {0xA1, 0xB2, 0xC3}},
       {"\t\t\t", true, 0, {}},

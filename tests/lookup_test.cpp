@@ -22,83 +22,47 @@ SignOutcome sign_one(const SignerSpec& signer, const std::map<std::string, std::
   return sign_through_export(world.env(extra), request);
 }
 
-TEST(Lookup, ProfileNamesTheStore) {
-  struct Case {
-    std::string profile;
-    std::string id;
-    std::string pin;
-    int32_t result;
-  };
-  const std::vector<Case> cases = {
-      {"", "CN=Alice", "1111", 0},                    // default: My of the current user
-      {"My", "CN=Alice", "1111", 0},
-      {"uMy", "CN=Alice", "1111", 0},
-      {"mMy", "CN=Dave", "6666", 0},                  // local machine
-      {"mMy", "CN=Alice", "1111", 22},                // not in the machine's My
-      {"my", "CN=Erin", "7777", 0},                   // "m" taken as the location: machine store "y"
-      {"<TIME>Other", "CN=Bob", "2222", 0},
-      {"uOther", "CN=Bob", "2222", 0},
-      {"12345678901234Other", "CN=Bob", "2222", 0},   // 14 digits skipped
-      {"12345678901234", "CN=Carol", "", 0},          // exactly 14 digits: the whole name
-      {"NoSuchStore", "CN=Alice", "1111", 24},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.profile + " " + c.id);
-    const SignOutcome outcome = sign_one({c.id, c.profile, c.pin});
-    ASSERT_EQ(outcome.results.size(), 1u);
-    EXPECT_EQ(outcome.results[0], c.result);
-    EXPECT_EQ(outcome.rc, c.result == 0 ? SSF_OK : SSF_ERR_SIGNER);
-  }
-}
-
-TEST(Lookup, IdentityForms) {
+// One signer a call: the store its profile names, the identity forms, PINs
+// and key links, and the chain policy of the settings.
+TEST(Lookup, OneSignerAgainstTheStores) {
   const SigningWorld& w = SigningWorld::get();
   std::string spaced_lower;
-  for (size_t i = 0; i < w.bob.sha1_hex.size(); i += 2) {
-    if (i > 0) spaced_lower += ' ';
-    spaced_lower += static_cast<char>(std::tolower(w.bob.sha1_hex[i]));
-    spaced_lower += static_cast<char>(std::tolower(w.bob.sha1_hex[i + 1]));
-  }
-  struct Case {
-    std::string id;
-    std::string pin;
-    int32_t result;
-  };
-  const std::vector<Case> cases = {
-      {w.bob.sha1_hex, "2222", 0},
-      {"  " + spaced_lower + "\t", "2222", 0},
-      {"O=Test Bank, CN=Bob", "2222", 0},       // order of items doesn't matter
-      {"CN = Bob , C=RU", "2222", 0},
-      {"cn=Bob", "2222", 22},                   // lower-case key meets no OID
-      {"CN=Bob, L=Moscow", "2222", 22},         // an item the subject lacks
-      {"   ", "2222", 22},                      // blanks only
-      {"CN=Bob, O=", "2222", 22},               // value missing: identity refused
-      {"Bob", "2222", 22},                      // no "=": identity refused
-      {w.bob.sha1_hex + "0", "2222", 22},       // odd digit: no hash, identity refused
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.id);
-    const SignOutcome outcome = sign_one({c.id, "", c.pin});
-    ASSERT_EQ(outcome.results.size(), 1u);
-    EXPECT_EQ(outcome.results[0], c.result);
-  }
-}
-
-TEST(Lookup, PinAndKeyLink) {
+  for (size_t i = 0; i < w.bob.sha1_hex.size(); i += 2)
+    spaced_lower += (i > 0 ? " " : "") + std::string{static_cast<char>(std::tolower(w.bob.sha1_hex[i])),
+                                                      static_cast<char>(std::tolower(w.bob.sha1_hex[i + 1]))};
   // The provider's way of asking when there is no terminal: a helper that
   // answers with Alice's PIN.
   TempDir helper_dir;
   const std::string askpass = helper_dir / "askpass";
   write_file(askpass, "#!/bin/sh\necho 1111\n");
   run_checked("chmod +x '" + askpass + "'");
-  struct Case {
+  const std::map<std::string, std::string> ask{{"BV_PLATFORM_ASKPASS", askpass}};
+  const struct {
     const char* what;
-    SignerSpec signer;
+    SignerSpec signer;  // id, profile, PIN
     std::map<std::string, std::string> settings;
     int32_t result;
-  };
-  const std::vector<Case> cases = {
-      {"right PIN", {"CN=Alice", "", "1111"}, {}, 0},
+  } cases[] = {
+      {"default store: My of the current user", {"CN=Alice", "", "1111"}, {}, 0},
+      {"My", {"CN=Alice", "My", "1111"}, {}, 0},
+      {"uMy", {"CN=Alice", "uMy", "1111"}, {}, 0},
+      {"local machine", {"CN=Dave", "mMy", "6666"}, {}, 0},
+      {"not in the machine's My", {"CN=Alice", "mMy", "1111"}, {}, 22},
+      {"\"m\" taken as the location: machine store \"y\"", {"CN=Erin", "my", "7777"}, {}, 0},
+      {"a tag before the store", {"CN=Bob", "<TIME>Other", "2222"}, {}, 0},
+      {"14 digits skipped", {"CN=Bob", "12345678901234Other", "2222"}, {}, 0},
+      {"exactly 14 digits: the whole name", {"CN=Carol", "12345678901234", ""}, {}, 0},
+      {"no such store", {"CN=Alice", "NoSuchStore", "1111"}, {}, 24},
+      {"hash", {w.bob.sha1_hex, "", "2222"}, {}, 0},
+      {"hash, spaced and lower case", {"  " + spaced_lower + "\t", "", "2222"}, {}, 0},
+      {"order of items doesn't matter", {"O=Test Bank, CN=Bob", "", "2222"}, {}, 0},
+      {"blanks around keys and values", {"CN = Bob , C=RU", "", "2222"}, {}, 0},
+      {"lower-case key meets no OID", {"cn=Bob", "", "2222"}, {}, 22},
+      {"an item the subject lacks", {"CN=Bob, L=Moscow", "", "2222"}, {}, 22},
+      {"blanks only", {"   ", "", "2222"}, {}, 22},
+      {"value missing: identity refused", {"CN=Bob, O=", "", "2222"}, {}, 22},
+      {"no \"=\": identity refused", {"Bob", "", "2222"}, {}, 22},
+      {"odd digit: no hash, identity refused", {w.bob.sha1_hex + "0", "", "2222"}, {}, 22},
       {"wrong PIN", {"CN=Alice", "", "0000"}, {}, 25},
       {"no PIN for a key that needs one", {"CN=Alice", "", ""}, {}, 25},
       {"a key without PIN", {"CN=Carol", "", ""}, {}, 0},
@@ -106,65 +70,24 @@ TEST(Lookup, PinAndKeyLink) {
       {"no key link", {"CN=NoKey", "", ""}, {}, 22},
       // "!" to "!!!" leave the asking to the provider; four are a PIN.
       {"marker, nobody to ask", {"CN=Alice", "", "!"}, {}, 24},
-      {"marker, asked", {"CN=Alice", "", "!!!"}, {{"BV_PLATFORM_ASKPASS", askpass}}, 0},
-      {"four marks are a PIN", {"CN=Alice", "", "!!!!"}, {{"BV_PLATFORM_ASKPASS", askpass}}, 25},
-      {"empty, asking allowed", {"CN=Alice", "", ""},
-       {{"BV_PLATFORM_ASKPASS", askpass}, {"BV_SSF_ASK_PIN_WHEN_EMPTY", "yes"}}, 0},
+      {"marker, asked", {"CN=Alice", "", "!!!"}, ask, 0},
+      {"four marks are a PIN", {"CN=Alice", "", "!!!!"}, ask, 25},
+      {"empty, asking allowed", {"CN=Alice", "", ""}, {{"BV_PLATFORM_ASKPASS", askpass}, {"BV_SSF_ASK_PIN_WHEN_EMPTY", "yes"}}, 0},
+      {"untrusted one skipped for a later good one", {"CN=Dup", "", "4444"}, {}, 0},
+      {"untrusted only", {"CN=Lonely", "", "5555"}, {}, 22},
+      {"no chain built when off", {"CN=Lonely", "", "5555"}, {{"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "no"}}, 0},
+      {"any other word keeps it on", {"CN=Lonely", "", "5555"}, {{"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "off"}}, 22},
+      // One bit in common with the status is enough, whatever else is set.
+      {"untrusted root accepted", {"CN=Lonely", "", "5555"}, {{"BV_SSF_VERIFYCERTACCEPTABLESTATUS", "20"}}, 0},
+      {"unrelated bit", {"CN=Lonely", "", "5555"}, {{"BV_SSF_VERIFYCERTACCEPTABLESTATUS", "1"}}, 22},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     const SignOutcome outcome = sign_one(c.signer, c.settings);
     ASSERT_EQ(outcome.results.size(), 1u);
     EXPECT_EQ(outcome.results[0], c.result);
     EXPECT_EQ(outcome.rc, c.result == 0 ? SSF_OK : SSF_ERR_SIGNER);
   }
-}
-
-TEST(Lookup, ChainPolicy) {
-  struct Case {
-    const char* what;
-    std::string id, pin;
-    std::map<std::string, std::string> settings;
-    int32_t result;
-  };
-  const std::vector<Case> cases = {
-      {"untrusted one skipped for a later good one", "CN=Dup", "4444", {}, 0},
-      {"untrusted only", "CN=Lonely", "5555", {}, 22},
-      {"no chain built when off", "CN=Lonely", "5555", {{"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "no"}}, 0},
-      {"any other word keeps it on", "CN=Lonely", "5555", {{"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "off"}}, 22},
-      // One bit in common with the status is enough, whatever else is set.
-      {"untrusted root accepted", "CN=Lonely", "5555", {{"BV_SSF_VERIFYCERTACCEPTABLESTATUS", "20"}}, 0},
-      {"unrelated bit", "CN=Lonely", "5555", {{"BV_SSF_VERIFYCERTACCEPTABLESTATUS", "1"}}, 22},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.what);
-    const SignOutcome outcome = sign_one({c.id, "", c.pin}, c.settings);
-    ASSERT_EQ(outcome.results.size(), 1u);
-    EXPECT_EQ(outcome.results[0], c.result);
-  }
-}
-
-TEST(Lookup, UntrustedDuplicateIsNotTheSigner) {
-  const SigningWorld& w = SigningWorld::get();
-  SignRequest request;
-  request.signers = {{"CN=Dup", "", "4444"}};
-  request.include_certs = true;
-  const SignOutcome outcome = sign_through_export(w.env(), request);
-  ASSERT_EQ(outcome.rc, SSF_OK);
-  std::string diagnostics;
-  EXPECT_EQ(openssl_cms_verify(outcome.signed_data, w.root.cert_pem, "", nullptr, nullptr, &diagnostics), 0)
-      << diagnostics;
-}
-
-TEST(Lookup, EverySignerIsTriedAndNoneIsLeftOut) {
-  const SigningWorld& w = SigningWorld::get();
-  SignRequest request;
-  request.signers = {{"CN=Alice", "", "1111"}, {"CN=Nobody", "", "1"}, {"CN=Bob", "", "2222"}};
-  const SignOutcome outcome = sign_through_export(w.env(), request);
-  EXPECT_EQ(outcome.rc, SSF_ERR_SIGNER);
-  EXPECT_EQ(outcome.results, (std::vector<int32_t>{0, 22, 0}));
-  EXPECT_TRUE(outcome.output_pointer_null);
-  EXPECT_TRUE(outcome.signed_data.empty());
 }
 
 TEST(Lookup, ListAndArgumentFailures) {
@@ -182,6 +105,8 @@ TEST(Lookup, ListAndArgumentFailures) {
   SignerSpec negative_pin = alice;
   negative_pin.negative_pin_length = true;
   const std::vector<Case> cases = {
+      {"every signer is tried, none is left out", request("PKCS7", {alice, {"CN=Nobody", "", "1"}, bob}),
+       SSF_ERR_SIGNER, {0, 22, 0}},
       {"raw with two signers: before any store", request("RAW_GOST", {alice, bob}), SSF_ERR_INTERNAL,
        {kUntouched, kUntouched}},
       // A PIN no text can have ends the call as an unexpected failure.
@@ -200,6 +125,7 @@ TEST(Lookup, ListAndArgumentFailures) {
     EXPECT_EQ(outcome.rc, c.rc);
     EXPECT_EQ(outcome.results, c.results);
     EXPECT_TRUE(outcome.output_pointer_null);
+    EXPECT_TRUE(outcome.signed_data.empty());
   }
 }
 

@@ -8,6 +8,8 @@
 
 #include "host.h"
 
+namespace bv::test {
+
 // Watches one block on its way back to the heap: the password of a record
 // must be blanks by the time the library frees it.  Every free of this
 // program, the library's included, passes through here.
@@ -39,7 +41,6 @@ extern "C" __attribute__((no_sanitize("address", "undefined"))) void free(void* 
 }
 
 namespace {
-using bv::test::SsfApi;
 
 const SsfApi& api() { return SsfApi::get(); }
 
@@ -139,30 +140,24 @@ TEST(DeleteRecord, WipesThePasswordWithBlanksAndNullsThePointer) {
 }
 
 TEST(PrintRecord, ExactTextByteForByte) {
-  SsfInfo* full = make("CN=Ivanov", "uMy", "1234", 26, "rsv");
-  EXPECT_EQ(print(full),
-            "Signer/Recipient Security Information :\n"
-            "Id        : CN=Ivanov (9)\n"
-            "Reserved  : rsv (3)\n"
-            "Profile   : uMy (3)\n"
-            "\n\nSigner/Recipient Result : NOCERTIFICATE\n\n\n");
-  api().SsfDELSigRcpSsfInfo(&full);
-
-  // Only an id: no Reserved and no Profile line; the password never shows.
-  SsfInfo* bare = make("abc", "", "pin-never-shown");
-  const std::string printed = print(bare);
-  EXPECT_EQ(printed,
-            "Signer/Recipient Security Information :\nId        : abc (3)\n"
-            "\n\nSigner/Recipient Result : OK\n\n\n");
-  api().SsfDELSigRcpSsfInfo(&bare);
-
-  // An embedded NUL ends the bytes printed; the number stays the length.
-  SsfInfo* nul = make(std::string("ab\0cd", 5));
-  EXPECT_EQ(print(nul),
-            "Signer/Recipient Security Information :\nId        : ab (5)\n"
-            "\n\nSigner/Recipient Result : OK\n\n\n");
-  api().SsfDELSigRcpSsfInfo(&nul);
-
+  const std::string head = "Signer/Recipient Security Information :\nId        : ";
+  const struct {
+    const char* what;
+    SsfInfo* info;
+    std::string printed;
+  } cases[] = {
+      {"every field", make("CN=Ivanov", "uMy", "1234", 26, "rsv"),
+       head + "CN=Ivanov (9)\nReserved  : rsv (3)\nProfile   : uMy (3)\n\n\nSigner/Recipient Result : NOCERTIFICATE\n\n\n"},
+      // Only an id: no Reserved and no Profile line; the password never shows.
+      {"id only", make("abc", "", "pin-never-shown"), head + "abc (3)\n\n\nSigner/Recipient Result : OK\n\n\n"},
+      // An embedded NUL ends the bytes printed; the number stays the length.
+      {"embedded NUL", make(std::string("ab\0cd", 5)), head + "ab (5)\n\n\nSigner/Recipient Result : OK\n\n\n"},
+  };
+  for (auto c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(print(c.info), c.printed);
+    api().SsfDELSigRcpSsfInfo(&c.info);
+  }
   EXPECT_EQ(api().SsfPRISigRcpSsfInfo(nullptr, nullptr, nullptr), SSF_REC_NULL_INFO);
 }
 
@@ -208,7 +203,7 @@ TEST(PrintList, ANodeWithoutARecordEndsThePrintButNotTheDelete) {
 TEST(HostTool, RecordsCommandPrintsTheList) {
   int status = -1;
   const std::string out =
-      bv::test::run_command("BVSSF_LIBRARY='" BV_LIBRARY_PATH "' '" BV_TOOLS_DIR "/bvssf' records A:uMy B", &status);
+      run_command("BVSSF_LIBRARY='" BV_LIBRARY_PATH "' '" BV_TOOLS_DIR "/bvssf' records A:uMy B", &status);
   EXPECT_EQ(status, 0) << out;
   EXPECT_NE(out.find("Signer/Recipient : 2\n"), std::string::npos) << out;
   EXPECT_NE(out.find("Profile   : uMy (3)\n"), std::string::npos) << out;
@@ -216,3 +211,5 @@ TEST(HostTool, RecordsCommandPrintsTheList) {
 }
 
 }  // namespace
+
+}  // namespace bv::test

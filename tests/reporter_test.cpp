@@ -14,8 +14,10 @@
 #include "trace/table.h"
 #include "trace/trace.h"
 
+namespace bv::test {
 namespace {
-using bv::test::CoreTrace;
+
+using namespace bv::trace;
 
 // The catalogue keeps code page 1251; expectations are written readably.
 std::string cp1251(const std::string& utf8) {
@@ -32,91 +34,57 @@ std::string cp1251(const std::string& utf8) {
   return out;
 }
 
-struct CodeCase {
-  int32_t code;
-  const char* printed;  // UTF-8; null: no line at all
-  int32_t returned;
-};
-
-TEST(ReportError, CatalogueCodesPrintTheirRow) {
-  const CodeCase cases[] = {
-      {0, nullptr, 0},
-      {99, "Субъект:", 0x20000070},
-      {900, "Субъект:", 0x20000070},
-      {0x20000064, "Мало памяти.\n", 0x20000064},
-      {502, "Неизвестный алгоритм подписи.\n", 502},
-      {141, " Подпись проверена.\n", 141},
-      {149, "Неизвестная ошибка.\n", 149},
-      {700, "", 700},
-      {708, "Сообщение содержит неверную подпись.\n", 708},
-      {501, "Это не подписанное сообщение.\n", 501},
-      {101, "Не удалось открыть файл ''.", 101},  // "%s" prints as empty
+// A catalogue code prints its row; -1 prints the text of the last error.
+TEST(ReportError, CodesAndLastErrorsPrintTheirText) {
+  const struct {
+    int32_t code;
+    DWORD last_error;
+    const char* printed;  // UTF-8; null: no line at all
+    int32_t returned;
+  } cases[] = {
+      {0, 0, nullptr, 0},
+      {99, 0, "Субъект:", 0x20000070},
+      {900, 0, "Субъект:", 0x20000070},
+      {0x20000064, 0, "Мало памяти.\n", 0x20000064},
+      {502, 0, "Неизвестный алгоритм подписи.\n", 502},
+      {141, 0, " Подпись проверена.\n", 141},
+      {149, 0, "Неизвестная ошибка.\n", 149},
+      {700, 0, "", 700},
+      {708, 0, "Сообщение содержит неверную подпись.\n", 708},
+      {501, 0, "Это не подписанное сообщение.\n", 501},
+      {101, 0, "Не удалось открыть файл ''.", 101},  // "%s" prints as empty
+      {-1, 0, nullptr, 0},
+      {-1, 5, "Access is denied.\r\n", 5},
+      {-1, 0x80092004, "Cannot find object or property.\r\n", static_cast<int32_t>(0x80092004)},
+      {-1, 0x8009200E, "The signed cryptographic message does not have a signer for the specified signer index.\r\n",
+       static_cast<int32_t>(0x8009200E)},
+      {-1, 12002, "The operation timed out\r\n", 12002},
+      {-1, 12157, "An error occurred in the secure channel support\r\n", 12157},
+      {-1, 12175, "Неизвестная ошибка.\n", 12175},  // past the HTTP module's range, and no system text
+      {-1, 0x12345678, "Неизвестная ошибка.\n", 0x12345678},
   };
   CoreTrace trace;
-  for (const CodeCase& c : cases) {
-    SCOPED_TRACE(c.code);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::to_string(c.code) + " " + std::to_string(c.last_error));
     trace.clear();
+    SetLastError(c.last_error);
     EXPECT_EQ(ReportError("reporter_test", __LINE__, c.code), c.returned);
-    if (c.printed == nullptr) {
-      EXPECT_TRUE(trace.messages().empty()) << trace.dump();
-      continue;
-    }
-    const auto lines = trace.messages();
-    ASSERT_EQ(lines.size(), 1u) << trace.dump();
-    EXPECT_EQ(lines[0], cp1251(c.printed));
+    EXPECT_EQ(trace.messages(), c.printed ? std::vector<std::string>{cp1251(c.printed)} : std::vector<std::string>{})
+        << trace.dump();
   }
-}
-
-TEST(ReportError, PrintsUnderPrintStringAtLevel2) {
-  {
-    CoreTrace trace(TRACE_NORMAL);
-    bv::trace::ProcessSettings process = bv::trace::read_process();
-    process.file_name_and_line_no = true;
-    bv::trace::write_process(process);
-    ReportError("x", 1, 502);
-    process.file_name_and_line_no = false;
-    bv::trace::write_process(process);
-    const auto lines = trace.messages();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_NE(lines[0].find("/PrintString/ bvsapssf("), std::string::npos) << lines[0];
-  }
-  {
-    CoreTrace trace(TRACE_ALWAYS);
-    ReportError("x", 1, 502);
-    EXPECT_TRUE(trace.messages().empty()) << trace.dump();
-  }
-}
-
-struct LastErrorCase {
-  DWORD error;
-  const char* printed;  // null: no line
-};
-
-TEST(ReportError, LastErrorPrintsThePlatformText) {
-  const LastErrorCase cases[] = {
-      {0, nullptr},
-      {5, "Access is denied.\r\n"},
-      {0x80092004, "Cannot find object or property.\r\n"},
-      {0x8009200E, "The signed cryptographic message does not have a signer for the specified signer index.\r\n"},
-      {12002, "The operation timed out\r\n"},
-      {12157, "An error occurred in the secure channel support\r\n"},
-      {12175, "Неизвестная ошибка.\n"},  // past the HTTP module's range, and no system text
-      {0x12345678, "Неизвестная ошибка.\n"},
-  };
-  CoreTrace trace;
-  for (const LastErrorCase& c : cases) {
-    SCOPED_TRACE(c.error);
-    trace.clear();
-    SetLastError(c.error);
-    EXPECT_EQ(ReportError("reporter_test", __LINE__, -1), static_cast<int32_t>(c.error));
-    const auto lines = trace.messages();
-    if (c.printed == nullptr) {
-      EXPECT_TRUE(lines.empty()) << trace.dump();
-      continue;
-    }
-    ASSERT_EQ(lines.size(), 1u) << trace.dump();
-    EXPECT_EQ(lines[0], cp1251(c.printed));
-  }
+  // Under the name PrintString, at level 2.
+  ProcessSettings process = read_process();
+  process.file_name_and_line_no = true;
+  write_process(process);
+  trace.clear();
+  ReportError("x", 1, 502);
+  process.file_name_and_line_no = false;
+  write_process(process);
+  ASSERT_EQ(trace.messages().size(), 1u);
+  EXPECT_TRUE(contains(trace.messages()[0], "/PrintString/ bvsapssf(")) << trace.dump();
+  CoreTrace quiet(TRACE_ALWAYS);
+  ReportError("x", 1, 502);
+  EXPECT_TRUE(quiet.messages().empty()) << quiet.dump();
 }
 
 TEST(Catalogue, EveryTextFitsTheReporterBuffers) {
@@ -147,3 +115,5 @@ TEST(PlatformTexts, NoneHoldsAFormatDirective) {
 }
 
 }  // namespace
+
+}  // namespace bv::test

@@ -1,38 +1,28 @@
 // The PIN prompt and the certificate chooser, driven as a user drives them:
 // through a pseudo-terminal that is the child's controlling terminal, and
 // through the helper programs named in the environment.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <stdlib.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "certs.h"
+#include "crypt32/store.h"
 #include "cryptui/cryptui.h"
 #include "host.h"
 #include "kernel32/kernel32.h"
 #include "terminal/terminal.h"
 #include "wincrypt_types.h"
 
+namespace bv::test {
+
 namespace {
-
-using bv::test::TempDir;
-
-using bv::test::Exchange;
-using bv::test::PtyRun;
-using bv::test::run_on_pty;
 
 std::string write_script(const TempDir& dir, const std::string& name, const std::string& body) {
   const std::string path = dir / name;
-  bv::test::write_file(path, "#!/bin/sh\n" + body);
+  write_file(path, "#!/bin/sh\n" + body);
   chmod(path.c_str(), 0755);
   return path;
 }
@@ -98,7 +88,7 @@ TEST(AskPin, WithoutTerminalThroughTheHelperProgram) {
     const bool script = !c.body.empty() && c.body[0] != '/';
     const std::string helper =
         script ? write_script(dir, "askpass", "printf '%s' \"$1\" > '" + prompt_file + "'\n" + c.body) : c.body;
-    const auto child = bv::test::run_isolated({{"BV_PLATFORM_ASKPASS", helper}}, [&] {
+    const auto child = run_isolated({{"BV_PLATFORM_ASKPASS", helper}}, [&] {
       setsid();  // no controlling terminal
       std::string pin;
       const bool answered = bv::platform::ask_pin("PIN for \"key\": ", pin);
@@ -111,7 +101,7 @@ TEST(AskPin, WithoutTerminalThroughTheHelperProgram) {
     });
     EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
     if (script) {
-      EXPECT_EQ(bv::test::read_file(prompt_file), "PIN for \"key\": ");
+      EXPECT_EQ(read_file(prompt_file), "PIN for \"key\": ");
     }
   }
 }
@@ -127,20 +117,21 @@ TEST(HelperProgram, ProgramThatIgnoresItsInputDoesNotKillTheHost) {
 
 // ---------------------------------------------------------------- chooser
 
-using bv::test::sha1_hex;
+using bv::pki::certificate_hash;
 
 std::string hash_of(PCCERT_CONTEXT context) {
-  return context == nullptr ? std::string("(none)") : sha1_hex(bv::platform::certificate_x509(context));
+  return context == nullptr ? std::string("(none)") : certificate_hash(bv::platform::certificate_x509(context));
 }
 
 // A memory store with three GOST certificates, as the library hands it over.
 class Chooser : public ::testing::Test {
  protected:
   void SetUp() override {
-    key = bv::test::gost_key();
+    key = bv::pki::generate_key();
     for (int i = 1; i <= 3; ++i) {
-      certs.push_back(bv::test::make_cert({.name = "Signer " + std::to_string(i), .serial = i}, key.get()));
-      const std::string der = bv::test::der_of(certs.back().get());
+      certs.push_back(bv::pki::issue_certificate(
+          {.subject = {{"O", "Chain Test"}, {"CN", "Signer " + std::to_string(i)}}, .serial = i}, key.get()));
+      const std::string der = bv::pki::der_of(certs.back().get());
       ASSERT_TRUE(CertAddEncodedCertificateToStore(store, X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()),
                                                    static_cast<DWORD>(der.size()), CERT_STORE_ADD_ALWAYS, nullptr));
     }
@@ -155,7 +146,7 @@ class Chooser : public ::testing::Test {
       EXPECT_EQ(chosen, nullptr);
       EXPECT_EQ(GetLastError(), expected_error);
     } else {
-      EXPECT_EQ(hash_of(chosen), sha1_hex(certs[static_cast<size_t>(expected_index)].get()));
+      EXPECT_EQ(hash_of(chosen), certificate_hash(certs[static_cast<size_t>(expected_index)].get()));
     }
     CertFreeCertificateContext(chosen);
   }
@@ -168,7 +159,7 @@ class Chooser : public ::testing::Test {
 TEST_F(Chooser, OnTheTerminal) {
   const std::string prompt = "Number of the certificate";
   std::string hash_with_blanks;
-  const std::string third = sha1_hex(certs[2].get());
+  const std::string third = certificate_hash(certs[2].get());
   for (size_t i = 0; i < third.size(); i += 2) hash_with_blanks += (i ? " " : "") + third.substr(i, 2);
   for (char& c : hash_with_blanks) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   struct Case {
@@ -189,7 +180,7 @@ TEST_F(Chooser, OnTheTerminal) {
     SCOPED_TRACE(c.name);
     const PtyRun run = run_on_pty(c.script, [&] { expect_choice(c.index, c.error); });
     EXPECT_EQ(run.exit_code, 0) << run.screen;
-    for (const auto& cert : certs) EXPECT_NE(run.screen.find(sha1_hex(cert.get())), std::string::npos);
+    for (const auto& cert : certs) EXPECT_NE(run.screen.find(certificate_hash(cert.get())), std::string::npos);
     EXPECT_NE(run.screen.find("CN=Signer 2"), std::string::npos) << run.screen;
     EXPECT_NE(run.screen.find("Issuer: "), std::string::npos);
     EXPECT_NE(run.screen.find("Valid:  "), std::string::npos);
@@ -208,7 +199,7 @@ TEST_F(Chooser, ThroughTheSelectProgram) {
     int index;
     DWORD error;
   };
-  const std::string hash = sha1_hex(certs[2].get());
+  const std::string hash = certificate_hash(certs[2].get());
   const std::vector<Case> cases = {
       {"number", "echo 2\n", 1, 0},
       {"hash, lower case", "echo '" + hash + "' | tr A-F a-f\n", 2, 0},
@@ -222,15 +213,15 @@ TEST_F(Chooser, ThroughTheSelectProgram) {
     SCOPED_TRACE(c.name);
     const std::string program =
         c.body.empty() ? "" : write_script(dir, "select", "cat > '" + list_file + "'\n" + c.body);
-    const auto child = bv::test::run_isolated({{"BV_PLATFORM_SELECT", program}}, [&] {
+    const auto child = run_isolated({{"BV_PLATFORM_SELECT", program}}, [&] {
       setsid();
       expect_choice(c.index, c.error);
     });
     EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
   }
   // The list the program read: one certificate a line, tab-separated.
-  const std::string list = bv::test::read_file(list_file);
-  EXPECT_EQ(list.find("1\t" + sha1_hex(certs[0].get()) + "\tCN=Signer 1, O=Chain Test\t"), 0u) << list;
+  const std::string list = read_file(list_file);
+  EXPECT_EQ(list.find("1\t" + certificate_hash(certs[0].get()) + "\tCN=Signer 1, O=Chain Test\t"), 0u) << list;
   EXPECT_NE(list.find("\n3\t" + hash + "\t"), std::string::npos) << list;
 }
 
@@ -239,7 +230,7 @@ TEST_F(Chooser, EmptyStoreAsksNobody) {
   TempDir dir;
   const std::string marker = dir / "asked";
   const std::string program = write_script(dir, "select", "touch '" + marker + "'; echo 1\n");
-  const auto child = bv::test::run_isolated({{"BV_PLATFORM_SELECT", program}}, [&] {
+  const auto child = run_isolated({{"BV_PLATFORM_SELECT", program}}, [&] {
     setsid();
     EXPECT_EQ(CryptUIDlgSelectCertificateFromStore(empty, nullptr, nullptr, nullptr, 0, 0, nullptr), nullptr);
     EXPECT_EQ(GetLastError(), CRYPT_E_NOT_FOUND);
@@ -250,3 +241,5 @@ TEST_F(Chooser, EmptyStoreAsksNobody) {
 }
 
 }  // namespace
+
+}  // namespace bv::test

@@ -78,13 +78,12 @@ void expect_message(const std::string& message, const std::string& data, bool de
 TEST(SignMessages, AcceptedByOpenssl) {
   const SigningWorld& w = SigningWorld::get();
   const SignerSpec alice{"CN=Alice", "", "1111"}, bob{"CN=Bob", "", "2222"}, carol{"CN=Carol", "", ""};
-  struct Case {
+  const struct {
     std::string format;
     std::vector<SignerSpec> signers;
     bool certs, detached;
     std::vector<std::string> digests;
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {"PKCS7", {alice}, true, false, {kGost12_256}},
       {"PKCS7", {alice}, false, false, {kGost12_256}},
       {"PKCS7", {alice}, true, true, {kGost12_256}},
@@ -94,8 +93,10 @@ TEST(SignMessages, AcceptedByOpenssl) {
       {"PKCS7", {bob, carol}, false, true, {kGost12_512, kGost94}},
       {"PKCS7", {bob, alice, carol}, true, true, {kGost12_512, kGost12_256, kGost94}},
       {"PKCS7", {alice, alice}, true, false, {kGost12_256, kGost12_256}},
+      // Of two with one name, the one whose chain holds signs.
+      {"PKCS7", {{"CN=Dup", "", "4444"}}, true, false, {kGost12_256}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.format + " signers " + std::to_string(c.signers.size()) + (c.certs ? " certs" : "") +
                  (c.detached ? " detached" : ""));
     const SignRequest request{.format = c.format, .signers = c.signers, .include_certs = c.certs,
@@ -111,13 +112,12 @@ TEST(SignMessages, AcceptedByOpenssl) {
 // CMS; reversed, OpenSSL accepts it over the same data.
 TEST(SignRaw, ReversedValueVerifies) {
   const SigningWorld& w = SigningWorld::get();
-  struct Case {
+  const struct {
     SignerSpec signer;
     const TestCert* cert;
     const char* digest;
     size_t length;
-  };
-  const std::vector<Case> cases = {
+  } cases[] = {
       {{"CN=Alice", "", "1111"}, &w.alice, "md_gost12_256", 64},
       {{"CN=Bob", "", "2222"}, &w.bob, "md_gost12_512", 128},
       {{"CN=Carol", "", ""}, &w.carol, "md_gost94", 64},
@@ -125,7 +125,7 @@ TEST(SignRaw, ReversedValueVerifies) {
   TempDir dir;
   const std::string data = "bare signature data";
   write_file(dir / "data", data);
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.signer.id);
     const std::string public_key = dir / "public.pem";
     run_checked("openssl x509 -engine gost -pubkey -noout -in '" + c.cert->cert_pem + "' > '" + public_key +

@@ -1,21 +1,26 @@
-// System stores as folders, finding certificates, and properties that stay
-// in memory.
+// System stores as folders, finding certificates, properties that stay in
+// memory, and private keys where the signer search does not reach: a key
+// file of another certificate, signing with a key that did not open.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <string>
 #include <vector>
 
-#include "crypt32/cert.h"
+#include "advapi32/keys.h"
+#include "advapi32/provider.h"
 #include "crypt32/store.h"
-#include "host.h"
-#include "pki.h"
+#include "signing.h"
 
+namespace bv::test {
 namespace {
 
-using bv::test::DemoPki;
+constexpr DWORD kExplicitPin = CRYPT_ACQUIRE_CACHE_FLAG | CRYPT_ACQUIRE_COMPARE_KEY_FLAG | CRYPT_ACQUIRE_SILENT_FLAG;
+constexpr DWORD kAnyEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 
-HCERTSTORE open_system(const char16_t* name, DWORD flags) {
+HCERTSTORE open_my(DWORD flags = CERT_SYSTEM_STORE_CURRENT_USER | CERT_STORE_OPEN_EXISTING_FLAG,
+                   const char16_t* name = u"My") {
   return CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, flags, name);
 }
 
@@ -28,125 +33,119 @@ std::string hash_of(PCCERT_CONTEXT context) {
   return hex;
 }
 
-std::vector<std::string> hashes_in(HCERTSTORE store) {
-  std::vector<std::string> out;
-  PCCERT_CONTEXT context = nullptr;
-  while ((context = CertEnumCertificatesInStore(store, context)) != nullptr) out.push_back(hash_of(context));
-  return out;
+std::vector<BYTE> bytes_of(const std::string& hex) {
+  std::vector<BYTE> bytes;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) bytes.push_back(static_cast<BYTE>(std::stoi(hex.substr(i, 2), nullptr, 16)));
+  return bytes;
+}
+
+// The certificate with that hash in My; the store is closed again.
+PCCERT_CONTEXT in_my(const TestCert& cert) {
+  std::vector<BYTE> bytes = bytes_of(cert.sha1_hex);
+  CRYPT_HASH_BLOB blob{20, bytes.data()};
+  HCERTSTORE store = open_my();
+  PCCERT_CONTEXT found = CertFindCertificateInStore(store, kAnyEncoding, 0, CERT_FIND_SHA1_HASH, &blob, nullptr);
+  CertCloseStore(store, 0);
+  return found;
 }
 
 class StoreTest : public ::testing::Test {
  protected:
-  void SetUp() override { DemoPki::get().apply_environment(); }
+  void SetUp() override { w.apply_environment(); }
+  const SigningWorld& w = SigningWorld::get();
 };
 
 TEST_F(StoreTest, MissingStoreIsCreatedOnlyWithoutOpenExisting) {
-  bv::test::TempDir home;
+  TempDir home;
   setenv("BV_PLATFORM_LOCAL_APPDATA", home.path().c_str(), 1);
-  EXPECT_EQ(open_system(u"Fresh", 0x14004), nullptr);
+  EXPECT_EQ(open_my(0x14004, u"Fresh"), nullptr);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_FILE_NOT_FOUND));
-  HCERTSTORE store = open_system(u"Fresh", CERT_SYSTEM_STORE_CURRENT_USER);
+  HCERTSTORE store = open_my(CERT_SYSTEM_STORE_CURRENT_USER, u"Fresh");
   ASSERT_NE(store, nullptr);
   EXPECT_TRUE(std::filesystem::is_directory(home / "Brelvantec/Certificates/Fresh"));
-  EXPECT_TRUE(hashes_in(store).empty());
+  EXPECT_EQ(CertEnumCertificatesInStore(store, nullptr), nullptr);
   CertCloseStore(store, 0);
-  EXPECT_EQ(open_system(u"../escape", CERT_SYSTEM_STORE_CURRENT_USER), nullptr);
-  EXPECT_EQ(CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, 0x30000, u"My"), nullptr);  // unknown location
+  EXPECT_EQ(open_my(CERT_SYSTEM_STORE_CURRENT_USER, u"../escape"), nullptr);
+  EXPECT_EQ(open_my(0x30000), nullptr);  // unknown location
 }
 
 // A renewal written over the old file keeps the folder as it was: the next
 // open sees the new certificate all the same.
 TEST_F(StoreTest, CertificateRewrittenInPlaceIsSeenAtTheNextOpen) {
-  const DemoPki& pki = DemoPki::get();
-  bv::test::TempDir home;
+  TempDir home;
   setenv("BV_PLATFORM_LOCAL_APPDATA", home.path().c_str(), 1);
   const std::string folder = home / "Brelvantec/Certificates/Renewed";
-  std::filesystem::create_directories(folder);
-  for (const char* name : {"signer-2012-256", "signer-2012-512", "signer-2001"}) {
-    SCOPED_TRACE(name);
+  for (const TestCert* cert : {&w.alice, &w.bob, &w.carol}) {
+    SCOPED_TRACE(cert->sha1_hex);
     // Truncate and write the same file: the folder's entry stays untouched.
-    bv::test::write_file(folder + "/signer.cer", bv::test::read_file(pki.certificate_file(name)));
-    HCERTSTORE store = open_system(u"Renewed", CERT_SYSTEM_STORE_CURRENT_USER);
+    write_file(folder + "/signer.pem", read_file(cert->cert_pem));
+    HCERTSTORE store = open_my(CERT_SYSTEM_STORE_CURRENT_USER, u"Renewed");
     ASSERT_NE(store, nullptr);
-    EXPECT_EQ(hashes_in(store), std::vector<std::string>{pki.hash(name)});
+    PCCERT_CONTEXT first = CertEnumCertificatesInStore(store, nullptr);
+    EXPECT_EQ(first != nullptr ? hash_of(first) : "", cert->sha1_hex);
+    if (first != nullptr) CertFreeCertificateContext(first);
     CertCloseStore(store, 0);
   }
 }
 
 TEST_F(StoreTest, FindByHashAndBySubjectCertificate) {
-  const DemoPki& pki = DemoPki::get();
-  HCERTSTORE store = open_system(u"My", CERT_SYSTEM_STORE_CURRENT_USER | CERT_STORE_OPEN_EXISTING_FLAG);
+  HCERTSTORE store = open_my();
   ASSERT_NE(store, nullptr);
-  const std::string wanted = pki.hash("signer-2012-512");
-  BYTE bytes[20];
-  for (int i = 0; i < 20; ++i) bytes[i] = static_cast<BYTE>(std::stoi(wanted.substr(2 * i, 2), nullptr, 16));
-  CRYPT_HASH_BLOB blob{20, bytes};
-  PCCERT_CONTEXT found =
-      CertFindCertificateInStore(store, X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0, CERT_FIND_SHA1_HASH, &blob, nullptr);
+  std::vector<BYTE> bytes = bytes_of(w.bob.sha1_hex);
+  CRYPT_HASH_BLOB blob{20, bytes.data()};
+  PCCERT_CONTEXT found = CertFindCertificateInStore(store, kAnyEncoding, 0, CERT_FIND_SHA1_HASH, &blob, nullptr);
   ASSERT_NE(found, nullptr);
-  EXPECT_EQ(hash_of(found), wanted);
+  EXPECT_EQ(hash_of(found), w.bob.sha1_hex);
   // Searching on frees the previous context; one match only.
-  EXPECT_EQ(CertFindCertificateInStore(store, 65537, 0, CERT_FIND_SHA1_HASH, &blob, found), nullptr);
+  EXPECT_EQ(CertFindCertificateInStore(store, kAnyEncoding, 0, CERT_FIND_SHA1_HASH, &blob, found), nullptr);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(CRYPT_E_NOT_FOUND));
-  CRYPT_HASH_BLOB short_blob{19, bytes};
-  EXPECT_EQ(CertFindCertificateInStore(store, 65537, 0, CERT_FIND_SHA1_HASH, &short_blob, nullptr), nullptr);
+  CRYPT_HASH_BLOB short_blob{19, bytes.data()};
+  EXPECT_EQ(CertFindCertificateInStore(store, kAnyEncoding, 0, CERT_FIND_SHA1_HASH, &short_blob, nullptr), nullptr);
 
-  // By issuer and serial, as a message names its signer.
-  PCCERT_CONTEXT any = CertFindCertificateInStore(store, 65537, 0, CERT_FIND_ANY, nullptr, nullptr);
+  // By issuer and serial, as a message names its signer; the first in the
+  // store is the first file.
+  PCCERT_CONTEXT any = CertFindCertificateInStore(store, kAnyEncoding, 0, CERT_FIND_ANY, nullptr, nullptr);
   ASSERT_NE(any, nullptr);
   CERT_INFO id{};
   id.Issuer = any->pCertInfo->Issuer;
   id.SerialNumber = any->pCertInfo->SerialNumber;
-  PCCERT_CONTEXT subject = CertGetSubjectCertificateFromStore(store, 65537, &id);
+  PCCERT_CONTEXT subject = CertGetSubjectCertificateFromStore(store, kAnyEncoding, &id);
   EXPECT_EQ(subject, any);
   CertFreeCertificateContext(subject);
   CertFreeCertificateContext(any);
   // Contexts outlive their store's handle.
   PCCERT_CONTEXT kept = CertEnumCertificatesInStore(store, nullptr);
   EXPECT_TRUE(CertCloseStore(store, CERT_STORE_DEFER_CLOSE_UNTIL_LAST_FREE_FLAG));
-  EXPECT_EQ(hash_of(kept), pki.hash("signer-2001"));
+  EXPECT_EQ(hash_of(kept), w.alice.sha1_hex);
   EXPECT_TRUE(CertFreeCertificateContext(kept));
 }
 
 TEST_F(StoreTest, InhibitedPropertyStaysWithThisOpenStore) {
-  const DemoPki& pki = DemoPki::get();
-  const std::string folder = pki.store_folder("local", "My");
   const auto listing = [&] {
     std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(folder)) names.push_back(entry.path().filename());
+    for (const auto& entry : std::filesystem::directory_iterator(w.my(""))) names.push_back(entry.path().filename());
     std::sort(names.begin(), names.end());
     return names;
   };
   const auto files_before = listing();
-  HCERTSTORE one = open_system(u"My", 0x14004);
+  // The key link's parameters: none stored, then the one given.
+  const auto parameters = [](PCCERT_CONTEXT context) -> std::string {
+    DWORD size = 0;
+    EXPECT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size));
+    std::vector<BYTE> buffer(size);
+    EXPECT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, buffer.data(), &size));
+    const auto* info = reinterpret_cast<const CRYPT_KEY_PROV_INFO*>(buffer.data());
+    EXPECT_EQ(info->dwProvType, PROV_GOST_2012_256);
+    return info->cProvParam == 0 ? "" : reinterpret_cast<const char*>(info->rgProvParam[0].pbData);
+  };
+  HCERTSTORE one = open_my(), two = open_my();
   PCCERT_CONTEXT context = CertEnumCertificatesInStore(one, nullptr);
-  DWORD size = 0;
-  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size));
-  std::vector<BYTE> buffer(size);
-  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, buffer.data(), &size));
-  auto* info = reinterpret_cast<CRYPT_KEY_PROV_INFO*>(buffer.data());
-  EXPECT_EQ(info->dwProvType, PROV_GOST_2001_DH);
-  EXPECT_EQ(info->cProvParam, 0u);
-  char pin[] = "secret-pin";
-  CRYPT_KEY_PROV_PARAM param{PP_KEYEXCHANGE_PIN, reinterpret_cast<BYTE*>(pin), sizeof pin, 0};
-  info->cProvParam = 1;
-  info->rgProvParam = &param;
-  ASSERT_TRUE(CertSetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID,
-                                                CERT_SET_PROPERTY_INHIBIT_PERSIST_FLAG, info));
-  // Read back through the two-call pattern: the parameter came with it.
-  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size));
-  std::vector<BYTE> again(size);
-  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, again.data(), &size));
-  const auto* read = reinterpret_cast<const CRYPT_KEY_PROV_INFO*>(again.data());
-  ASSERT_EQ(read->cProvParam, 1u);
-  EXPECT_STREQ(reinterpret_cast<const char*>(read->rgProvParam[0].pbData), "secret-pin");
+  EXPECT_EQ(parameters(context), "");
+  give_pin(context, "secret-pin");
+  EXPECT_EQ(parameters(context), "secret-pin");
   // Another opening of the same store never sees it, and nothing was written.
-  HCERTSTORE two = open_system(u"My", 0x14004);
   PCCERT_CONTEXT other = CertEnumCertificatesInStore(two, nullptr);
-  ASSERT_TRUE(CertGetCertificateContextProperty(other, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size));
-  std::vector<BYTE> fresh(size);
-  ASSERT_TRUE(CertGetCertificateContextProperty(other, CERT_KEY_PROV_INFO_PROP_ID, fresh.data(), &size));
-  EXPECT_EQ(reinterpret_cast<const CRYPT_KEY_PROV_INFO*>(fresh.data())->cProvParam, 0u);
+  EXPECT_EQ(parameters(other), "");
   EXPECT_EQ(listing(), files_before);
   CertFreeCertificateContext(context);
   CertFreeCertificateContext(other);
@@ -154,4 +153,57 @@ TEST_F(StoreTest, InhibitedPropertyStaysWithThisOpenStore) {
   CertCloseStore(two, 0);
 }
 
+TEST_F(StoreTest, KeyOfAnotherCertificateIsRefused) {
+  TempDir home;
+  const std::string folder = home / "Brelvantec/Certificates/My";
+  std::filesystem::create_directories(folder);
+  std::filesystem::copy_file(w.my("01-alice.cer"), folder + "/x.cer");
+  std::filesystem::copy_file(w.my("03-carol.key"), folder + "/x.key");  // plain, but not its key
+  std::filesystem::copy_file(w.my("02-bob.cer"), folder + "/y.cer");    // no key file
+  setenv("BV_PLATFORM_LOCAL_APPDATA", home.path().c_str(), 1);
+  HCERTSTORE store = open_my();
+  PCCERT_CONTEXT with_key = CertEnumCertificatesInStore(store, nullptr);
+  PCCERT_CONTEXT without_key = CertEnumCertificatesInStore(store, CertDuplicateCertificateContext(with_key));
+  CertCloseStore(store, 0);
+  HCRYPTPROV provider = 0;
+  DWORD key_spec = 0;
+  EXPECT_FALSE(CryptAcquireCertificatePrivateKey(with_key, kExplicitPin, nullptr, &provider, &key_spec, nullptr));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(NTE_BAD_PUBLIC_KEY));
+  ASSERT_TRUE(CryptAcquireCertificatePrivateKey(with_key, CRYPT_ACQUIRE_SILENT_FLAG, nullptr, &provider, &key_spec, nullptr));
+  EXPECT_FALSE(key_opened(provider));
+  CryptReleaseContext(provider, 0);
+  DWORD size = 0;
+  EXPECT_FALSE(CertGetCertificateContextProperty(without_key, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size));
+  EXPECT_FALSE(CryptAcquireCertificatePrivateKey(without_key, kExplicitPin, nullptr, &provider, &key_spec, nullptr));
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(CRYPT_E_NO_KEY_PROPERTY));
+  CertFreeCertificateContext(with_key);
+  CertFreeCertificateContext(without_key);
+}
+
+TEST_F(StoreTest, SigningNeedsAnOpenKeyAndAHashOfItsSize) {
+  const struct {
+    const char* pin;
+    ALG_ID hash_algorithm;
+    DWORD error;
+  } cases[] = {{"wrong-pin", CALG_GR3411_2012_256, SCARD_W_WRONG_CHV}, {"1111", CALG_GR3411_2012_512, NTE_BAD_ALGID}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.pin);
+    PCCERT_CONTEXT context = in_my(w.alice);
+    ASSERT_NE(context, nullptr);
+    give_pin(context, c.pin);
+    HCRYPTPROV provider = 0;
+    DWORD key_spec = 0;
+    ASSERT_TRUE(CryptAcquireCertificatePrivateKey(context, kExplicitPin, nullptr, &provider, &key_spec, nullptr));
+    HCRYPTHASH hash = 0;
+    ASSERT_TRUE(CryptCreateHash(provider, c.hash_algorithm, 0, 0, &hash));
+    BYTE signature[128];
+    DWORD size = sizeof signature;
+    EXPECT_FALSE(CryptSignHashA(hash, key_spec, nullptr, 0, signature, &size));
+    EXPECT_EQ(GetLastError(), c.error);
+    CryptDestroyHash(hash);
+    CertFreeCertificateContext(context);
+  }
+}
+
 }  // namespace
+}  // namespace bv::test

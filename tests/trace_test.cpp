@@ -15,8 +15,9 @@
 #include "trace/output.h"
 #include "trace/table.h"
 
+namespace bv::test {
+
 namespace {
-using bv::test::CoreTrace;
 using namespace bv::trace;
 
 constexpr const char* trace_function = "TraceTest";
@@ -75,62 +76,38 @@ TEST(TraceFilter, UnknownCategoryDropsTheLine) {
   EXPECT_TRUE(trace.messages().empty()) << trace.dump();
 }
 
-class TraceLine : public ::testing::Test {
- protected:
-  void SetUp() override { saved_ = read_process(); }
-  void TearDown() override { write_process(saved_); }
-  void options(bool file_and_line, bool category) {
-    ProcessSettings process = saved_;
-    process.file_name_and_line_no = file_and_line;
-    process.func_and_category_names = category;
-    write_process(process);
-  }
-  ProcessSettings saved_;
-};
-
-TEST_F(TraceLine, LongLinesAreCutAt1023Characters) {
+// Lines as the log file holds them: cut at 1023 characters with or without
+// the site, "\n" as "\r\n", a time stamp in front; the last error kept.
+TEST(TraceOutput, LinesInTheLogFile) {
   CoreTrace trace;
+  const ProcessSettings saved = read_process();
   for (const bool file_and_line : {false, true}) {
     SCOPED_TRACE(file_and_line ? "with site" : "message only");
-    options(file_and_line, true);
+    ProcessSettings process = saved;
+    process.file_name_and_line_no = file_and_line;
+    process.func_and_category_names = true;
+    write_process(process);
     trace.clear();
-    const std::string message(3000, 'x');
-    BV_TRACE(TRACE_NORMAL, "%s", message.c_str());
+    BV_TRACE(TRACE_NORMAL, "%s", std::string(3000, 'x').c_str());
     const std::string raw = trace.raw();
     ASSERT_GT(raw.size(), 22u);
-    const std::string line = raw.substr(22);
-    EXPECT_EQ(line.size(), 1023u);
-    EXPECT_EQ(line.back(), 'x');
+    EXPECT_EQ(raw.substr(22).size(), 1023u);
+    EXPECT_EQ(raw.back(), 'x');
   }
-}
+  write_process(saved);
 
-TEST(TraceOutput, LastErrorSurvivesEveryTraceCall) {
-  CoreTrace trace;
-  struct Case {
-    const char* name;
-    uint32_t level;
-  } cases[] = {{"line written to the log", TRACE_NORMAL}, {"line dropped by the filter", 99}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  trace.clear();
+  for (const uint32_t level : {static_cast<uint32_t>(TRACE_NORMAL), 99u}) {  // written, and dropped by the filter
     SetLastError(0x80092004);
-    BV_TRACE(c.level, "#error#: %08x\n", GetLastError());
+    BV_TRACE(level, "one\ntwo %08x\n", GetLastError());
     EXPECT_EQ(GetLastError(), 0x80092004u);
   }
-  EXPECT_EQ(trace.messages(), std::vector<std::string>{"#error#: 80092004\n"});
-}
-
-TEST(TraceOutput, NewLinesBecomeCrLfOnlyInTheLogFile) {
-  {
-    CoreTrace trace;
-    BV_TRACE(TRACE_NORMAL, "one\ntwo\n");
-    const std::string raw = trace.raw();
-    EXPECT_NE(raw.find(": one\r\ntwo\r\n"), std::string::npos) << raw;
-    // "YYYY/MM/DD hh:mm:ss : " in front.
-    ASSERT_GE(raw.size(), 22u);
-    for (const size_t digit : {0, 1, 2, 3, 5, 6, 8, 9, 11, 12, 14, 15, 17, 18}) EXPECT_TRUE(isdigit(raw[digit])) << raw;
-    EXPECT_EQ(raw.substr(4, 1) + raw.substr(7, 1) + raw.substr(13, 1) + raw.substr(16, 1) + raw.substr(19, 3),
-              "//:: : ");
-  }
+  const std::string raw = trace.raw();
+  EXPECT_EQ(raw.size(), 22 + std::string("bvsapssf_core: one\r\ntwo 80092004\r\n").size()) << raw;
+  EXPECT_TRUE(contains(raw, ": one\r\ntwo 80092004\r\n")) << raw;
+  // "YYYY/MM/DD hh:mm:ss : " in front.
+  for (const size_t digit : {0, 1, 2, 3, 5, 6, 8, 9, 11, 12, 14, 15, 17, 18}) EXPECT_TRUE(isdigit(raw[digit])) << raw;
+  EXPECT_EQ(raw.substr(4, 1) + raw.substr(7, 1) + raw.substr(13, 1) + raw.substr(16, 1) + raw.substr(19, 3), "//:: : ");
 }
 
 TEST(TraceErrno, FailedFormattingRaisesAndKeepsTheLastError) {
@@ -148,3 +125,5 @@ TEST(TraceErrno, FailedFormattingRaisesAndKeepsTheLastError) {
 }
 
 }  // namespace
+
+}  // namespace bv::test

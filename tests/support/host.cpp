@@ -36,11 +36,7 @@ const SsfApi& SsfApi::get() {
     };
     SsfApi a{};
 #define BV_RESOLVE(name) a.name = reinterpret_cast<decltype(a.name)>(resolve(#name));
-    BV_RESOLVE(SsfVersion) BV_RESOLVE(SsfQueryProperties) BV_RESOLVE(SsfEncode) BV_RESOLVE(SsfDecode)
-    BV_RESOLVE(SsfSign) BV_RESOLVE(SsfVerify) BV_RESOLVE(SsfEnvelope) BV_RESOLVE(SsfDevelope) BV_RESOLVE(SsfAddSign)
-    BV_RESOLVE(SsfDigest) BV_RESOLVE(SsfDELSsfOctetstring) BV_RESOLVE(SsfNEWSigRcpSsfInfo)
-    BV_RESOLVE(SsfDELSigRcpSsfInfo) BV_RESOLVE(SsfINSSigRcpSsfInfo) BV_RESOLVE(SsfDELSigRcpSsfInfoList)
-    BV_RESOLVE(SsfPRISigRcpSsfInfo) BV_RESOLVE(SsfPRISigRcpSsfInfoList) BV_RESOLVE(DllMain)
+    BV_EXPORTS(BV_RESOLVE)
 #undef BV_RESOLVE
     return a;
   }();
@@ -276,6 +272,13 @@ std::string run_command(const std::string& command, int* status) {
   while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0) output.append(chunk, n);
   const int rc = pclose(pipe);
   if (status != nullptr) *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+  return output;
+}
+
+std::string run_checked(const std::string& command) {
+  int status = -1;
+  std::string output = run_command(command, &status);
+  EXPECT_EQ(status, 0) << command << "\n" << output;
   return output;
 }
 

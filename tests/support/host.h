@@ -17,27 +17,16 @@
 
 namespace bv::test {
 
+#define BV_EXPORTS(X)                                                                                        \
+  X(SsfVersion) X(SsfQueryProperties) X(SsfEncode) X(SsfDecode) X(SsfSign) X(SsfVerify) X(SsfEnvelope)        \
+  X(SsfDevelope) X(SsfAddSign) X(SsfDigest) X(SsfDELSsfOctetstring) X(SsfNEWSigRcpSsfInfo) X(SsfDELSigRcpSsfInfo) \
+  X(SsfINSSigRcpSsfInfo) X(SsfDELSigRcpSsfInfoList) X(SsfPRISigRcpSsfInfo) X(SsfPRISigRcpSsfInfoList) X(DllMain)
+
 // The eighteen exports, resolved from build/libbvsapssf.so.
 struct SsfApi {
-  decltype(&::SsfVersion) SsfVersion;
-  decltype(&::SsfQueryProperties) SsfQueryProperties;
-  decltype(&::SsfEncode) SsfEncode;
-  decltype(&::SsfDecode) SsfDecode;
-  decltype(&::SsfSign) SsfSign;
-  decltype(&::SsfVerify) SsfVerify;
-  decltype(&::SsfEnvelope) SsfEnvelope;
-  decltype(&::SsfDevelope) SsfDevelope;
-  decltype(&::SsfAddSign) SsfAddSign;
-  decltype(&::SsfDigest) SsfDigest;
-  decltype(&::SsfDELSsfOctetstring) SsfDELSsfOctetstring;
-  decltype(&::SsfNEWSigRcpSsfInfo) SsfNEWSigRcpSsfInfo;
-  decltype(&::SsfDELSigRcpSsfInfo) SsfDELSigRcpSsfInfo;
-  decltype(&::SsfINSSigRcpSsfInfo) SsfINSSigRcpSsfInfo;
-  decltype(&::SsfDELSigRcpSsfInfoList) SsfDELSigRcpSsfInfoList;
-  decltype(&::SsfPRISigRcpSsfInfo) SsfPRISigRcpSsfInfo;
-  decltype(&::SsfPRISigRcpSsfInfoList) SsfPRISigRcpSsfInfoList;
-  decltype(&::DllMain) DllMain;
-
+#define BV_EXPORT_MEMBER(name) decltype(&::name) name;
+  BV_EXPORTS(BV_EXPORT_MEMBER)
+#undef BV_EXPORT_MEMBER
   // Loads the library once per process and resolves every export; a
   // missing one fails the test that asked.
   static const SsfApi& get();
@@ -144,5 +133,7 @@ inline bool contains(const std::string& text, const std::string& part) { return 
 
 // Runs a shell command and returns its standard output; exit code in *status.
 std::string run_command(const std::string& command, int* status = nullptr);
+// The same; a non-zero exit fails the calling test.
+std::string run_checked(const std::string& command);
 
 }  // namespace bv::test

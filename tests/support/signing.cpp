@@ -7,14 +7,11 @@
 #include <memory>
 #include <sstream>
 
-namespace bv::test {
+#include "advapi32/keys.h"
+#include "advapi32/provider.h"
+#include "crypt32/store.h"
 
-std::string run_checked(const std::string& command) {
-  int status = -1;
-  std::string output = run_command(command, &status);
-  EXPECT_EQ(status, 0) << command << "\n" << output;
-  return output;
-}
+namespace bv::test {
 
 std::map<std::string, std::string> SigningWorld::env(const std::map<std::string, std::string>& extra) const {
   std::map<std::string, std::string> all = {
@@ -27,39 +24,59 @@ std::map<std::string, std::string> SigningWorld::env(const std::map<std::string,
   return all;
 }
 
+void SigningWorld::apply_environment() const {
+  setenv("BV_PLATFORM_LOCAL_APPDATA", local().c_str(), 1);
+  setenv("BV_PLATFORM_COMMON_APPDATA", common().c_str(), 1);
+  bv::platform::forget_cached_stores();
+}
+
+void give_pin(PCCERT_CONTEXT context, const char* pin) {
+  DWORD size = 0;
+  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size));
+  std::vector<BYTE> buffer(size);
+  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, buffer.data(), &size));
+  std::string copy = pin != nullptr ? pin : "";
+  CRYPT_KEY_PROV_PARAM param{PP_KEYEXCHANGE_PIN, pin != nullptr ? reinterpret_cast<BYTE*>(copy.data()) : nullptr,
+                             pin != nullptr ? static_cast<DWORD>(copy.size() + 1) : 0, 0};
+  auto* info = reinterpret_cast<CRYPT_KEY_PROV_INFO*>(buffer.data());
+  info->cProvParam = 1;
+  info->rgProvParam = &param;
+  ASSERT_TRUE(CertSetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID,
+                                                CERT_SET_PROPERTY_INHIBIT_PERSIST_FLAG, info));
+}
+
+bool key_opened(HCRYPTPROV provider) {
+  BYTE value[8];
+  DWORD size = sizeof value;
+  return CryptGetProvParam(provider, PP_KEY_OPENED, value, &size, 0) != 0;
+}
+
 const SigningWorld& SigningWorld::get() {
   static const std::unique_ptr<SigningWorld> world = [] {
     auto w = std::make_unique<SigningWorld>();
     long serial = 1;
-    const auto make = [&](TestCert& c, CertRequest request, int key_nid) {
-      request.serial = serial++;
-      request.country = "RU";
-      c.key = gost_key(key_nid);
-      c.cert = make_cert(request, c.key.get());
+    // O, CN and C=RU; the root signs unless the certificate signs itself.
+    const auto make = [&](TestCert& c, const std::string& name, const std::string& organization, const char* kind,
+                          bool ca_or_self_signed = false) {
+      CertificateRequest request{.subject = {{"CN", name}, {"C", "RU"}}, .serial = serial++, .ca = &c == &w->root};
+      if (!organization.empty()) request.subject.insert(request.subject.begin(), {"O", organization});
+      c.key = generate_key(kind);
+      c.cert = ca_or_self_signed ? issue_certificate(request, c.key.get())
+                                 : issue_certificate(request, c.key.get(), w->root.cert.get(), w->root.key.get());
       c.cert_pem = w->dir / ("pki/" + std::to_string(request.serial) + ".pem");
       write_file(c.cert_pem, pem_of(c.cert.get()));
-      c.sha1_hex = sha1_hex(c.cert.get());
+      c.sha1_hex = certificate_hash(c.cert.get());
     };
-    constexpr int k256 = NID_id_GostR3410_2012_256;
-    make(w->root, {.name = "Test Root", .organization = "Test PKI", .ca = true}, k256);
-    const auto leaf = [&](TestCert& c, const std::string& name, const std::string& organization, int key_nid,
-                          bool self_signed = false) {
-      CertRequest request{.name = name, .organization = organization};
-      if (!self_signed) {
-        request.issuer = w->root.cert.get();
-        request.issuer_key = w->root.key.get();
-      }
-      make(c, request, key_nid);
-    };
-    leaf(w->alice, "Alice", "Test Bank", k256);
-    leaf(w->bob, "Bob", "Test Bank", NID_id_GostR3410_2012_512);
-    leaf(w->carol, "Carol", "Other Bank", NID_id_GostR3410_2001);
-    leaf(w->dup_untrusted, "Dup", "Test Bank", k256, true);
-    leaf(w->dup_good, "Dup", "Test Bank", k256);
-    leaf(w->lonely, "Lonely", "", k256, true);
-    leaf(w->nokey, "NoKey", "", k256);
-    leaf(w->dave, "Dave", "", k256);
-    leaf(w->erin, "Erin", "", k256);
+    make(w->root, "Test Root", "Test PKI", "gost2012_256", true);
+    make(w->alice, "Alice", "Test Bank", "gost2012_256");
+    make(w->bob, "Bob", "Test Bank", "gost2012_512");
+    make(w->carol, "Carol", "Other Bank", "gost2001");
+    make(w->dup_untrusted, "Dup", "Test Bank", "gost2012_256", true);
+    make(w->dup_good, "Dup", "Test Bank", "gost2012_256");
+    make(w->lonely, "Lonely", "", "gost2012_256", true);
+    make(w->nokey, "NoKey", "", "gost2012_256");
+    make(w->dave, "Dave", "", "gost2012_256");
+    make(w->erin, "Erin", "", "gost2012_256");
 
     // <stem>.cer with its key link <stem>.key beside it, the key under `pin`.
     const auto install = [](const TestCert& c, const std::string& appdata, const std::string& store,
@@ -70,7 +87,7 @@ const SigningWorld& SigningWorld::get() {
     };
     install(w->root, w->local(), "Root", "root", nullptr);
     write_file(w->local() + "/Brelvantec/Certificates/Root/root.crl",
-               der_of(make_crl(w->root.cert.get(), w->root.key.get(), {}).get()));
+               der_of(issue_crl(w->root.cert.get(), w->root.key.get(), {}).get()));
     install(w->alice, w->local(), "My", "01-alice", "1111");
     install(w->bob, w->local(), "My", "02-bob", "2222");
     install(w->carol, w->local(), "My", "03-carol", "");

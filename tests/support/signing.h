@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "certs.h"
+#include "crypt32/cert.h"
 #include "host.h"
 
 namespace bv::test {
@@ -36,14 +37,21 @@ struct SigningWorld {
 
   std::string local() const { return dir / "local"; }
   std::string common() const { return dir / "common"; }
+  // A file of the current user's My store: "01-alice.cer", "01-alice.key"...
+  std::string my(const std::string& file) const { return local() + "/Brelvantec/Certificates/My/" + file; }
+  // Points this process's stores at the folders.
+  void apply_environment() const;
   // The folders and, on top, `extra` settings.
   std::map<std::string, std::string> env(const std::map<std::string, std::string>& extra = {}) const;
 
   static const SigningWorld& get();  // made once per test program
 };
 
-// Runs a shell command; a non-zero exit fails the calling test.
-std::string run_checked(const std::string& command);
+// Hands `pin` to the certificate's key link as the signer search does: one
+// PP_KEYEXCHANGE_PIN parameter, in a property that is not persisted.
+void give_pin(PCCERT_CONTEXT context, const char* pin);
+// Whether the provider's key opened (parameter 109).
+bool key_opened(HCRYPTPROV provider);
 
 struct SignerSpec {
   std::string id, profile, pin;

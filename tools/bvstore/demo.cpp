@@ -10,6 +10,9 @@
 #include "crypt32/keys.h"
 
 namespace bvstore {
+
+using namespace bv::pki;
+
 namespace {
 
 struct Party {
@@ -66,12 +69,9 @@ int run_demo(const std::string& directory) {
   auto root_key = generate_key("gost2012_256");
   CertificateRequest root_request;
   root_request.subject = {{"CN", "Demo Root CA"}, {"O", "Demo Organisation"}, {"C", "RU"}};
-  root_request.serial = 1;
-  root_request.days = 7300;
-  root_request.not_before_offset_days = -1;
+  root_request.not_after = 7299 * kDay;
   root_request.ca = true;
-  root_request.key_usage = "keyCertSign,cRLSign";
-  auto root = issue_certificate(root_request, root_key.get(), nullptr, nullptr);
+  auto root = issue_certificate(root_request, root_key.get());
   write_der_certificate(root_store + "/demo-root.cer", root.get());
   record("root", "common", "Root", root_store + "/demo-root.cer", root.get(), "", "gost2012_256");
 
@@ -79,7 +79,7 @@ int run_demo(const std::string& directory) {
   CertificateRequest ca_request = root_request;
   ca_request.subject = {{"CN", "Demo Issuing CA"}, {"O", "Demo Organisation"}, {"C", "RU"}};
   ca_request.serial = 2;
-  ca_request.days = 3650;
+  ca_request.not_after = 3649 * kDay;
   auto ca = issue_certificate(ca_request, ca_key.get(), root.get(), root_key.get());
   write_der_certificate(ca_store + "/demo-ca.cer", ca.get());
   record("ca", "common", "CA", ca_store + "/demo-ca.cer", ca.get(), "", "gost2012_256");
@@ -99,8 +99,8 @@ int run_demo(const std::string& directory) {
                        {"1.2.643.100.3", "12345678901"},     // SNILS
                        {"1.2.643.3.131.1.1", "007712345678"}};  // INN
     request.serial = ++serial;
-    request.days = party.expired ? 30 : 1825;
-    request.not_before_offset_days = party.expired ? -400 : -1;
+    request.not_before = (party.expired ? -400 : -1) * kDay;
+    request.not_after = (party.expired ? -370 : 1824) * kDay;
     request.key_usage = party.recipient ? "keyEncipherment,keyAgreement" : "digitalSignature,nonRepudiation";
     request.extended_key_usage = "emailProtection";
     auto certificate = issue_certificate(request, key.get(), ca.get(), ca_key.get());
@@ -118,8 +118,8 @@ int run_demo(const std::string& directory) {
     }
   }
 
-  write_der_crl(root_store + "/demo-root.crl", issue_crl(root.get(), root_key.get(), {}, 30).get());
-  write_der_crl(ca_store + "/demo-ca.crl", issue_crl(ca.get(), ca_key.get(), revoked, 30).get());
+  write_der_crl(root_store + "/demo-root.crl", issue_crl(root.get(), root_key.get(), {}, -kDay, 30 * kDay).get());
+  write_der_crl(ca_store + "/demo-ca.crl", issue_crl(ca.get(), ca_key.get(), revoked, -kDay, 30 * kDay).get());
   manifest.close();
   if (!manifest) throw Failure{"cannot write " + directory + "/demo.txt"};
 

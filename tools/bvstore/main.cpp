@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 
 #include "bvstore.h"
 #include "crypt32/keys.h"
@@ -272,6 +273,9 @@ int main(int argc, char** argv) {
     return 2;
   } catch (const Failure& failure) {
     std::fprintf(stderr, "bvstore: %s\n", failure.text.c_str());
+    return 1;
+  } catch (const std::runtime_error& failure) {  // from the certificate factory
+    std::fprintf(stderr, "bvstore: %s\n", failure.what());
     return 1;
   }
 }

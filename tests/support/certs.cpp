@@ -1,0 +1,169 @@
+#include "certs.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+
+#include "crypt32/revocation.h"
+#include "crypt32/store.h"
+
+namespace bv::test {
+namespace {
+
+// A TCP socket bound to a free port of 127.0.0.1; the port in *port.
+int loopback_socket(int* port) {
+  const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+    throw std::runtime_error("no loopback socket");
+  *port = ntohs(address.sin_port);
+  return fd;
+}
+
+// The request's head and, after it, as many bytes as Content-Length says.
+std::string read_request(int client) {
+  std::string request;
+  char chunk[4096];
+  size_t head_end = std::string::npos, wanted = 0;
+  while (head_end == std::string::npos || request.size() < head_end + wanted) {
+    const ssize_t n = read(client, chunk, sizeof chunk);
+    if (n <= 0) break;
+    request.append(chunk, static_cast<size_t>(n));
+    if (head_end == std::string::npos && (head_end = request.find("\r\n\r\n")) != std::string::npos) {
+      head_end += 4;
+      const size_t at = request.find("Content-Length:");
+      if (at != std::string::npos && at < head_end) wanted = std::strtoul(request.c_str() + at + 15, nullptr, 10);
+    }
+  }
+  return request;
+}
+
+}  // namespace
+
+int free_port() {
+  int port = 0;
+  close(loopback_socket(&port));
+  return port;
+}
+
+HttpServer::HttpServer(bool silent) {
+  listener_ = loopback_socket(&port_);
+  listen(listener_, 16);
+  if (!silent) thread_ = std::thread([this] { serve(); });
+}
+
+HttpServer::~HttpServer() { stop(); }
+
+void HttpServer::stop() {
+  stop_ = true;
+  if (thread_.joinable()) thread_.join();
+  if (listener_ >= 0) close(listener_);
+  listener_ = -1;
+}
+
+void HttpServer::put(const std::string& path, const std::string& body) {
+  handle(path, [body](const std::string&) { return body; });
+}
+
+void HttpServer::handle(const std::string& path, Handler handler) {
+  std::lock_guard lock(mutex_);
+  handlers_[path] = std::move(handler);
+}
+
+void HttpServer::serve() {
+  while (!stop_) {
+    pollfd p{listener_, POLLIN, 0};
+    if (poll(&p, 1, 50) <= 0) continue;
+    const int client = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (client < 0) continue;
+    const std::string request = read_request(client);
+    ++requests_;
+    const size_t start = request.find(' ') + 1, head_end = request.find("\r\n\r\n");
+    const std::string path = request.substr(start, request.find(' ', start) - start);
+    Handler handler;
+    {
+      std::lock_guard lock(mutex_);
+      if (auto it = handlers_.find(path); it != handlers_.end()) handler = it->second;
+    }
+    const std::string body = handler ? handler(head_end == std::string::npos ? "" : request.substr(head_end + 4)) : "";
+    const std::string answer = (handler ? "HTTP/1.0 200 OK\r\n" : "HTTP/1.0 404 Not Found\r\n") +
+                               std::string("Content-Length: ") + std::to_string(body.size()) + "\r\n\r\n" + body;
+    [[maybe_unused]] const ssize_t ignored = write(client, answer.data(), answer.size());
+    close(client);
+  }
+}
+
+OcspResponder::OcspResponder(const std::string& folder, X509* ca, EVP_PKEY* ca_key, const std::vector<Entry>& entries)
+    : folder_(folder) {
+  write_file(folder + "/ca.pem", pem_of(ca));
+  write_file(folder + "/ca.key", pem_of(ca_key));
+  std::string index;
+  for (const Entry& entry : entries) {
+    UniquePtr<BIGNUM> serial(ASN1_INTEGER_to_BN(X509_get0_serialNumber(entry.cert), nullptr));
+    char* hex = BN_bn2hex(serial.get());
+    char* subject = X509_NAME_oneline(X509_get_subject_name(entry.cert), nullptr, 0);
+    index += std::string(entry.revoked ? "R" : "V") + "\t301231000000Z\t" +
+             (entry.revoked ? "200101000000Z,keyCompromise" : "") + "\t" + (std::strlen(hex) % 2 ? "0" : "") + hex +
+             "\tunknown\t" + subject + "\n";
+    OPENSSL_free(hex);
+    OPENSSL_free(subject);
+  }
+  write_file(folder + "/index.txt", index);
+  write_file(folder + "/openssl.cnf",
+             "openssl_conf = openssl_def\n[openssl_def]\nengines = engines\n[engines]\ngost = gost\n"
+             "[gost]\nengine_id = gost\ndefault_algorithms = ALL\n");
+  // One request at a time: the server answers its connections in turn.
+  server_.handle("/", [this](const std::string& request) {
+    write_file(folder_ + "/request.der", request);
+    std::remove((folder_ + "/response.der").c_str());
+    const std::string f = "'" + folder_ + "/";
+    run_command("OPENSSL_CONF=" + f + "openssl.cnf' openssl ocsp -index " + f + "index.txt' -CA " + f +
+                "ca.pem' -rsigner " + f + "ca.pem' -rkey " + f + "ca.key' -rmd md_gost12_256 -nmin 5 -reqin " + f +
+                "request.der' -respout " + f + "response.der' >> " + f + "ocsp.log' 2>&1");
+    return read_file(folder_ + "/response.der");
+  });
+}
+
+StoreFolders::StoreFolders() {
+  setenv("BV_PLATFORM_LOCAL_APPDATA", (dir_ / "user").c_str(), 1);
+  setenv("BV_PLATFORM_COMMON_APPDATA", (dir_ / "machine").c_str(), 1);
+  setenv("BV_PLATFORM_URL_TIMEOUT_MS", "1500", 1);
+  setenv("no_proxy", "127.0.0.1,localhost", 1);
+  bv::platform::forget_cached_stores();
+  bv::platform::revocation::clear_cache();
+}
+
+StoreFolders::~StoreFolders() {
+  bv::platform::forget_cached_stores();
+  bv::platform::revocation::clear_cache();
+}
+
+std::string StoreFolders::store(const std::string& name, bool machine) const {
+  return dir_ / ((machine ? "machine" : "user") + std::string("/Brelvantec/Certificates/") + name);
+}
+
+void StoreFolders::put(const std::string& name, const std::string& file, X509* cert, bool machine) const {
+  put_der(store(name, machine) + "/" + file, der_of(cert));
+}
+
+void StoreFolders::put(const std::string& name, const std::string& file, X509_CRL* crl, bool machine) const {
+  put_der(store(name, machine) + "/" + file, der_of(crl));
+}
+
+void StoreFolders::put_der(const std::string& path, const std::string& der) const {
+  write_file(path, der);
+  bv::platform::forget_cached_stores();
+}
+
+}  // namespace bv::test
