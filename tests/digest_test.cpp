@@ -218,20 +218,6 @@ TEST(DigestNames, PrefixesAndRefusals) {
   }
 }
 
-// Null pointers behind positive lengths end in a code, not a crash.
-TEST(DigestFailures, NullPointersBehindLengths) {
-  const SsfApi& api = SsfApi::get();
-  const auto* data = reinterpret_cast<const unsigned char*>("data");
-  unsigned char* out = &caller_sentinel;
-  uint32_t length = 7;
-  EXPECT_EQ(api.SsfDigest(nullptr, 5, 0, data, 4, "SHA1", 4, &out, &length), SSF_ERR_FORMAT);
-  EXPECT_EQ(api.SsfDigest("PKCS7", 5, 0, data, 4, nullptr, 4, &out, &length), SSF_ERR_HASHALG);
-  EXPECT_EQ(api.SsfDigest("RAW_GOST", 8, 0, nullptr, 4, "SHA1", 4, &out, &length), SSF_ERR_INPUT);
-  EXPECT_EQ(api.SsfDigest("PKCS7", 5, 1, nullptr, 4, "GOST2012-256", 12, &out, &length), SSF_ERR_INPUT);
-  EXPECT_EQ(out, &caller_sentinel);
-  EXPECT_EQ(length, 0u);
-}
-
 // Without the GOST engine no provider type exists.  A fresh process, since
 // this one has the engine loaded already.
 TEST(DigestFailures, ProviderThatCannotBeAcquired) {
