@@ -102,6 +102,10 @@ TEST(Lookup, ListAndArgumentFailures) {
   const auto request = [](std::string format, std::vector<SignerSpec> signers, std::string data = "data") {
     return SignRequest{.format = format, .signers = signers, .data = data};
   };
+  const auto leak_checked = [](SignRequest r) {
+    r.check_leaks = true;
+    return r;
+  };
   SignerSpec negative_pin = alice;
   negative_pin.negative_pin_length = true;
   const std::vector<Case> cases = {
@@ -110,7 +114,8 @@ TEST(Lookup, ListAndArgumentFailures) {
       {"raw with two signers: before any store", request("RAW_GOST", {alice, bob}), SSF_ERR_INTERNAL,
        {kUntouched, kUntouched}},
       // A PIN no text can have ends the call as an unexpected failure.
-      {"negative PIN length", request("PKCS7", {negative_pin}), SSF_ERR_INTERNAL, {22}},
+      {"negative PIN length, nothing held left behind", leak_checked(request("PKCS7", {negative_pin})),
+       SSF_ERR_INTERNAL, {22}},
       {"node without record ends the call", request("PKCS7", {alice, {"", "", "", true}, bob}), SSF_ERR_INTERNAL,
        {0, -1, kUntouched}},
       {"empty input", request("RAW_GOST", {alice}, ""), SSF_ERR_INPUT, {kUntouched}},

@@ -1,5 +1,8 @@
 #include "signing.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/lsan_interface.h>
+#endif
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -160,6 +163,9 @@ void sign_here(const SignRequest& request, const std::string& outcome_path, cons
   for (size_t i = 0; i < records.size(); ++i)
     if (records[i] != nullptr) records[i]->PasswordL = static_cast<int32_t>(request.signers[i].pin.size());
   api.SsfDELSigRcpSsfInfoList(&list);
+#if defined(__SANITIZE_ADDRESS__)
+  if (request.check_leaks) EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
+#endif
 }
 
 SignOutcome read_outcome(const std::string& outcome_path, const std::string& signed_path) {
