@@ -1,10 +1,9 @@
 // Writing certificates and CRLs into store folders.
-#include <sys/stat.h>
-
-#include <cerrno>
-#include <cstdio>
-
 #include "bvstore.h"
+
+#include <string_view>
+
+#include "kernel32/files.h"
 
 namespace bvstore {
 namespace {
@@ -16,25 +15,18 @@ void check(bool ok, const std::string& what) {
 }  // namespace
 
 void make_folders(const std::string& path) {
-  for (size_t at = path.find('/', 1);; at = path.find('/', at + 1)) {
-    const std::string part = path.substr(0, at);
-    if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) throw Failure{"cannot create " + part};
-    if (at == std::string::npos) break;
-  }
+  if (bv::platform::make_directories(path, 0755) != 0) throw Failure{"cannot create " + path};
 }
 
 // Written beside and renamed into place, so a reader of the store never
 // sees half a certificate.
 void write_der_certificate(const std::string& path, X509* certificate) {
-  const std::string temporary = path + ".tmp";
-  {
-    bv::ossl::UniquePtr<BIO> out(BIO_new_file(temporary.c_str(), "wb"));
-    check(out && i2d_X509_bio(out.get(), certificate) == 1 && BIO_flush(out.get()) == 1, "writing " + path);
-  }
-  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
-    std::remove(temporary.c_str());
-    throw Failure{"cannot write " + path};
-  }
+  unsigned char* der = nullptr;
+  const int length = i2d_X509(certificate, &der);
+  check(length > 0, "writing " + path);
+  const int error = bv::platform::replace_file(path, std::string_view(reinterpret_cast<char*>(der), length), 0644);
+  OPENSSL_free(der);
+  if (error != 0) throw Failure{"cannot write " + path};
 }
 
 void write_der_crl(const std::string& path, X509_CRL* crl) {

@@ -14,6 +14,7 @@
 
 #include "advapi32/provider_internal.h"
 #include "crypt32/cert.h"
+#include "kernel32/files.h"
 #include "kernel32/kernel32.h"
 
 namespace bv::platform {
@@ -70,15 +71,7 @@ void wipe_key_prov_info(KeyProvInfo& info) {
 KeyFileResult read_key_file(const std::string& path, const std::string* pin, bv::ossl::UniquePtr<EVP_PKEY>& key) {
   bv::ossl::gost_engine();  // GOST keys decode through the engine's methods
   key.reset();
-  std::string bytes;
-  {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return KeyFileResult::kUnreadable;
-    char buffer[4096];
-    ssize_t n;
-    while ((n = read(fd, buffer, sizeof buffer)) > 0) bytes.append(buffer, static_cast<size_t>(n));
-    close(fd);
-  }
+  std::string bytes = read_whole_file(path);  // wiped below once read
   if (bytes.empty()) return KeyFileResult::kUnreadable;
   bv::ossl::UniquePtr<BIO> bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
   KeyFileResult result = KeyFileResult::kUnreadable;
@@ -127,15 +120,8 @@ bool write_key_file(const std::string& path, EVP_PKEY* key, const std::string& p
   }
   char* data = nullptr;
   const long length = BIO_get_mem_data(memory.get(), &data);
-  const std::string temporary = path + ".tmp";
-  const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) return bv::ossl::fail(errno == EACCES ? ERROR_ACCESS_DENIED : CRYPT_E_FILE_ERROR);
-  const bool written = write(fd, data, static_cast<size_t>(length)) == length;
-  close(fd);
-  if (!written || rename(temporary.c_str(), path.c_str()) != 0) {
-    unlink(temporary.c_str());
-    return bv::ossl::fail(CRYPT_E_FILE_ERROR);
-  }
+  const int error = replace_file(path, std::string_view(data, static_cast<size_t>(length)), 0600);
+  if (error != 0) return bv::ossl::fail(error == EACCES ? ERROR_ACCESS_DENIED : CRYPT_E_FILE_ERROR);
   return true;
 }
 

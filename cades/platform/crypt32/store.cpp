@@ -20,6 +20,7 @@
 #include "checked_handle.h"
 #include "crypt32/keys.h"
 #include "crypt32/store.h"
+#include "kernel32/files.h"
 #include "kernel32/kernel32.h"
 #include "kernel32/wide_text.h"
 #include "output_space.h"
@@ -97,19 +98,6 @@ std::string special_folder(int csidl) {
   return SHGetFolderPathA(nullptr, csidl, nullptr, SHGFP_TYPE_CURRENT, path) == S_OK ? std::string(path) : std::string();
 }
 
-bool make_folders(const std::string& path) {
-  std::string partial;
-  size_t position = 0;
-  while (position != std::string::npos) {
-    position = path.find('/', position + 1);
-    partial = path.substr(0, position);
-    if (partial.empty()) continue;
-    if (mkdir(partial.c_str(), 0700) != 0 && errno != EEXIST) return false;
-  }
-  struct stat info {};
-  return stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
-}
-
 enum class FileKind { kNone, kDer, kPem, kCrl };
 
 FileKind kind_of(const std::string& name) {
@@ -156,21 +144,6 @@ struct FolderContents {
   std::vector<std::shared_ptr<const ParsedCertificate>> certificates;
   std::vector<std::shared_ptr<X509_CRL>> crls;
 };
-
-std::string read_whole_file(const std::string& path) {
-  std::string bytes;
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return bytes;
-  char buffer[16384];
-  for (;;) {
-    const ssize_t n = read(fd, buffer, sizeof buffer);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    bytes.append(buffer, static_cast<size_t>(n));
-  }
-  close(fd);
-  return bytes;
-}
 
 // Every certificate of a PEM file, in order.
 void read_pem_certificates(const std::string& bytes, const std::string& path, const std::string& key_file,
@@ -347,18 +320,10 @@ std::string hex_name(const BYTE* bytes, size_t length) {
 // Writes a certificate into a store folder as <sha1>.cer, atomically.
 bool write_certificate_file(const std::string& folder, const ParsedCertificate& parsed) {
   const std::string path = folder + "/" + hex_name(parsed.sha1, sizeof parsed.sha1) + ".cer";
-  const std::string temporary = path + ".tmp";
-  const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) {
-    SetLastError(errno == EACCES ? ERROR_ACCESS_DENIED : CRYPT_E_FILE_ERROR);
-    return false;
-  }
-  const bool written = write(fd, parsed.encoded.data(), parsed.encoded.size()) ==
-                       static_cast<ssize_t>(parsed.encoded.size());
-  close(fd);
-  if (!written || rename(temporary.c_str(), path.c_str()) != 0) {
-    unlink(temporary.c_str());
-    SetLastError(CRYPT_E_FILE_ERROR);
+  const int error = replace_file(
+      path, std::string_view(reinterpret_cast<const char*>(parsed.encoded.data()), parsed.encoded.size()), 0644);
+  if (error != 0) {
+    SetLastError(error == EACCES ? ERROR_ACCESS_DENIED : CRYPT_E_FILE_ERROR);
     return false;
   }
   return true;
@@ -701,8 +666,10 @@ HCERTSTORE CertOpenStore(LPCSTR lpszStoreProvider, DWORD /*dwEncodingType*/, HCR
       SetLastError(ERROR_FILE_NOT_FOUND);
       return nullptr;
     }
-    if (!(dwFlags & CERT_STORE_READONLY_FLAG) && !make_folders(folder)) {
-      SetLastError(errno == EACCES || errno == EPERM || errno == EROFS ? ERROR_ACCESS_DENIED : ERROR_PATH_NOT_FOUND);
+    // A store folder holds key files beside the certificates: its owner's alone.
+    const int error = (dwFlags & CERT_STORE_READONLY_FLAG) ? 0 : make_directories(folder, 0700);
+    if (error != 0) {
+      SetLastError(error == EACCES || error == EPERM || error == EROFS ? ERROR_ACCESS_DENIED : ERROR_PATH_NOT_FOUND);
       return nullptr;
     }
   }

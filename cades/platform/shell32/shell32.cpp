@@ -1,5 +1,7 @@
 #include "shell32/shell32.h"
 
+#include "kernel32/files.h"
+
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -60,12 +62,8 @@ int create_directories(const std::string& path) {
   if (path.empty()) return ERROR_PATH_NOT_FOUND;
   struct stat info{};
   if (::stat(path.c_str(), &info) == 0) return S_ISDIR(info.st_mode) ? ERROR_ALREADY_EXISTS : kErrorFileExists;
-  for (size_t slash = path.find('/', 1);; slash = path.find('/', slash + 1)) {
-    const std::string step = path.substr(0, slash);
-    if (::mkdir(step.c_str(), 0755) != 0 && errno != EEXIST) return static_cast<int>(error_from_errno(errno));
-    if (slash == std::string::npos) break;
-  }
-  return ERROR_SUCCESS;
+  const int error = bv::platform::make_directories(path, 0755);
+  return error == 0 ? ERROR_SUCCESS : static_cast<int>(error_from_errno(error));
 }
 
 HRESULT folder_path(int request, std::string& out) {
