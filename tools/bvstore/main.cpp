@@ -14,6 +14,7 @@
 
 #include "bvstore.h"
 #include "crypt32/keys.h"
+#include "kernel32/hex.h"
 #include "crypt32/store.h"
 
 namespace bvstore {
@@ -131,11 +132,10 @@ int command_list(const Arguments& arguments) {
     BYTE hash[20];
     DWORD size = sizeof hash;
     CertGetCertificateContextProperty(context, CERT_HASH_PROP_ID, hash, &size);
-    char hex[41];
-    for (int i = 0; i < 20; ++i) std::snprintf(hex + 2 * i, 3, "%02X", hash[i]);
+    const std::string hex = bv::platform::hex_text(hash, size, bv::platform::HexLetters::kUpper);
     DWORD info_size = 0;
     const bool has_key = CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &info_size);
-    std::printf("%s  %s  %s..%s%s\n    issuer: %s\n", hex, ansi_name(&context->pCertInfo->Subject).c_str(),
+    std::printf("%s  %s  %s..%s%s\n    issuer: %s\n", hex.c_str(), ansi_name(&context->pCertInfo->Subject).c_str(),
                 date_of(context->pCertInfo->NotBefore).c_str(), date_of(context->pCertInfo->NotAfter).c_str(),
                 has_key ? "  [key]" : "", ansi_name(&context->pCertInfo->Issuer).c_str());
   }

@@ -4,6 +4,8 @@
 
 #include <stdexcept>
 
+#include "kernel32/hex.h"
+
 namespace bv::pki {
 namespace {
 
@@ -155,10 +157,7 @@ std::string certificate_hash(X509* certificate) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
   check(X509_digest(certificate, EVP_sha1(), digest, &length) == 1, "certificate hash");
-  static const char kDigits[] = "0123456789ABCDEF";
-  std::string hex;
-  for (unsigned int i = 0; i < length; ++i) hex += {kDigits[digest[i] >> 4], kDigits[digest[i] & 15]};
-  return hex;
+  return bv::platform::hex_text(digest, length, bv::platform::HexLetters::kUpper);
 }
 
 }  // namespace bv::pki

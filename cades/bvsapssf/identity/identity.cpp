@@ -4,6 +4,7 @@
 #include <cstring>
 #include <vector>
 
+#include "kernel32/hex.h"
 #include "kernel32/kernel32.h"
 #include "trace/trace.h"
 
@@ -125,14 +126,7 @@ bool parse_CertHashID(const char* strSigRcpId, int32_t strSigRcpIdL, CRYPT_HASH_
 }
 
 std::string bytes_to_hex_string(const BYTE* bytes, int32_t count) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (int32_t i = 0; i < count; ++i) {
-    if (i > 0) text += ' ';
-    text += kDigits[bytes[i] >> 4];
-    text += kDigits[bytes[i] & 0x0F];
-  }
-  return text;
+  return bv::platform::hex_text(bytes, count > 0 ? static_cast<size_t>(count) : 0, bv::platform::HexLetters::kLower, ' ');
 }
 
 int32_t parse_dn_string(const char* text, int32_t length, RdnList& rdns) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "crypt32/cert.h"
+#include "kernel32/hex.h"
 #include "kernel32/kernel32.h"
 
 namespace {
@@ -175,12 +176,9 @@ std::vector<uint32_t> value_characters(const Element& value) {
       for (size_t i = 0; i < length; ++i) out.push_back(bytes[i]);
       break;
     default: {
-      static const char digits[] = "0123456789ABCDEF";
       out.push_back('#');
-      for (size_t i = 0; i < value.total; ++i) {
-        out.push_back(static_cast<uint32_t>(digits[value.start[i] >> 4]));
-        out.push_back(static_cast<uint32_t>(digits[value.start[i] & 15]));
-      }
+      for (const char digit : bv::platform::hex_text(value.start, value.total, bv::platform::HexLetters::kUpper))
+        out.push_back(static_cast<uint32_t>(digit));
       break;
     }
   }

@@ -21,6 +21,7 @@
 #include "crypt32/keys.h"
 #include "crypt32/store.h"
 #include "kernel32/files.h"
+#include "kernel32/hex.h"
 #include "kernel32/kernel32.h"
 #include "kernel32/wide_text.h"
 #include "output_space.h"
@@ -307,15 +308,7 @@ std::shared_ptr<const FolderContents> folder_contents(const std::string& folder)
   return contents;
 }
 
-std::string hex_name(const BYTE* bytes, size_t length) {
-  static const char digits[] = "0123456789abcdef";
-  std::string text;
-  for (size_t i = 0; i < length; ++i) {
-    text += digits[bytes[i] >> 4];
-    text += digits[bytes[i] & 15];
-  }
-  return text;
-}
+std::string hex_name(const BYTE* bytes, size_t length) { return hex_text(bytes, length, HexLetters::kLower); }
 
 // Writes a certificate into a store folder as <sha1>.cer, atomically.
 bool write_certificate_file(const std::string& folder, const ParsedCertificate& parsed) {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "crypt32/store.h"
+#include "kernel32/hex.h"
 #include "kernel32/kernel32.h"
 #include "kernel32/wide_text.h"
 #include "openssl/ossl.h"
@@ -56,11 +57,7 @@ bool describe(PCCERT_CONTEXT context, Choice& choice) {
   BYTE hash[20];
   DWORD hash_size = sizeof hash;
   if (cert == nullptr || !CertGetCertificateContextProperty(context, CERT_HASH_PROP_ID, hash, &hash_size)) return false;
-  static const char kHex[] = "0123456789ABCDEF";
-  for (DWORD i = 0; i < hash_size; ++i) {
-    choice.hash += kHex[hash[i] >> 4];
-    choice.hash += kHex[hash[i] & 0x0F];
-  }
+  choice.hash = bv::platform::hex_text(hash, hash_size, bv::platform::HexLetters::kUpper);
   choice.subject = name_text(X509_get_subject_name(cert));
   choice.issuer = name_text(X509_get_issuer_name(cert));
   choice.not_before = date_text(X509_get0_notBefore(cert));
