@@ -50,40 +50,15 @@ ChainObject* chain_object(PCCERT_CHAIN_CONTEXT context) {
   return object->magic == ChainObject::kMagic ? object : nullptr;
 }
 
-std::string sha1_of(X509* cert) {
-  unsigned char md[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  if (X509_digest(cert, EVP_sha1(), md, &length) != 1) return {};
-  return std::string(reinterpret_cast<char*>(md), length);
-}
-
-// Signature checks already made in this process, good ones only: building
-// the same chains again then costs no public key operation.
-struct SignatureMemo {
-  std::mutex mutex;
-  std::set<std::string> good;
-};
-
-SignatureMemo& signature_memo() {
-  static SignatureMemo* memo = new SignatureMemo;
-  return *memo;
-}
+using bv::ossl::sha1_of;
 
 bool signed_by(X509* cert, X509* issuer) {
-  const std::string key = sha1_of(cert) + sha1_of(issuer);
-  {
-    std::lock_guard lock(signature_memo().mutex);
-    if (signature_memo().good.count(key) != 0) return true;
-  }
-  EVP_PKEY* issuer_key = X509_get0_pubkey(issuer);
-  const bool good = issuer_key != nullptr && X509_verify(cert, issuer_key) == 1;
-  ERR_clear_error();
-  if (good) {
-    std::lock_guard lock(signature_memo().mutex);
-    if (signature_memo().good.size() > 65536) signature_memo().good.clear();
-    signature_memo().good.insert(key);
-  }
-  return good;
+  // Good checks only: building the same chains again costs no public key operation.
+  static auto* verified = new bv::ossl::VerifiedSignatures(65536);
+  return verified->check(cert, issuer, [&] {
+    EVP_PKEY* issuer_key = X509_get0_pubkey(issuer);
+    return issuer_key != nullptr && X509_verify(cert, issuer_key) == 1;
+  });
 }
 
 bool time_valid(X509* cert, time_t at) {

@@ -48,7 +48,7 @@ struct Cache {
   std::map<std::string, CrlEntry> crls;         // by URL
   std::map<std::string, OcspAnswer> responses;  // by DER of the OCSP cert id
   std::map<std::string, Clock::time_point> offline_until;  // by URL
-  std::set<std::string> verified_crls;          // SHA-1 of CRL and of issuer, signature good
+  bv::ossl::VerifiedSignatures verified_crls{kMaxCachedCrls * 16};
 };
 
 Cache& cache() {
@@ -63,38 +63,14 @@ time_t to_time(const ASN1_TIME* t) {
   return timegm(&parts);
 }
 
-std::string sha1_of(X509* cert) {
-  unsigned char md[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  if (X509_digest(cert, EVP_sha1(), md, &length) != 1) return {};
-  return std::string(reinterpret_cast<char*>(md), length);
-}
-
-std::string sha1_of(X509_CRL* crl) {
-  unsigned char md[EVP_MAX_MD_SIZE];
-  unsigned int length = 0;
-  if (X509_CRL_digest(crl, EVP_sha1(), md, &length) != 1) return {};
-  return std::string(reinterpret_cast<char*>(md), length);
-}
-
 // The CRL is the issuer's: its name, its key, and a key allowed to sign CRLs.
 bool crl_is_from(X509_CRL* crl, X509* issuer) {
   if (X509_NAME_cmp(X509_CRL_get_issuer(crl), X509_get_subject_name(issuer)) != 0) return false;
   if ((X509_get_key_usage(issuer) & KU_CRL_SIGN) == 0) return false;
-  const std::string key = sha1_of(crl) + sha1_of(issuer);
-  {
-    std::lock_guard lock(cache().mutex);
-    if (cache().verified_crls.count(key) != 0) return true;
-  }
-  EVP_PKEY* issuer_key = X509_get0_pubkey(issuer);
-  const bool good = issuer_key != nullptr && X509_CRL_verify(crl, issuer_key) == 1;
-  ERR_clear_error();
-  if (good) {
-    std::lock_guard lock(cache().mutex);
-    if (cache().verified_crls.size() > kMaxCachedCrls * 16) cache().verified_crls.clear();
-    cache().verified_crls.insert(key);
-  }
-  return good;
+  return cache().verified_crls.check(crl, issuer, [&] {
+    EVP_PKEY* issuer_key = X509_get0_pubkey(issuer);
+    return issuer_key != nullptr && X509_CRL_verify(crl, issuer_key) == 1;
+  });
 }
 
 bool crl_is_current(X509_CRL* crl, time_t now) {

@@ -67,4 +67,34 @@ bool fail(DWORD win_error) {
   return false;
 }
 
+std::string sha1_of(X509* cert) {
+  unsigned char md[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (X509_digest(cert, EVP_sha1(), md, &length) != 1) return {};
+  return std::string(reinterpret_cast<char*>(md), length);
+}
+
+std::string sha1_of(X509_CRL* crl) {
+  unsigned char md[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (X509_CRL_digest(crl, EVP_sha1(), md, &length) != 1) return {};
+  return std::string(reinterpret_cast<char*>(md), length);
+}
+
+bool VerifiedSignatures::known(const std::string& key) {
+  std::lock_guard lock(mutex_);
+  return good_.count(key) != 0;
+}
+
+void VerifiedSignatures::remember(const std::string& key) {
+  std::lock_guard lock(mutex_);
+  if (good_.size() >= limit_) good_.clear();
+  good_.insert(key);
+}
+
+void VerifiedSignatures::clear() {
+  std::lock_guard lock(mutex_);
+  good_.clear();
+}
+
 }  // namespace bv::ossl

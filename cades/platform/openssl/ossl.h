@@ -13,6 +13,8 @@
 #include <openssl/x509v3.h>
 
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
 
 #include "wintypes.h"
@@ -97,5 +99,37 @@ std::string take_error_text();
 // Sets the thread's last error to `win_error` and empties OpenSSL's queue.
 // Returns false so call sites can write `return fail(NTE_BAD_SIGNATURE);`.
 bool fail(DWORD win_error);
+
+// SHA-1 of the encoding, as raw bytes; empty if it could not be had.
+std::string sha1_of(X509* cert);
+std::string sha1_of(X509_CRL* crl);
+
+// Signature checks that succeeded in this process, keyed by the SHA-1 of the
+// signed object and of its signer: building the same chains or reading the
+// same CRLs again then costs no public key operation.  Failures are not
+// kept.  Thread-safe; forgets everything once `limit` keys are held.
+class VerifiedSignatures {
+ public:
+  explicit VerifiedSignatures(size_t limit) : limit_(limit) {}
+  // Whether `verify` succeeded for this pair before, or does now.
+  template <typename Object, typename Verify>
+  bool check(Object* object, X509* signer, Verify&& verify) {
+    const std::string key = sha1_of(object) + sha1_of(signer);
+    if (known(key)) return true;
+    const bool good = verify();
+    ERR_clear_error();
+    if (good) remember(key);
+    return good;
+  }
+  void clear();
+
+ private:
+  bool known(const std::string& key);
+  void remember(const std::string& key);
+
+  size_t limit_;
+  std::mutex mutex_;
+  std::set<std::string> good_;
+};
 
 }  // namespace bv::ossl
