@@ -72,6 +72,30 @@ HCRYPTMSG CryptMsgOpenToEncode(DWORD dwMsgEncodingType, DWORD dwFlags, DWORD dwM
   nullptr);
 }
 
+HCRYPTMSG CryptMsgOpenToDecode(DWORD dwMsgEncodingType, DWORD dwFlags, DWORD dwMsgType, HCRYPTPROV_LEGACY,
+                               CERT_INFO*, PCMSG_STREAM_INFO pStreamInfo) {
+  if ((dwMsgEncodingType & PKCS_7_ASN_ENCODING) == 0) {
+    SetLastError(static_cast<DWORD>(E_INVALIDARG));
+    return nullptr;
+  }
+  if (pStreamInfo != nullptr) {
+    SetLastError(ERROR_NOT_SUPPORTED);
+    return nullptr;
+  }
+  if (dwMsgType != 0 && dwMsgType != CMSG_SIGNED && dwMsgType != CMSG_ENVELOPED) {
+    SetLastError(CRYPT_E_INVALID_MSG_TYPE);
+    return nullptr;
+  }
+  return bv::platform::out_of_memory_as_error([&]() -> HCRYPTMSG {
+    auto message = std::make_unique<CryptMsg>();
+    message->encoding_type = dwMsgEncodingType;
+    message->flags = dwFlags;
+    message->kind = bv::platform::open_decoder(dwFlags, dwMsgType);
+    return message.release();
+  },
+  nullptr);
+}
+
 BOOL CryptMsgUpdate(HCRYPTMSG hCryptMsg, const BYTE* pbData, DWORD cbData, BOOL fFinal) {
   CryptMsg* message = bv::platform::message_from_handle(hCryptMsg);
   if (message == nullptr) return FALSE;

@@ -108,6 +108,12 @@ static_assert(sizeof(CMSG_SIGNED_ENCODE_INFO) == 48);
 // null means id-data.  Streaming is not offered (ERROR_NOT_SUPPORTED).
 HCRYPTMSG CryptMsgOpenToEncode(DWORD dwMsgEncodingType, DWORD dwFlags, DWORD dwMsgType, const void* pvMsgEncodeInfo,
                                LPSTR pszInnerContentObjID, PCMSG_STREAM_INFO pStreamInfo);
+// Decoding: `dwMsgType` 0 takes the type from the message (signed or
+// enveloped); a named type must match it (CRYPT_E_UNEXPECTED_MSG_TYPE).  The
+// whole message comes in updates ending with a final one; a detached signed
+// message's content follows in one more update.
+HCRYPTMSG CryptMsgOpenToDecode(DWORD dwMsgEncodingType, DWORD dwFlags, DWORD dwMsgType, HCRYPTPROV_LEGACY hCryptProv,
+                               CERT_INFO* pRecipientInfo, PCMSG_STREAM_INFO pStreamInfo);
 BOOL CryptMsgUpdate(HCRYPTMSG hCryptMsg, const BYTE* pbData, DWORD cbData, BOOL fFinal);
 // Two-call size pattern; CMSG_CONTENT_PARAM of an encoded message is the
 // whole DER ContentInfo once the final update is in.
@@ -127,6 +133,8 @@ class MessageKind {
   virtual bool get_param(DWORD param, DWORD index, void* data, DWORD* size) = 0;
   // Default: no control is known (CRYPT_E_CONTROL_TYPE).
   virtual bool control(DWORD flags, DWORD control_type, const void* para);
+  // The kind that answers the calls: itself, unless it forwards them.
+  virtual MessageKind* decided() { return this; }
 };
 
 // What an HCRYPTMSG stands for.
@@ -152,5 +160,7 @@ std::unique_ptr<MessageKind> open_hashed_encoder(DWORD flags, const CMSG_HASHED_
                                                  LPCSTR inner_content_type);
 std::unique_ptr<MessageKind> open_signed_encoder(DWORD flags, const CMSG_SIGNED_ENCODE_INFO& info,
                                                  LPCSTR inner_content_type);
+// A decoder that learns its kind from the message (msg_decode.cpp).
+std::unique_ptr<MessageKind> open_decoder(DWORD flags, DWORD expected_type);
 
 }  // namespace bv::platform

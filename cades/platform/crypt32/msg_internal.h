@@ -1,0 +1,40 @@
+// What the message kinds share inside crypt32 and the CAdES layer: the
+// decoded ContentInfo a decoder opener receives.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "crypt32/msg.h"
+#include "openssl/ossl.h"
+
+namespace bv::platform {
+
+// A whole message as it came in, parsed once.
+struct DecodedContent {
+  std::vector<BYTE> der;
+  bv::ossl::UniquePtr<CMS_ContentInfo> cms;
+};
+
+// Decoder openers, one per content type; null with the last error set.
+// `flags` are those of CryptMsgOpenToDecode (CMSG_DETACHED_FLAG: the content
+// comes through a later update).
+std::unique_ptr<MessageKind> open_signed_decoder(DWORD flags, DecodedContent content);
+std::unique_ptr<MessageKind> open_enveloped_decoder(DWORD flags, DecodedContent content);
+
+// A decoded signed message as the CAdES layer reaches it: the parsed message,
+// which it may change before CMSG_ENCODED_MESSAGE encodes it again, and the
+// content of a detached message once given.
+class DecodedSigned {
+ public:
+  virtual CMS_ContentInfo* cms() = 0;
+  virtual const std::vector<BYTE>* detached_content() const = 0;
+
+ protected:
+  ~DecodedSigned() = default;
+};
+
+// The decoded signed message behind a handle, or null with the last error.
+DecodedSigned* decoded_signed(HCRYPTMSG handle);
+
+}  // namespace bv::platform
