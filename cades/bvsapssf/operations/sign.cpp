@@ -13,6 +13,7 @@
 #include "identity/lookup.h"
 #include "identity/names.h"
 #include "identity/signer_key.h"
+#include "operations/cades_enhance.h"
 #include "operations/raw_sign.h"
 #include "trace/trace.h"
 
@@ -239,7 +240,27 @@ extern "C" SSF_RC SsfSign(const char* strFormat, int32_t strFormatL, const char*
       }
       free_signer_certs(state.search.certs);
 
-      // 20, 21. (A CAdES message is enhanced here once its encoder exists.)
+      // 20. A CAdES message is raised to X Long Type 1: the default time
+      // stamp service first, then the additional ones in order until one works.
+      if (isCades != 0) {
+        BV_TRACE(TRACE_DETAIL, "#trace#: trying to enhance cades message with default TSP\n");
+        DWORD result = cades_enhance_message(&signed_data, &signed_length, nullptr);
+        for (const std::string& address : config.additionalTSP) {
+          if (result == 0) break;
+          BV_TRACE(TRACE_DETAIL, "#info#: Trying to enhance cades message with additional TSP = %s\n",
+                   address.c_str());
+          result = cades_enhance_message(&signed_data, &signed_length, address.c_str());
+        }
+        if (result != 0) {
+          BV_TRACE(TRACE_NORMAL, "#error#: Failed to enhance cades message. res = 0x%x\n", result);
+          BV_TRACE_LAST_ERROR();
+          std::free(signed_data);
+          BV_TRACE_FAILURE();
+          return SSF_ERR_ENCODE;
+        }
+      }
+
+      // 21.
       *ostrSignedData = signed_data;
       *ostrSignedDataL = signed_length;
       BV_TRACE_SUCCESS();

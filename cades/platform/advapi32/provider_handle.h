@@ -19,6 +19,7 @@ struct CryptProvider {
   std::string container;                 // empty for a verify-only context
   bv::ossl::UniquePtr<EVP_PKEY> key;     // null for a verify-only context
   std::string pin;                       // the PIN the container opened with
+  bv::ossl::UniquePtr<X509> certificate;  // the one it was acquired for, if any
   std::atomic<int> references{1};
 };
 

@@ -99,6 +99,8 @@ BOOL CryptAcquireCertificatePrivateKey(PCCERT_CONTEXT pCert, DWORD dwFlags, void
   provider->key = std::move(key);
   provider->pin = pin;
   wipe(pin);
+  X509_up_ref(element->parsed->x509.get());
+  provider->certificate.reset(element->parsed->x509.get());
   const HCRYPTPROV handle = new_provider_handle(std::move(provider));
   const DWORD key_spec = info.dwKeySpec != 0 ? info.dwKeySpec : AT_KEYEXCHANGE;
 

@@ -33,6 +33,14 @@ void MessageCloser::operator()(void* message) const noexcept {
 
 CryptMsg* message_from_handle(HCRYPTMSG handle) { return checked_object<CryptMsg>(handle, ERROR_INVALID_HANDLE); }
 
+HCRYPTMSG new_message_handle(DWORD encoding_type, DWORD flags, std::unique_ptr<MessageKind> kind) {
+  auto message = std::make_unique<CryptMsg>();
+  message->encoding_type = encoding_type;
+  message->flags = flags;
+  message->kind = std::move(kind);
+  return message.release();
+}
+
 }  // namespace bv::platform
 
 using bv::platform::CryptMsg;
@@ -63,11 +71,7 @@ HCRYPTMSG CryptMsgOpenToEncode(DWORD dwMsgEncodingType, DWORD dwFlags, DWORD dwM
         return nullptr;
     }
     if (kind == nullptr) return nullptr;
-    auto message = std::make_unique<CryptMsg>();
-    message->encoding_type = dwMsgEncodingType;
-    message->flags = dwFlags;
-    message->kind = std::move(kind);
-    return message.release();
+    return bv::platform::new_message_handle(dwMsgEncodingType, dwFlags, std::move(kind));
   },
   nullptr);
 }
@@ -87,11 +91,8 @@ HCRYPTMSG CryptMsgOpenToDecode(DWORD dwMsgEncodingType, DWORD dwFlags, DWORD dwM
     return nullptr;
   }
   return bv::platform::out_of_memory_as_error([&]() -> HCRYPTMSG {
-    auto message = std::make_unique<CryptMsg>();
-    message->encoding_type = dwMsgEncodingType;
-    message->flags = dwFlags;
-    message->kind = bv::platform::open_decoder(dwFlags, dwMsgType);
-    return message.release();
+    return bv::platform::new_message_handle(dwMsgEncodingType, dwFlags,
+                                            bv::platform::open_decoder(dwFlags, dwMsgType));
   },
   nullptr);
 }

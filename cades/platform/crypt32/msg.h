@@ -158,8 +158,13 @@ CryptMsg* message_from_handle(HCRYPTMSG handle);
 // Openers of the kinds, one per file; null with the last error set.
 std::unique_ptr<MessageKind> open_hashed_encoder(DWORD flags, const CMSG_HASHED_ENCODE_INFO& info,
                                                  LPCSTR inner_content_type);
+// CAdES-BES adds the signed attributes of that form to every signer
+// (content type, message digest, signing time, signing-certificate-v2).
+enum class SignedForm { plain, cades_bes };
 std::unique_ptr<MessageKind> open_signed_encoder(DWORD flags, const CMSG_SIGNED_ENCODE_INFO& info,
-                                                 LPCSTR inner_content_type);
+                                                 LPCSTR inner_content_type, SignedForm form = SignedForm::plain);
+// A handle for a kind opened to encode.
+HCRYPTMSG new_message_handle(DWORD encoding_type, DWORD flags, std::unique_ptr<MessageKind> kind);
 // A decoder that learns its kind from the message (msg_decode.cpp).
 std::unique_ptr<MessageKind> open_decoder(DWORD flags, DWORD expected_type);
 

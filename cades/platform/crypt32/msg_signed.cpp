@@ -53,6 +53,14 @@ UniquePtr<X509> signer_stand_in(const CERT_INFO& cert_info, EVP_PKEY* key) {
   return stand_in;
 }
 
+bool matches_cert_info(X509* cert, const CERT_INFO& cert_info) {
+  UniquePtr<ASN1_STRING> serial = serial_from_blob(cert_info.SerialNumber);
+  const unsigned char* issuer_der = cert_info.Issuer.pbData;
+  UniquePtr<X509_NAME> issuer(d2i_X509_NAME(nullptr, &issuer_der, static_cast<long>(cert_info.Issuer.cbData)));
+  return serial && issuer && ASN1_INTEGER_cmp(serial.get(), X509_get0_serialNumber(cert)) == 0 &&
+         X509_NAME_cmp(issuer.get(), X509_get_issuer_name(cert)) == 0;
+}
+
 // Each value of an attribute is one DER-encoded ASN.1 value.
 bool add_attributes(CMS_SignerInfo* signer, DWORD count, const CRYPT_ATTRIBUTE* attributes, bool authenticated) {
   for (DWORD i = 0; i < count; ++i) {
@@ -231,7 +239,7 @@ class SignedEncoder final : public MessageKind {
 // The signers, certificates and CRLs are taken over at the open, so the
 // caller's encode information need not outlive it.
 std::unique_ptr<MessageKind> open_signed_encoder(DWORD flags, const CMSG_SIGNED_ENCODE_INFO& info,
-                                                 LPCSTR inner_content_type) {
+                                                 LPCSTR inner_content_type, SignedForm form) {
   const auto refuse = [](DWORD error) {
     fail(error);
     return std::unique_ptr<MessageKind>();
@@ -263,13 +271,26 @@ std::unique_ptr<MessageKind> open_signed_encoder(DWORD flags, const CMSG_SIGNED_
     const EVP_MD* digest = hash_oid ? bv::ossl::digest_by_nid(OBJ_obj2nid(hash_oid.get())) : nullptr;
     if (digest == nullptr) return refuse(CRYPT_E_UNKNOWN_ALGO);
 
-    UniquePtr<X509> stand_in = signer_stand_in(*signer.pCertInfo, provider->key.get());
+    // CAdES names the signer's whole certificate by its hash, so it needs the
+    // certificate the key was acquired for; plain CMS only its issuer and
+    // serial number.
+    UniquePtr<X509> stand_in;
+    if (form == SignedForm::cades_bes) {
+      if (!provider->certificate || !matches_cert_info(provider->certificate.get(), *signer.pCertInfo))
+        return refuse(CRYPT_E_SIGNER_NOT_FOUND);
+      X509_up_ref(provider->certificate.get());
+      stand_in.reset(provider->certificate.get());
+    } else {
+      stand_in = signer_stand_in(*signer.pCertInfo, provider->key.get());
+    }
     if (!stand_in) return refuse(CRYPT_E_ASN1_ERROR);
 
     // Without authenticated attributes the signature covers the content
     // itself, as the platform's encoder does for cAuthAttr 0.
     const unsigned signer_flags =
-        CMS_NOCERTS | CMS_PARTIAL | CMS_NOSMIMECAP | (signer.cAuthAttr == 0 ? CMS_NOATTR : 0u);
+        form == SignedForm::cades_bes
+            ? CMS_NOCERTS | CMS_PARTIAL | CMS_NOSMIMECAP | CMS_CADES
+            : CMS_NOCERTS | CMS_PARTIAL | CMS_NOSMIMECAP | (signer.cAuthAttr == 0 ? CMS_NOATTR : 0u);
     CMS_SignerInfo* signer_info =
         CMS_add1_signer(cms.get(), stand_in.get(), provider->key.get(), digest, signer_flags);
     if (signer_info == nullptr) return refuse(NTE_BAD_KEY);

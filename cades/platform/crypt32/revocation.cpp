@@ -35,6 +35,7 @@ struct OcspAnswer {
   time_t revoked_at = 0;
   time_t this_update = 0;
   time_t expires = 0;
+  std::string basic_der;  // the BasicOCSPResponse it came in
 };
 
 struct CrlEntry {
@@ -206,7 +207,7 @@ std::string encode_id(OCSP_CERTID* id) {
   return key;
 }
 
-bool apply_ocsp(const OcspAnswer& answer, time_t at, Result& result, Source source) {
+bool apply_ocsp(const OcspAnswer& answer, time_t at, Result& result, Source source, bool keep_evidence) {
   if (answer.status == V_OCSP_CERTSTATUS_REVOKED && answer.revoked_at <= at) {
     result.verdict = Verdict::revoked;
     result.error = CRYPT_E_REVOKED;
@@ -219,7 +220,19 @@ bool apply_ocsp(const OcspAnswer& answer, time_t at, Result& result, Source sour
   }
   result.source = source;
   result.this_update = answer.this_update;
+  if (keep_evidence) result.evidence = answer.basic_der;
   return true;
+}
+
+// The CRL that decided, kept with the verdict when the caller wants proof.
+Result with_crl(Result result, X509_CRL* crl, const Options& options) {
+  if (options.keep_evidence) {
+    unsigned char* der = nullptr;
+    const int length = i2d_X509_CRL(crl, &der);
+    if (length > 0) result.evidence.assign(reinterpret_cast<char*>(der), static_cast<size_t>(length));
+    OPENSSL_free(der);
+  }
+  return result;
 }
 
 // The response was signed by the issuer itself or by a responder the issuer
@@ -290,6 +303,10 @@ Asked ask_responder(const std::string& url, OCSP_CERTID* id, X509* issuer, std::
   answer.revoked_at = to_time(revoked_at);
   answer.this_update = to_time(this_update);
   answer.expires = next_update != nullptr ? to_time(next_update) : 0;
+  unsigned char* basic_der = nullptr;
+  const int basic_length = i2d_OCSP_BASICRESP(basic.get(), &basic_der);
+  if (basic_length > 0) answer.basic_der.assign(reinterpret_cast<char*>(basic_der), static_cast<size_t>(basic_length));
+  OPENSSL_free(basic_der);
   return status == V_OCSP_CERTSTATUS_UNKNOWN ? Asked::responder_unknown : Asked::answered;
 }
 
@@ -326,9 +343,9 @@ Result check(X509* cert, X509* issuer, const Options& options) {
     switch (consult_crl(crl, cert, issuer, at, now, one)) {
       case CrlSays::revoked:
         one.source = Source::store_crl;
-        return one;
+        return with_crl(std::move(one), crl, options);
       case CrlSays::good:
-        if (!good_by_store) result = one;
+        if (!good_by_store) result = with_crl(std::move(one), crl, options);
         result.source = Source::store_crl;
         good_by_store = true;
         break;
@@ -349,7 +366,7 @@ Result check(X509* cert, X509* issuer, const Options& options) {
     std::lock_guard lock(cache().mutex);
     auto it = cache().responses.find(id_key);
     if (it != cache().responses.end()) {
-      if (it->second.expires >= now && apply_ocsp(it->second, at, result, Source::cached_ocsp)) return result;
+      if (it->second.expires >= now && apply_ocsp(it->second, at, result, Source::cached_ocsp, options.keep_evidence)) return result;
       cache().responses.erase(it);
     }
   }
@@ -363,7 +380,7 @@ Result check(X509* cert, X509* issuer, const Options& options) {
       const CrlSays says = consult_crl(crl.get(), cert, issuer, at, now, one);
       if (says == CrlSays::revoked || says == CrlSays::good) {
         one.source = Source::cached_crl;
-        return one;
+        return with_crl(std::move(one), crl.get(), options);
       }
     }
   }
@@ -384,7 +401,7 @@ Result check(X509* cert, X509* issuer, const Options& options) {
             if (cache().responses.size() >= kMaxCachedResponses) cache().responses.clear();
             cache().responses[id_key] = answer;
           }
-          apply_ocsp(answer, at, result, Source::ocsp);
+          apply_ocsp(answer, at, result, Source::ocsp, options.keep_evidence);
           return result;
         case Asked::responder_unknown:
           responder_said_unknown = true;
@@ -415,7 +432,7 @@ Result check(X509* cert, X509* issuer, const Options& options) {
       if (says == CrlSays::revoked || says == CrlSays::good) {
         remember_crl(url, crl.get(), now);
         one.source = Source::downloaded_crl;
-        return one;
+        return with_crl(std::move(one), crl.get(), options);
       }
       // Not the issuer's, or out of date: this point gave no usable answer.
       mark_offline(url);

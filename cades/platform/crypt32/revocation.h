@@ -10,6 +10,7 @@
 #include <chrono>
 #include <ctime>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "wincrypt_types.h"
@@ -32,6 +33,9 @@ struct Result {
   DWORD error = CRYPT_E_NO_REVOCATION_CHECK;
   time_t this_update = 0;  // of the deciding CRL or response, 0 if none
   int reason = -1;         // CRL reason code of a revocation, -1 if none given
+  // What decided, DER-encoded, when Options::keep_evidence asked for it: the
+  // CRL, or the BasicOCSPResponse (source cached_ocsp or ocsp).
+  std::string evidence;
 };
 
 using Clock = std::chrono::steady_clock;
@@ -42,6 +46,7 @@ struct Options {
   std::chrono::milliseconds timeout{15000};   // per request
   std::optional<Clock::time_point> deadline;  // shared by all requests of one chain, if set
   std::vector<X509_CRL*> store_crls;          // borrowed: the CRLs of the stores
+  bool keep_evidence = false;                 // fill Result::evidence (signatures that carry their proof)
 };
 
 // The status of `cert` issued by `issuer` (the same object for a

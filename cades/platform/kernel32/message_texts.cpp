@@ -123,6 +123,7 @@ constexpr MessageText kSystemTexts[] = {
 
     // Trust and chains.
     {0x80096004, "The signature of the certificate cannot be verified.\r\n"},
+    {0x80096005, "The timestamp signature and/or certificate could not be verified or is malformed.\r\n"},
     {0x800B0100, "No signature was present in the subject.\r\n"},
     {0x800B0101,
      "A required certificate is not within its validity period when verifying against the current system clock "
@@ -131,6 +132,7 @@ constexpr MessageText kSystemTexts[] = {
      "A certificate chain processed, but terminated in a root certificate which is not trusted by the trust "
      "provider.\r\n"},
     {0x800B010A, "A certificate chain could not be built to a trusted root authority.\r\n"},
+    {0x800B0110, "The certificate is not valid for the requested usage.\r\n"},
 };
 
 // The HTTP layer's numbers, 12000 to 12174; anything past that range has

@@ -1,0 +1,103 @@
+#include "cadesmsg/evidence.h"
+
+#include <memory>
+
+#include "crypt32/chain.h"
+#include "crypt32/store.h"
+#include "kernel32/kernel32.h"
+
+namespace bv::cades {
+
+namespace {
+
+using bv::platform::revocation::Verdict;
+
+struct ChainFreer {
+  void operator()(const CERT_CHAIN_CONTEXT* chain) const noexcept { CertFreeCertificateChain(chain); }
+};
+
+bool fail(DWORD error) {
+  SetLastError(error);
+  return false;
+}
+
+DWORD path_error(DWORD status) {
+  if ((status & (CERT_TRUST_IS_UNTRUSTED_ROOT | CERT_TRUST_IS_PARTIAL_CHAIN)) != 0) return CERT_E_UNTRUSTEDROOT;
+  if ((status & CERT_TRUST_IS_NOT_TIME_VALID) != 0) return CERT_E_EXPIRED;
+  return CERT_E_CHAINING;
+}
+
+}  // namespace
+
+std::string digest_of(const EVP_MD* md, std::string_view data) {
+  unsigned char hash[EVP_MAX_MD_SIZE];
+  unsigned int length = 0;
+  if (md == nullptr || EVP_Digest(data.data(), data.size(), hash, &length, md, nullptr) != 1) return {};
+  ERR_clear_error();  // engine digests leave a failed provider lookup queued
+  return std::string(reinterpret_cast<char*>(hash), length);
+}
+
+bool load_trust_material(TrustMaterial& out) {
+  out.anchors.reset(X509_STORE_new());
+  if (!out.anchors) return fail(static_cast<DWORD>(E_OUTOFMEMORY));
+  for (DWORD location : {CERT_SYSTEM_STORE_CURRENT_USER, CERT_SYSTEM_STORE_LOCAL_MACHINE}) {
+    for (const char* name : {"Root", "CA"}) {
+      bv::platform::StoreObjects objects;
+      if (!bv::platform::read_system_store(name, location, objects)) continue;
+      for (auto& cert : objects.certificates) {
+        if (name[0] == 'R') X509_STORE_add_cert(out.anchors.get(), cert.get());
+        else out.intermediates.push_back(std::move(cert));
+      }
+      for (auto& crl : objects.crls) out.crls.push_back(std::move(crl));
+    }
+  }
+  ERR_clear_error();  // a certificate in two Root stores is no error
+  return true;
+}
+
+bool prove_path(X509* cert, const std::vector<X509*>& extra, const TrustMaterial& trust, ProvenPath& out) {
+  const std::string der = der_of(cert, i2d_X509);
+  bv::platform::CertContext context(CertCreateCertificateContext(
+      X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()), static_cast<DWORD>(der.size())));
+  bv::platform::CertStore extra_store(CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr));
+  if (!context || !extra_store) return false;
+  for (X509* other : extra) {
+    const std::string other_der = der_of(other, i2d_X509);
+    CertAddEncodedCertificateToStore(extra_store.get(), X509_ASN_ENCODING,
+                                     reinterpret_cast<const BYTE*>(other_der.data()),
+                                     static_cast<DWORD>(other_der.size()), CERT_STORE_ADD_USE_EXISTING, nullptr);
+  }
+  CERT_CHAIN_PARA para{};
+  para.cbSize = sizeof para;
+  PCCERT_CHAIN_CONTEXT chain_context = nullptr;
+  if (!CertGetCertificateChain(nullptr, context.get(), nullptr, extra_store.get(), &para, 0, nullptr,
+                               &chain_context))
+    return false;
+  std::unique_ptr<const CERT_CHAIN_CONTEXT, ChainFreer> chain(chain_context);
+  if (chain->TrustStatus.dwErrorStatus != CERT_TRUST_NO_ERROR || chain->cChain == 0)
+    return fail(path_error(chain->TrustStatus.dwErrorStatus));
+
+  const CERT_SIMPLE_CHAIN& simple = *chain->rgpChain[0];
+  out.certificates.clear();
+  out.revocations.clear();
+  for (DWORD i = 0; i < simple.cElement; ++i) {
+    X509* element = bv::platform::certificate_x509(simple.rgpElement[i]->pCertContext);
+    if (element == nullptr) return false;
+    X509_up_ref(element);
+    out.certificates.emplace_back(element);
+  }
+
+  bv::platform::revocation::Options options;
+  options.timeout = bv::platform::revocation::default_timeout();
+  options.keep_evidence = true;
+  for (const auto& crl : trust.crls) options.store_crls.push_back(crl.get());
+  for (size_t i = 0; i + 1 < out.certificates.size(); ++i) {
+    auto result = bv::platform::revocation::check(out.certificates[i].get(), out.certificates[i + 1].get(), options);
+    if (result.verdict == Verdict::revoked) return fail(CRYPT_E_REVOKED);
+    if (result.verdict != Verdict::good || result.evidence.empty()) return fail(result.error != 0 ? result.error : CRYPT_E_NO_REVOCATION_CHECK);
+    out.revocations.push_back(std::move(result));
+  }
+  return true;
+}
+
+}  // namespace bv::cades
