@@ -135,6 +135,27 @@ OcspResponder::OcspResponder(const std::string& folder, X509* ca, EVP_PKEY* ca_k
   });
 }
 
+TimeStampServer::TimeStampServer(const std::string& folder, const std::string& cert_pem, const std::string& key_pem,
+                                 bool silent)
+    : folder_(folder), server_(silent) {
+  write_file(folder + "/serial", "01\n");
+  write_file(folder + "/ts.cnf",
+             "openssl_conf = openssl_def\n[openssl_def]\nengines = engines\n[engines]\ngost = gost\n"
+             "[gost]\nengine_id = gost\ndefault_algorithms = ALL\n"
+             "[tsa]\ndefault_tsa = tsa_config\n[tsa_config]\nserial = " + folder + "/serial\n"
+             "signer_cert = " + cert_pem + "\nsigner_key = " + key_pem + "\nsigner_digest = md_gost12_256\n"
+             "default_policy = 1.2.643.100.1\ndigests = md_gost12_256, md_gost12_512, md_gost94, sha1, sha256\n"
+             "accuracy = secs:1\ness_cert_id_alg = md_gost12_256\n");
+  server_.handle("/tsa", [this](const std::string& request) {
+    write_file(folder_ + "/request.der", request);
+    std::remove((folder_ + "/response.der").c_str());
+    const std::string f = "'" + folder_ + "/";
+    run_command("OPENSSL_CONF=" + f + "ts.cnf' openssl ts -reply -config " + f + "ts.cnf' -queryfile " + f +
+                "request.der' -out " + f + "response.der' >> " + f + "tsa.log' 2>&1");
+    return read_file(folder_ + "/response.der");
+  });
+}
+
 StoreFolders::StoreFolders() {
   setenv("BV_PLATFORM_LOCAL_APPDATA", (dir_ / "user").c_str(), 1);
   setenv("BV_PLATFORM_COMMON_APPDATA", (dir_ / "machine").c_str(), 1);

@@ -69,6 +69,23 @@ class OcspResponder {
   HttpServer server_;
 };
 
+// A time stamp authority answering each request with `openssl ts -reply`
+// on files, behind an HttpServer (`silent`: it never answers).
+class TimeStampServer {
+ public:
+  TimeStampServer(const std::string& folder, const std::string& cert_pem, const std::string& key_pem,
+                  bool silent = false);
+
+  std::string url() const { return server_.url("/tsa"); }
+  int requests() const { return server_.requests(); }
+  void stop() { server_.stop(); }
+  HttpServer& http() { return server_; }
+
+ private:
+  std::string folder_;
+  HttpServer server_;
+};
+
 // Points both store locations at fresh folders for the life of a test.
 class StoreFolders {
  public:

@@ -80,6 +80,16 @@ const SigningWorld& SigningWorld::get() {
     make(w->nokey, "NoKey", "", "gost2012_256");
     make(w->dave, "Dave", "", "gost2012_256");
     make(w->erin, "Erin", "", "gost2012_256");
+    {
+      CertificateRequest request{.subject = {{"CN", "Test TSA"}, {"C", "RU"}}, .serial = serial++,
+                                 .key_usage = "digitalSignature,nonRepudiation",
+                                 .extended_key_usage = "critical,timeStamping"};
+      w->tsa.key = generate_key("gost2012_256");
+      w->tsa.cert = issue_certificate(request, w->tsa.key.get(), w->root.cert.get(), w->root.key.get());
+      w->tsa.cert_pem = w->dir / "pki/tsa.pem";
+      write_file(w->tsa.cert_pem, pem_of(w->tsa.cert.get()));
+      write_file(w->dir / "pki/tsa.key", pem_of(w->tsa.key.get()));
+    }
 
     // <stem>.cer with its key link <stem>.key beside it, the key under `pin`.
     const auto install = [](const TestCert& c, const std::string& appdata, const std::string& store,

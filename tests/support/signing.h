@@ -33,6 +33,7 @@ struct SigningWorld {
   TestCert nokey;   // no key link
   TestCert dave;    // 2012-256, PIN 6666, local machine My
   TestCert erin;    // 2012-256, PIN 7777, local machine "y"
+  TestCert tsa;     // 2012-256 time stamping authority (critical usage), key unencrypted in the PKI folder
   std::string signers_pem;  // every leaf, for messages without certificates
 
   std::string local() const { return dir / "local"; }
