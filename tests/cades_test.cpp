@@ -1,45 +1,205 @@
 // CAdES-X Long Type 1 messages from SsfSign, taken apart and checked layer by
-// layer by tools nobody here wrote: openssl cms and ts, asn1crypto.
+// layer by tools nobody here wrote (openssl cms and ts, asn1crypto), and the
+// order and failures of the time stamp services.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "certs.h"
+#include "http/http.h"
 #include "signing.h"
 
 namespace bv::test {
 namespace {
 
-// The unsigned attributes of X Long Type 1.
-const std::vector<std::string> kXLongType1 = {
-    "1.2.840.113549.1.9.16.2.14", "1.2.840.113549.1.9.16.2.21", "1.2.840.113549.1.9.16.2.22",
-    "1.2.840.113549.1.9.16.2.23", "1.2.840.113549.1.9.16.2.24", "1.2.840.113549.1.9.16.2.25"};
+constexpr const char* kEngineConf =
+    "openssl_conf = openssl_def\n[openssl_def]\nengines = engines\n[engines]\ngost = gost\n"
+    "[gost]\nengine_id = gost\ndefault_algorithms = ALL\n";
 
-struct CadesWorld {
+std::string quoted(const std::string& text) { return "'" + text + "'"; }
+
+// The checks of tests/tools/cades_check.py, then `openssl ts -verify` of
+// each signer's signature time stamp over its signature value and of its
+// Type 1 time stamp over the input the checker computed.
+void expect_x_long_type_1(const std::string& message, size_t signers) {
+  const SigningWorld& w = SigningWorld::get();
   TempDir dir;
-  TimeStampServer tsa;
-  CadesWorld()
-      : tsa(dir.path(), SigningWorld::get().tsa.cert_pem, SigningWorld::get().dir / "pki/tsa.key") {}
+  write_file(dir / "m.der", message);
+  write_file(dir / "engine.cnf", kEngineConf);
+  int status = -1;
+  const std::string checked = run_command("/usr/bin/python3 " BV_SOURCE_DIR "/tests/tools/cades_check.py " +
+                                              quoted(dir / "m.der") + " " + quoted(dir.path()) + " 2>&1",
+                                          &status);
+  ASSERT_EQ(status, 0) << checked;
+  for (size_t i = 0; i < signers; ++i)
+    for (const auto& [token, data] : {std::pair{"tst-", "sig-"}, std::pair{"esc-", "escin-"}}) {
+      const std::string n = std::to_string(i);
+      const std::string verified = run_command(
+          "OPENSSL_CONF=" + quoted(dir / "engine.cnf") + " openssl ts -verify -token_in -in " +
+              quoted(dir / (token + n + ".der")) + " -data " + quoted(dir / (data + n + ".bin")) + " -CAfile " +
+              quoted(w.root.cert_pem) + " -untrusted " + quoted(dir / "certs.pem") + " 2>&1",
+          &status);
+      EXPECT_EQ(status, 0) << token << n << ": " << verified;
+    }
+}
+
+struct CadesCase {
+  const char* name;
+  const char* format;
+  std::vector<SignerSpec> signers;
+  bool detached, include_certs;
 };
 
-TEST(CadesSign, SmokeXLongType1) {
+TEST(CadesSign, MessagesPassIndependentChecks) {
   const SigningWorld& w = SigningWorld::get();
-  CadesWorld cades;
-  SignRequest request;
-  request.format = "CADES";
-  request.include_certs = true;
-  request.signers = {{"CN=Alice", "", "1111"}};
-  const SignOutcome outcome = sign_through_export(w.env({{"BV_CADES_DEFAULT_TSP", cades.tsa.url()}}), request);
-  ASSERT_EQ(outcome.rc, 0u) << outcome.child_stderr;
-  std::string content, diagnostics;
-  EXPECT_EQ(openssl_cms_verify(outcome.signed_data, w.root.cert_pem, "", nullptr, &content, &diagnostics), 0)
-      << diagnostics;
-  TempDir out;
-  write_file(out / "m.der", outcome.signed_data);
-  const std::string printed =
-      run_checked("openssl cms -engine gost -cmsout -print -inform DER -in '" + (out / "m.der") + "' 2>/dev/null");
-  for (const std::string& oid : kXLongType1) EXPECT_NE(printed.find(oid), std::string::npos) << oid << printed;
+  TempDir dir;
+  TimeStampServer tsa(dir.path(), w.tsa.cert_pem, w.dir / "pki/tsa.key");
+  const SignerSpec alice{"CN=Alice", "", "1111"}, bob{"CN=Bob", "", "2222"}, carol{"CN=Carol", "", ""};
+  const CadesCase cases[] = {
+      {"one signer, attached", "CADES", {alice}, false, true},
+      {"2012-512 and 2001, detached", "PKCS7_CADES", {bob, carol}, true, true},
+      {"three, no certificates", "CADES", {alice, bob, carol}, false, false},
+  };
+  for (const CadesCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    SignRequest request;
+    request.format = c.format;
+    request.signers = c.signers;
+    request.detached = c.detached;
+    request.include_certs = c.include_certs;
+    const SignOutcome outcome = sign_through_export(w.env({{"BV_CADES_DEFAULT_TSP", tsa.url()}}), request);
+    ASSERT_EQ(outcome.rc, 0u) << outcome.child_stderr;
+    std::string content, diagnostics;
+    EXPECT_EQ(openssl_cms_verify(outcome.signed_data, w.root.cert_pem, c.include_certs ? "" : w.signers_pem,
+                                 c.detached ? &request.data : nullptr, &content, &diagnostics),
+              0)
+        << diagnostics;
+    EXPECT_EQ(content, request.data);
+    expect_x_long_type_1(outcome.signed_data, c.signers.size());
+  }
+}
+
+// A TS response with the status "rejection" and nothing else.
+std::string refusal() {
+  UniquePtr<TS_RESP> response(TS_RESP_new());
+  TS_STATUS_INFO* status = TS_STATUS_INFO_new();
+  ASN1_INTEGER_set(const_cast<ASN1_INTEGER*>(TS_STATUS_INFO_get0_status(status)), TS_STATUS_REJECTION);
+  TS_RESP_set_status_info(response.get(), status);
+  TS_STATUS_INFO_free(status);
+  unsigned char* der = nullptr;
+  const int length = i2d_TS_RESP(response.get(), &der);
+  std::string out(reinterpret_cast<char*>(der), static_cast<size_t>(length));
+  OPENSSL_free(der);
+  return out;
+}
+
+// The answer of `tsa` to another request: valid, but for another imprint and nonce.
+std::string answer_to_another_request(TimeStampServer& tsa, const TempDir& dir) {
+  write_file(dir / "other.txt", "another document");
+  write_file(dir / "engine.cnf", kEngineConf);
+  run_checked("OPENSSL_CONF=" + quoted(dir / "engine.cnf") + " openssl ts -query -md_gost12_256 -cert -data " +
+              quoted(dir / "other.txt") + " -out " + quoted(dir / "other.tsq"));
+  bv::platform::http::Request request;
+  request.url = tsa.url();
+  request.content_type = "application/timestamp-query";
+  request.body = read_file(dir / "other.tsq");
+  std::string answer;
+  EXPECT_TRUE(bv::platform::http::fetch(request, answer));
+  return answer;
+}
+
+struct ServiceCase {
+  const char* name;
+  std::string default_tsp;
+  std::vector<std::string> additional;
+  uint32_t rc;
+  std::vector<std::string> traced, not_traced;
+};
+
+TEST(CadesSign, TimeStampServicesInOrderAndTheirFailures) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir dir;
+  std::filesystem::create_directories(dir / "a");
+  std::filesystem::create_directories(dir / "b");
+  std::filesystem::create_directories(dir / "c");
+  TimeStampServer good_a(dir / "a", w.tsa.cert_pem, w.dir / "pki/tsa.key");
+  TimeStampServer good_b(dir / "b", w.tsa.cert_pem, w.dir / "pki/tsa.key");
+  HttpServer down;
+  down.stop();
+  HttpServer silent(/*silent=*/true);
+  HttpServer garbage, refusing, replaying;
+  garbage.put("/tsa", "this is no time stamp response");
+  refusing.put("/tsa", refusal());
+  replaying.put("/tsa", answer_to_another_request(good_b, dir));
+  // An authority that chains to nothing in the Root stores.
+  const auto untrusted_key = generate_key("gost2012_256");
+  write_file(dir / "untrusted.key", pem_of(untrusted_key.get()));
+  write_file(dir / "untrusted.pem",
+             pem_of(issue_certificate({.subject = {{"CN", "Rogue TSA"}}, .serial = 99,
+                                       .key_usage = "digitalSignature,nonRepudiation",
+                                       .extended_key_usage = "critical,timeStamping"},
+                                      untrusted_key.get())
+                        .get()));
+  TimeStampServer untrusted(dir / "c", dir / "untrusted.pem", dir / "untrusted.key");
+
+  const std::string a = good_a.url(), b = good_b.url(), off = down.url("/tsa");
+  const auto failed = [](const char* res) { return "#error#: Failed to enhance cades message. res = " + std::string(res); };
+  const ServiceCase cases[] = {
+      {"default works", a, {b, b}, 0, {"with default TSP"}, {"additional TSP", "#error#"}},
+      {"default down, first additional works", off, {a, b}, 0, {"additional TSP = " + a}, {"TSP = " + b, "#error#"}},
+      {"all down", off, {off}, SSF_ERR_ENCODE, {failed("0x2efd"), "#error#: 00002efd"}, {}},
+      {"no default, none additional", "", {}, SSF_ERR_ENCODE, {failed("0x2ee5")}, {}},
+      {"garbage", garbage.url("/tsa"), {}, SSF_ERR_ENCODE, {failed("0x2f78")}, {}},
+      {"refused", refusing.url("/tsa"), {}, SSF_ERR_ENCODE, {failed("0x80070005")}, {}},
+      {"another request's answer", replaying.url("/tsa"), {}, SSF_ERR_ENCODE, {failed("0x80096005")}, {}},
+      {"untrusted authority", untrusted.url(), {}, SSF_ERR_ENCODE, {failed("0x800b0109")}, {}},
+      {"never answers", silent.url("/tsa"), {}, SSF_ERR_ENCODE, {failed("0x2ee2")}, {}},
+  };
+  for (const ServiceCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir traced;
+    auto env = trace_env(traced);
+    env["BV_PLATFORM_LOCAL_APPDATA"] = w.local();
+    env["BV_CADES_DEFAULT_TSP"] = c.default_tsp;
+    env["BV_PLATFORM_URL_TIMEOUT_MS"] = "1000";
+    std::string additional;
+    for (const std::string& address : c.additional) additional += (additional.empty() ? "" : ";") + address;
+    env["BV_SSF_ADD_TSP"] = additional;
+    SignRequest request;
+    request.format = "CADES";
+    request.signers = {{"CN=Alice", "", "1111"}};
+    const int a_before = good_a.requests(), b_before = good_b.requests();
+    const auto started = std::chrono::steady_clock::now();
+    const SignOutcome outcome = sign_through_export(env, request);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(15));
+    EXPECT_EQ(outcome.rc, c.rc) << outcome.child_stderr;
+    EXPECT_EQ(outcome.signed_data.empty(), c.rc != 0);
+    EXPECT_EQ(outcome.results, std::vector<int32_t>{0});
+    const std::string log = trace_log(traced);
+    for (const std::string& line : c.traced) EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+    for (const std::string& line : c.not_traced) EXPECT_EQ(log.find(line), std::string::npos) << line << "\n" << log;
+    if (c.rc == 0) {
+      // Two time stamps from the one service that worked; the next is never asked.
+      EXPECT_EQ(good_a.requests() - a_before, 2);
+      EXPECT_EQ(good_b.requests() - b_before, 0);
+    }
+  }
+}
+
+TEST(CadesSign, PlainFormatsAskNoService) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir dir;
+  TimeStampServer tsa(dir.path(), w.tsa.cert_pem, w.dir / "pki/tsa.key");
+  for (const char* format : {"PKCS7", "PKCS7_ANY"}) {
+    SignRequest request;
+    request.format = format;
+    request.signers = {{"CN=Alice", "", "1111"}};
+    EXPECT_EQ(sign_through_export(w.env({{"BV_CADES_DEFAULT_TSP", tsa.url()}}), request).rc, 0u) << format;
+  }
+  EXPECT_EQ(tsa.requests(), 0);
 }
 
 }  // namespace
