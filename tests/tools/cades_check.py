@@ -3,7 +3,8 @@
 the library: checks every signer's attributes and that each reference's hash
 matches a value, and writes what `openssl ts -verify` needs for the two time
 stamps of each signer into OUT_DIR (sig-N.bin, tst-N.der, escin-N.bin,
-esc-N.der, certs.pem).  Prints "ok" or the faults, one per line."""
+esc-N.der, certs.pem).  Prints "ok" with the count of CRLs and OCSP
+responses among the revocation values, or the faults, one per line."""
 import subprocess
 import sys
 
@@ -80,6 +81,7 @@ def main(message_path, out_dir):
     info = cms.ContentInfo.load(open(message_path, "rb").read())
     signed = info["content"]
     all_certs = []
+    kinds = {"crls": 0, "ocsps": 0}
     for n, signer in enumerate(signed["signer_infos"]):
         attrs = {a["type"].dotted: a for a in signer["signed_attrs"]}
         if set(attrs) != SIGNED:
@@ -95,6 +97,8 @@ def main(message_path, out_dir):
         revocation = RevocationValues.load(value(REV_VALUES))
         crls = [c.dump() for c in revocation["crlVals"]] if present(revocation["crlVals"]) else []
         ocsps = [c.dump() for c in revocation["ocspVals"]] if present(revocation["ocspVals"]) else []
+        kinds["crls"] += len(crls)
+        kinds["ocsps"] += len(ocsps)
 
         # signing-certificate-v2 names the signer's certificate.
         sid = signer["sid"].chosen
@@ -133,7 +137,7 @@ def main(message_path, out_dir):
     with open(out_dir + "/certs.pem", "wb") as f:
         for c in all_certs:
             f.write(pem.armor("CERTIFICATE", c))
-    print("\n".join(faults) if faults else "ok")
+    print("\n".join(faults) if faults else "ok crls=%(crls)d ocsps=%(ocsps)d" % kinds)
     return 1 if faults else 0
 
 
