@@ -15,10 +15,6 @@
 namespace bv::test {
 namespace {
 
-constexpr const char* kEngineConf =
-    "openssl_conf = openssl_def\n[openssl_def]\nengines = engines\n[engines]\ngost = gost\n"
-    "[gost]\nengine_id = gost\ndefault_algorithms = ALL\n";
-
 std::string quoted(const std::string& text) { return "'" + text + "'"; }
 
 // The checks of tests/tools/cades_check.py, then `openssl ts -verify` of
@@ -29,7 +25,7 @@ std::string expect_x_long_type_1(const std::string& message, size_t signers) {
   const SigningWorld& w = SigningWorld::get();
   TempDir dir;
   write_file(dir / "m.der", message);
-  write_file(dir / "engine.cnf", kEngineConf);
+  write_file(dir / "engine.cnf", kGostEngineConfig);
   int status = -1;
   const std::string checked = run_command("/usr/bin/python3 " BV_SOURCE_DIR "/tests/tools/cades_check.py " +
                                               quoted(dir / "m.der") + " " + quoted(dir.path()) + " 2>&1",
@@ -120,7 +116,7 @@ std::string refusal() {
 // The answer of `tsa` to another request: valid, but for another imprint and nonce.
 std::string answer_to_another_request(TimeStampServer& tsa, const TempDir& dir) {
   write_file(dir / "other.txt", "another document");
-  write_file(dir / "engine.cnf", kEngineConf);
+  write_file(dir / "engine.cnf", kGostEngineConfig);
   run_checked("OPENSSL_CONF=" + quoted(dir / "engine.cnf") + " openssl ts -query -md_gost12_256 -cert -data " +
               quoted(dir / "other.txt") + " -out " + quoted(dir / "other.tsq"));
   bv::platform::http::Request request;

@@ -120,9 +120,7 @@ OcspResponder::OcspResponder(const std::string& folder, X509* ca, EVP_PKEY* ca_k
     OPENSSL_free(subject);
   }
   write_file(folder + "/index.txt", index);
-  write_file(folder + "/openssl.cnf",
-             "openssl_conf = openssl_def\n[openssl_def]\nengines = engines\n[engines]\ngost = gost\n"
-             "[gost]\nengine_id = gost\ndefault_algorithms = ALL\n");
+  write_file(folder + "/openssl.cnf", kGostEngineConfig);
   // One request at a time: the server answers its connections in turn.
   server_.handle("/", [this](const std::string& request) {
     write_file(folder_ + "/request.der", request);
@@ -140,8 +138,7 @@ TimeStampServer::TimeStampServer(const std::string& folder, const std::string& c
     : folder_(folder), server_(silent) {
   write_file(folder + "/serial", "01\n");
   write_file(folder + "/ts.cnf",
-             "openssl_conf = openssl_def\n[openssl_def]\nengines = engines\n[engines]\ngost = gost\n"
-             "[gost]\nengine_id = gost\ndefault_algorithms = ALL\n"
+             std::string(kGostEngineConfig) +
              "[tsa]\ndefault_tsa = tsa_config\n[tsa_config]\nserial = " + folder + "/serial\n"
              "signer_cert = " + cert_pem + "\nsigner_key = " + key_pem + "\nsigner_digest = md_gost12_256\n"
              "default_policy = 1.2.643.100.1\ndigests = md_gost12_256, md_gost12_512, md_gost94, sha1, sha256\n"

@@ -18,6 +18,11 @@ namespace bv::test {
 
 using namespace bv::pki;
 
+// An openssl.cnf that loads the GOST engine for every command line tool.
+constexpr const char* kGostEngineConfig =
+    "openssl_conf = openssl_def\n[openssl_def]\nengines = engines\n[engines]\ngost = gost\n"
+    "[gost]\nengine_id = gost\ndefault_algorithms = ALL\n";
+
 // A port on 127.0.0.1 that nothing listens on at the moment.
 int free_port();
 

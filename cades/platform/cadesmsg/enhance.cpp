@@ -19,11 +19,7 @@ namespace {
 
 using bv::platform::revocation::Source;
 
-bool fail(DWORD error) {
-  ERR_clear_error();
-  SetLastError(error);
-  return false;
-}
+using bv::ossl::fail;
 
 // The unsigned attributes of X Long Type 1, in the order they are made.
 constexpr int kSignatureTimeStamp = NID_id_smime_aa_timeStampToken;

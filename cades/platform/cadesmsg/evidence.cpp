@@ -16,10 +16,7 @@ struct ChainFreer {
   void operator()(const CERT_CHAIN_CONTEXT* chain) const noexcept { CertFreeCertificateChain(chain); }
 };
 
-bool fail(DWORD error) {
-  SetLastError(error);
-  return false;
-}
+using bv::ossl::fail;
 
 DWORD path_error(DWORD status) {
   if ((status & (CERT_TRUST_IS_UNTRUSTED_ROOT | CERT_TRUST_IS_PARTIAL_CHAIN)) != 0) return CERT_E_UNTRUSTEDROOT;

@@ -13,11 +13,7 @@ namespace bv::cades {
 
 namespace {
 
-bool fail(DWORD error) {
-  ERR_clear_error();
-  SetLastError(error);
-  return false;
-}
+using bv::ossl::fail;
 
 std::string ini_default(int folder) {
   char path[MAX_PATH];
