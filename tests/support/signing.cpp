@@ -82,8 +82,7 @@ const SigningWorld& SigningWorld::get() {
     make(w->erin, "Erin", "", "gost2012_256");
     {
       CertificateRequest request{.subject = {{"CN", "Test TSA"}, {"C", "RU"}}, .serial = serial++,
-                                 .key_usage = "digitalSignature,nonRepudiation",
-                                 .extended_key_usage = "critical,timeStamping"};
+                                 .service = CertificateRequest::Service::kTimeStamping};
       w->tsa.key = generate_key("gost2012_256");
       w->tsa.cert = issue_certificate(request, w->tsa.key.get(), w->root.cert.get(), w->root.key.get());
       w->tsa.cert_pem = w->dir / "pki/tsa.pem";

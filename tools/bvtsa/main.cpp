@@ -142,11 +142,12 @@ void serve_one(int client, const sockaddr_in& peer, TimeStampAuthority& authorit
       why = "no reply could be made";
     }
   }
+  // Logged before answering: whoever has the answer finds its line.
+  log_line(log, peer_text(peer), status, reply.status, reply.serial, why);
   if (status == 200)
     write_answer(client, request.version, 200, "application/timestamp-reply", reply.der);
   else if (status != 0)
     write_answer(client, request.version, status, "text/plain", why + "\n");
-  log_line(log, peer_text(peer), status, reply.status, reply.serial, why);
 }
 
 int run(const Options& options) {
