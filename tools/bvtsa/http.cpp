@@ -48,14 +48,14 @@ void send_all(int client, const std::string& bytes) {
 }
 
 // Appends what arrives before the deadline until `buffer` holds `wanted`
-// bytes or `until` appears: 1 when it does, 0 on a closed connection or a
-// signal, -1 on the deadline.
+// bytes or `until` appears: 1 when it does, 0 on a closed connection, -1 on
+// the deadline, -2 on a signal.
 int read_more(int client, std::string& buffer, size_t wanted, const std::string& until,
               std::chrono::steady_clock::time_point deadline, const sigset_t& while_waiting) {
   char chunk[4096];
   while (buffer.size() < wanted && (until.empty() || buffer.find(until) == std::string::npos)) {
     if (!wait_readable(client, deadline, while_waiting))
-      return std::chrono::steady_clock::now() >= deadline ? -1 : 0;
+      return std::chrono::steady_clock::now() >= deadline ? -1 : -2;
     const ssize_t n = recv(client, chunk, sizeof chunk, 0);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return 0;
@@ -78,7 +78,8 @@ int read_request(int client, std::chrono::steady_clock::time_point deadline, con
                  HttpRequest& request, std::string& why) {
   std::string buffer;
   int got = read_more(client, buffer, kMaxHead, "\r\n\r\n", deadline, while_waiting);
-  if (got < 0) return why = "no complete request in time", 408;
+  if (got == -2) return why = "interrupted", 0;
+  if (got == -1) return why = "no complete request in time", 408;
   if (got == 0 && buffer.empty()) return why = "closed without a request", 0;
   const size_t head_end = buffer.find("\r\n\r\n");
   if (head_end == std::string::npos)
@@ -121,10 +122,8 @@ int read_request(int client, std::chrono::steady_clock::time_point deadline, con
   if (expect == "100-continue" && request.version == "HTTP/1.1" && buffer.size() == head_end + 4)
     send_all(client, "HTTP/1.1 100 Continue\r\n\r\n");
   got = read_more(client, buffer, head_end + 4 + length, {}, deadline, while_waiting);
-  if (got <= 0) {
-    why = got < 0 ? "body not complete in time" : "closed before the body was complete";
-    return got < 0 ? 408 : 0;
-  }
+  if (got == -1) return why = "body not complete in time", 408;
+  if (got != 1) return why = got == 0 ? "closed before the body was complete" : "interrupted", 0;
   request.body = buffer.substr(head_end + 4, length);
   return 200;
 }
