@@ -133,24 +133,17 @@ OcspResponder::OcspResponder(const std::string& folder, X509* ca, EVP_PKEY* ca_k
   });
 }
 
-TimeStampServer::TimeStampServer(const std::string& folder, const std::string& cert_pem, const std::string& key_pem,
-                                 bool silent)
-    : folder_(folder), server_(silent) {
-  write_file(folder + "/serial", "01\n");
-  write_file(folder + "/ts.cnf",
-             std::string(kGostEngineConfig) +
-             "[tsa]\ndefault_tsa = tsa_config\n[tsa_config]\nserial = " + folder + "/serial\n"
-             "signer_cert = " + cert_pem + "\nsigner_key = " + key_pem + "\nsigner_digest = md_gost12_256\n"
-             "default_policy = 1.2.643.100.1\ndigests = md_gost12_256, md_gost12_512, md_gost94, sha1, sha256\n"
-             "accuracy = secs:1\ness_cert_id_alg = md_gost12_256\n");
-  server_.handle("/tsa", [this](const std::string& request) {
-    write_file(folder_ + "/request.der", request);
-    std::remove((folder_ + "/response.der").c_str());
-    const std::string f = "'" + folder_ + "/";
-    run_command("OPENSSL_CONF=" + f + "ts.cnf' openssl ts -reply -config " + f + "ts.cnf' -queryfile " + f +
-                "request.der' -out " + f + "response.der' >> " + f + "tsa.log' 2>&1");
-    return read_file(folder_ + "/response.der");
-  });
+TimeStampServer::TimeStampServer(const std::string& folder, const std::string& cert_pem, const std::string& key_pem)
+    : folder_(folder),
+      server_("--cert '" + cert_pem + "' --key '" + key_pem + "' --serial-file '" + folder + "/serial' --log '" + folder +
+                  "/tsa.log'",
+              folder + "/tsa.err") {}
+
+int TimeStampServer::requests() const {
+  const std::string log = read_file(folder_ + "/tsa.log");
+  int count = 0;
+  for (size_t at = log.find(" 127.0.0.1:"); at != std::string::npos; at = log.find(" 127.0.0.1:", at + 1)) ++count;
+  return count;
 }
 
 StoreFolders::StoreFolders() {

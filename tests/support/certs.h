@@ -13,6 +13,7 @@
 
 #include "certificate_factory.h"
 #include "host.h"
+#include "tsa_server.h"
 
 namespace bv::test {
 
@@ -74,21 +75,18 @@ class OcspResponder {
   HttpServer server_;
 };
 
-// A time stamp authority answering each request with `openssl ts -reply`
-// on files, behind an HttpServer (`silent`: it never answers).
+// Our time stamp server (bvtsa) for one authority, counting the requests it
+// answered from its log.
 class TimeStampServer {
  public:
-  TimeStampServer(const std::string& folder, const std::string& cert_pem, const std::string& key_pem,
-                  bool silent = false);
+  TimeStampServer(const std::string& folder, const std::string& cert_pem, const std::string& key_pem);
 
-  std::string url() const { return server_.url("/tsa"); }
-  int requests() const { return server_.requests(); }
-  void stop() { server_.stop(); }
-  HttpServer& http() { return server_; }
+  std::string url() const { return server_.url(); }
+  int requests() const;
 
  private:
   std::string folder_;
-  HttpServer server_;
+  TsaServer server_;
 };
 
 // Points both store locations at fresh folders for the life of a test.

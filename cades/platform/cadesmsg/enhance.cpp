@@ -2,6 +2,7 @@
 // signer's new attributes are made first and added only when all signers
 // have all of theirs, so a failure leaves the message as it was.
 #include <algorithm>
+#include <filesystem>
 #include <new>
 #include <string>
 #include <vector>
@@ -204,13 +205,22 @@ class Enhancer {
         X509_up_ref(cert);
         return UniquePtr<X509>(cert);
       }
+    // The usual stores first; then any store of this machine, since the
+    // signer may have signed from a store of its own profile.
+    std::vector<std::pair<std::string, DWORD>> stores;
     for (DWORD location : {CERT_SYSTEM_STORE_CURRENT_USER, CERT_SYSTEM_STORE_LOCAL_MACHINE})
-      for (const char* name : {"My", "AddressBook", "CA", "Root"}) {
-        bv::platform::StoreObjects objects;
-        if (!bv::platform::read_system_store(name, location, objects)) continue;
-        for (auto& cert : objects.certificates)
-          if (CMS_SignerInfo_cert_cmp(signer, cert.get()) == 0) return std::move(cert);
-      }
+      for (const char* name : {"My", "AddressBook", "CA", "Root"}) stores.emplace_back(name, location);
+    for (DWORD location : {CERT_SYSTEM_STORE_CURRENT_USER, CERT_SYSTEM_STORE_LOCAL_MACHINE}) {
+      std::error_code error;
+      for (const auto& entry : std::filesystem::directory_iterator(bv::platform::system_store_root(location), error))
+        if (entry.is_directory(error)) stores.emplace_back(entry.path().filename().string(), location);
+    }
+    for (const auto& [name, location] : stores) {
+      bv::platform::StoreObjects objects;
+      if (!bv::platform::read_system_store(name, location, objects)) continue;
+      for (auto& cert : objects.certificates)
+        if (CMS_SignerInfo_cert_cmp(signer, cert.get()) == 0) return std::move(cert);
+    }
     return nullptr;
   }
 
