@@ -17,7 +17,6 @@
 #include <vector>
 
 #include "bvsapssf_api.h"
-#include "kernel32/kernel32.h"
 #include "openssl/ossl.h"
 
 namespace {
@@ -214,7 +213,6 @@ void sign_through_library(benchmark::State& state, const char* store, const std:
     const SSF_RC rc = SsfSign(format, static_cast<int32_t>(std::strlen(format)), nullptr, 0, 0, 0, reinterpret_cast<const unsigned char*>(data.data()),
                               static_cast<int32_t>(data.size()), &node, &out, &out_length);
     if (rc != SSF_OK) {
-      std::fprintf(stderr, "rc %u err %08x\n", rc, GetLastError());
       state.SkipWithError("SsfSign failed");
       break;
     }

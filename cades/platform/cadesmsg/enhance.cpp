@@ -179,7 +179,7 @@ class Enhancer {
   Enhancer(CMS_ContentInfo* cms, std::string service) : cms_(cms), service_(std::move(service)) {}
 
   bool run() {
-    if (!load_trust_material(trust_)) return false;
+    load_trust_material(trust_);
     message_certs_.reset(CMS_get1_certs(cms_));
     if (message_certs_)
       for (int i = 0; i < sk_X509_num(message_certs_.get()); ++i) extra_.push_back(sk_X509_value(message_certs_.get(), i));
@@ -244,12 +244,16 @@ class Enhancer {
   // A time stamp and the proof of its authority, gathered for the values.
   bool stamp(const EVP_MD* md, std::string_view data, std::string& token) {
     TimeStamp stamp;
-    if (!request_time_stamp(service_, md, data, trust_, stamp)) return false;
+    if (!request_time_stamp(service_, md, data, [this](TimeStamp& s) { return prove_authority(s); }, stamp))
+      return false;
     token = stamp.token;
-    return prove_authority(stamp);
+    return true;
   }
 
   bool prove_authority(TimeStamp& stamp) {
+    // Both stamps of a signer usually come from one authority: proved once.
+    for (const ProvenPath& proven : authority_paths_)
+      if (X509_cmp(proven.certificates.front().get(), stamp.authority.get()) == 0) return true;
     std::vector<X509*> extra = extra_;
     for (auto& cert : stamp.certificates) extra.push_back(cert.get());
     ProvenPath path;
