@@ -86,6 +86,7 @@ TEST(CadesSign, MessagesPassIndependentChecks) {
     request.signers = c.signers;
     request.detached = c.detached;
     request.include_certs = c.include_certs;
+    request.check_leaks = true;
     const SignOutcome outcome = sign_through_export(w.env({{"BV_CADES_DEFAULT_TSP", tsa.url()}}), request);
     ASSERT_EQ(outcome.rc, 0u) << outcome.child_stderr;
     std::string content, diagnostics;
@@ -188,6 +189,7 @@ TEST(CadesSign, TimeStampServicesInOrderAndTheirFailures) {
     SignRequest request;
     request.format = "CADES";
     request.signers = {{"CN=Alice", "", "1111"}};
+    request.check_leaks = true;
     const int a_before = good_a.requests(), b_before = good_b.requests();
     const auto started = std::chrono::steady_clock::now();
     const SignOutcome outcome = sign_through_export(env, request);
