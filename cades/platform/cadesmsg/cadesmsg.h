@@ -53,3 +53,49 @@ HCRYPTMSG CadesMsgOpenToEncode(DWORD dwMsgEncodingType, DWORD dwFlags, const Cad
 // updated) to the form of pSignPara (only CADES_X_LONG_TYPE_1).  On failure
 // the message is unchanged and the last error says why.
 BOOL CadesMsgEnhanceSignatureAll(HCRYPTMSG hCryptMsg, const CadesSignPara* pSignPara);
+
+// What CadesMsgVerifySignature found about one signer; released with
+// CadesFreeVerificationInfo.
+struct CadesVerificationInfo {
+  DWORD dwSize;                  // 40
+  DWORD dwStatus;                // CADES_VERIFY_*: the first check that failed, or 0
+  PCCERT_CONTEXT pSignerCert;    // the signer's certificate, or null when not found
+  FILETIME* pSigningTime;        // the signing-time attribute, or null
+  void* pReserved;               // null
+  FILETIME* pSignatureTimeStampTime;  // the signature time stamp's time, or null
+};
+static_assert(sizeof(CadesVerificationInfo) == 40);
+
+// Statuses, in the order the checks run (docs/cades.md).
+constexpr DWORD CADES_VERIFY_SUCCESS = 0;
+constexpr DWORD CADES_VERIFY_INVALID_REFS_AND_VALUES = 1;
+constexpr DWORD CADES_VERIFY_SIGNER_NOT_FOUND = 2;
+constexpr DWORD CADES_VERIFY_INVALID_SIGNATURE_TIMESTAMP = 3;
+constexpr DWORD CADES_VERIFY_REFS_AND_VALUES_NO_MATCH = 4;
+constexpr DWORD CADES_VERIFY_NO_CHAIN = 5;
+constexpr DWORD CADES_VERIFY_END_CERT_REVOCATION = 6;
+constexpr DWORD CADES_VERIFY_CHAIN_CERT_REVOCATION = 7;
+constexpr DWORD CADES_VERIFY_INVALID_SIGNATURE = 8;
+constexpr DWORD CADES_VERIFY_INVALID_CADES_C_TIMESTAMP = 9;
+constexpr DWORD CADES_VERIFY_INVALID_CONTENT_TYPE = 10;
+
+// Verifies signer `dwSignerIndex` of a decoded signed message (CAdES or
+// plain).  *ppVerificationInfo is always set when the pointer is given, so
+// a caller may read it whatever the answer; TRUE only with status 0, else
+// FALSE with the last error of the failed check.
+BOOL CadesMsgVerifySignature(HCRYPTMSG hCryptMsg, DWORD dwSignerIndex, void* pVerifyPara,
+                             CadesVerificationInfo** ppVerificationInfo);
+BOOL CadesFreeVerificationInfo(CadesVerificationInfo* pVerificationInfo);
+
+// *pbResult: whether signer `dwSignerIndex` carries every attribute of the
+// form `dwCadesType` (CADES_BES, CADES_T or CADES_X_LONG_TYPE_1).
+BOOL CadesMsgIsType(HCRYPTMSG hCryptMsg, DWORD dwSignerIndex, DWORD dwCadesType, BOOL* pbResult);
+
+struct CadesBlobArray {
+  DWORD cBlob;
+  CRYPT_DATA_BLOB* rgBlob;
+};
+// The certificate-values of signer `dwSignerIndex`, DER each, in one block
+// released with CadesFreeBlobArray; FALSE (CRYPT_E_NOT_FOUND) when it has none.
+BOOL CadesMsgGetCertificateValues(HCRYPTMSG hCryptMsg, DWORD dwSignerIndex, CadesBlobArray** ppCertificateValues);
+BOOL CadesFreeBlobArray(CadesBlobArray* pBlobArray);

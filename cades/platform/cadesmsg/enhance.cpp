@@ -2,7 +2,6 @@
 // signer's new attributes are made first and added only when all signers
 // have all of theirs, so a failure leaves the message as it was.
 #include <algorithm>
-#include <filesystem>
 #include <new>
 #include <string>
 #include <vector>
@@ -39,19 +38,6 @@ UniquePtr<X509_ATTRIBUTE> attribute_of(int nid, const std::string& value) {
   if (value.empty()) return nullptr;
   return UniquePtr<X509_ATTRIBUTE>(X509_ATTRIBUTE_create_by_NID(
       nullptr, nid, V_ASN1_SEQUENCE, reinterpret_cast<const unsigned char*>(value.data()), static_cast<int>(value.size())));
-}
-
-// The attribute's type and values as the Type 1 time stamp hashes them: its
-// DER without the tag and length of the outer SEQUENCE.
-bool append_attribute_body(const X509_ATTRIBUTE* attribute, std::string& out) {
-  const std::string der = der_of(attribute, i2d_X509_ATTRIBUTE);
-  const auto* cursor = reinterpret_cast<const unsigned char*>(der.data());
-  long length = 0;
-  int tag = 0, tag_class = 0;
-  if (der.empty() || (ASN1_get_object(&cursor, &length, &tag, &tag_class, static_cast<long>(der.size())) & 0x80) != 0)
-    return false;
-  out.append(reinterpret_cast<const char*>(cursor), static_cast<size_t>(length));
-  return true;
 }
 
 // OtherHash in its otherHash form: the algorithm is always written out.
@@ -198,32 +184,6 @@ class Enhancer {
   }
 
  private:
-  // The signer's own certificate: in the message, else in the stores.
-  UniquePtr<X509> signer_certificate(CMS_SignerInfo* signer) {
-    for (X509* cert : extra_)
-      if (CMS_SignerInfo_cert_cmp(signer, cert) == 0) {
-        X509_up_ref(cert);
-        return UniquePtr<X509>(cert);
-      }
-    // The usual stores first; then any store of this machine, since the
-    // signer may have signed from a store of its own profile.
-    std::vector<std::pair<std::string, DWORD>> stores;
-    for (DWORD location : {CERT_SYSTEM_STORE_CURRENT_USER, CERT_SYSTEM_STORE_LOCAL_MACHINE})
-      for (const char* name : {"My", "AddressBook", "CA", "Root"}) stores.emplace_back(name, location);
-    for (DWORD location : {CERT_SYSTEM_STORE_CURRENT_USER, CERT_SYSTEM_STORE_LOCAL_MACHINE}) {
-      std::error_code error;
-      for (const auto& entry : std::filesystem::directory_iterator(bv::platform::system_store_root(location), error))
-        if (entry.is_directory(error)) stores.emplace_back(entry.path().filename().string(), location);
-    }
-    for (const auto& [name, location] : stores) {
-      bv::platform::StoreObjects objects;
-      if (!bv::platform::read_system_store(name, location, objects)) continue;
-      for (auto& cert : objects.certificates)
-        if (CMS_SignerInfo_cert_cmp(signer, cert.get()) == 0) return std::move(cert);
-    }
-    return nullptr;
-  }
-
   // The attribute of that type the signer has, or the one made for it.
   const X509_ATTRIBUTE* find(const SignerWork& work, int nid) const {
     const int index = CMS_unsigned_get_attr_by_NID(work.signer, nid, -1);
@@ -268,7 +228,7 @@ class Enhancer {
     CMS_SignerInfo_get0_algs(work.signer, nullptr, nullptr, &digest_algorithm, nullptr);
     const EVP_MD* md = digest_algorithm != nullptr ? bv::ossl::digest_by_nid(OBJ_obj2nid(digest_algorithm->algorithm)) : nullptr;
     if (md == nullptr) return fail(CRYPT_E_UNKNOWN_ALGO);
-    UniquePtr<X509> cert = signer_certificate(work.signer);
+    UniquePtr<X509> cert = find_signer_certificate(work.signer, extra_);
     if (!cert) return fail(CRYPT_E_SIGNER_NOT_FOUND);
     ProvenPath path;
     if (!prove_path(cert.get(), extra_, trust_, path)) return false;
@@ -314,15 +274,15 @@ class Enhancer {
     // The Type 1 time stamp over the signature value, the signature time
     // stamps and both references.
     if (CMS_unsigned_get_attr_by_NID(work.signer, kEscTimeStamp, -1) < 0) {
-      std::string input(signature);
+      std::vector<const X509_ATTRIBUTE*> time_stamps;
       for (int i = -1; (i = CMS_unsigned_get_attr_by_NID(work.signer, kSignatureTimeStamp, i)) >= 0;)
-        if (!append_attribute_body(CMS_unsigned_get_attr(work.signer, i), input)) return fail(CRYPT_E_ASN1_ERROR);
+        time_stamps.push_back(CMS_unsigned_get_attr(work.signer, i));
       for (const auto& attribute : work.additions)
-        if (OBJ_obj2nid(X509_ATTRIBUTE_get0_object(attribute.get())) == kSignatureTimeStamp &&
-            !append_attribute_body(attribute.get(), input))
-          return fail(CRYPT_E_ASN1_ERROR);
-      for (int nid : {kCertificateRefs, kRevocationRefs})
-        if (!append_attribute_body(find(work, nid), input)) return fail(CRYPT_E_ASN1_ERROR);
+        if (OBJ_obj2nid(X509_ATTRIBUTE_get0_object(attribute.get())) == kSignatureTimeStamp)
+          time_stamps.push_back(attribute.get());
+      std::string input;
+      if (!type1_input(signature, time_stamps, find(work, kCertificateRefs), find(work, kRevocationRefs), input))
+        return fail(CRYPT_E_ASN1_ERROR);
       std::string token;
       if (!stamp(md, input, token) || !add(work, kEscTimeStamp, token)) return false;
     }

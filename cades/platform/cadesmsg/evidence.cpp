@@ -1,6 +1,8 @@
 #include "cadesmsg/evidence.h"
 
+#include <filesystem>
 #include <memory>
+#include <utility>
 
 #include "crypt32/chain.h"
 #include "crypt32/store.h"
@@ -32,6 +34,51 @@ std::string digest_of(const EVP_MD* md, std::string_view data) {
   if (md == nullptr || EVP_Digest(data.data(), data.size(), hash, &length, md, nullptr) != 1) return {};
   ERR_clear_error();  // engine digests leave a failed provider lookup queued
   return std::string(reinterpret_cast<char*>(hash), length);
+}
+
+UniquePtr<X509> find_signer_certificate(CMS_SignerInfo* signer, const std::vector<X509*>& candidates) {
+  for (X509* cert : candidates)
+    if (CMS_SignerInfo_cert_cmp(signer, cert) == 0) {
+      X509_up_ref(cert);
+      return UniquePtr<X509>(cert);
+    }
+  std::vector<std::pair<std::string, DWORD>> stores;
+  for (DWORD location : {CERT_SYSTEM_STORE_CURRENT_USER, CERT_SYSTEM_STORE_LOCAL_MACHINE})
+    for (const char* name : {"My", "AddressBook", "CA", "Root"}) stores.emplace_back(name, location);
+  for (DWORD location : {CERT_SYSTEM_STORE_CURRENT_USER, CERT_SYSTEM_STORE_LOCAL_MACHINE}) {
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(bv::platform::system_store_root(location), error))
+      if (entry.is_directory(error)) stores.emplace_back(entry.path().filename().string(), location);
+  }
+  for (const auto& [name, location] : stores) {
+    bv::platform::StoreObjects objects;
+    if (!bv::platform::read_system_store(name, location, objects)) continue;
+    for (auto& cert : objects.certificates)
+      if (CMS_SignerInfo_cert_cmp(signer, cert.get()) == 0) return std::move(cert);
+  }
+  return nullptr;
+}
+
+namespace {
+bool append_attribute_body(const X509_ATTRIBUTE* attribute, std::string& out) {
+  if (attribute == nullptr) return false;
+  const std::string der = der_of(attribute, i2d_X509_ATTRIBUTE);
+  const auto* cursor = reinterpret_cast<const unsigned char*>(der.data());
+  long length = 0;
+  int tag = 0, tag_class = 0;
+  if (der.empty() || (ASN1_get_object(&cursor, &length, &tag, &tag_class, static_cast<long>(der.size())) & 0x80) != 0)
+    return false;
+  out.append(reinterpret_cast<const char*>(cursor), static_cast<size_t>(length));
+  return true;
+}
+}  // namespace
+
+bool type1_input(std::string_view signature, const std::vector<const X509_ATTRIBUTE*>& time_stamps,
+                 const X509_ATTRIBUTE* certificate_refs, const X509_ATTRIBUTE* revocation_refs, std::string& out) {
+  out.assign(signature);
+  for (const X509_ATTRIBUTE* stamp : time_stamps)
+    if (!append_attribute_body(stamp, out)) return false;
+  return append_attribute_body(certificate_refs, out) && append_attribute_body(revocation_refs, out);
 }
 
 void load_trust_material(TrustMaterial& out) {

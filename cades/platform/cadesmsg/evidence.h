@@ -37,6 +37,17 @@ struct ProvenPath {
 // CRYPT_E_REVOCATION_OFFLINE.
 bool prove_path(X509* cert, const std::vector<X509*>& extra, const TrustMaterial& trust, ProvenPath& out);
 
+// The signer's own certificate among `candidates`, else in the stores: My,
+// AddressBook, CA and Root of both locations first, then any other store of
+// the machine (a signer may sign from a store of its own profile).
+UniquePtr<X509> find_signer_certificate(CMS_SignerInfo* signer, const std::vector<X509*>& candidates);
+
+// What the Type 1 time stamp covers: the signature value's octets, then
+// each signature time stamp, the certificate references and the revocation
+// references, each attribute as its type and values without its own header.
+bool type1_input(std::string_view signature, const std::vector<const X509_ATTRIBUTE*>& time_stamps,
+                 const X509_ATTRIBUTE* certificate_refs, const X509_ATTRIBUTE* revocation_refs, std::string& out);
+
 // DER of an OpenSSL object (i2d_*), empty on failure.
 template <typename Object, typename Encode>
 std::string der_of(const Object* object, Encode encode) {

@@ -337,10 +337,11 @@ Result check(X509* cert, X509* issuer, const Options& options) {
 
   // 1. CRLs of the stores.  A revocation in any of them decides; a current
   //    one that doesn't list the certificate makes it good.
+  const time_t current_at = options.judge_at ? at : now;
   bool good_by_store = false;
   for (X509_CRL* crl : options.store_crls) {
     Result one;
-    switch (consult_crl(crl, cert, issuer, at, now, one)) {
+    switch (consult_crl(crl, cert, issuer, at, current_at, one)) {
       case CrlSays::revoked:
         one.source = Source::store_crl;
         return with_crl(std::move(one), crl, options);
@@ -358,9 +359,30 @@ Result check(X509* cert, X509* issuer, const Options& options) {
   }
   if (good_by_store) return result;
 
-  // 2. What the cache holds for this certificate.
   UniquePtr<OCSP_CERTID> id(OCSP_cert_to_id(nullptr, cert, issuer));
   ERR_clear_error();
+
+  // Responses the caller brings: one from an authorised responder that
+  // speaks of this certificate and was current decides.
+  for (OCSP_BASICRESP* basic : options.given_responses) {
+    if (!id || !responder_is_authorised(basic, issuer)) continue;
+    int status = -1, reason = -1;
+    ASN1_GENERALIZEDTIME *revoked_at = nullptr, *this_update = nullptr, *next_update = nullptr;
+    const bool found =
+        OCSP_resp_find_status(basic, id.get(), &status, &reason, &revoked_at, &this_update, &next_update) == 1;
+    ERR_clear_error();
+    if (!found || to_time(this_update) > current_at + kClockSkewSeconds ||
+        (next_update != nullptr && to_time(next_update) + kClockSkewSeconds < current_at))
+      continue;
+    OcspAnswer answer;
+    answer.status = status;
+    answer.reason = reason;
+    answer.revoked_at = to_time(revoked_at);
+    answer.this_update = to_time(this_update);
+    if (apply_ocsp(answer, at, result, Source::given_ocsp, false)) return result;
+  }
+
+  // 2. What the cache holds for this certificate.
   const std::string id_key = id ? encode_id(id.get()) : std::string();
   if (!id_key.empty()) {
     std::lock_guard lock(cache().mutex);

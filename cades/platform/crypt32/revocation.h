@@ -5,6 +5,7 @@
 // verdict to its status bits.  docs/revocation.md tells the order and rules.
 #pragma once
 
+#include <openssl/ocsp.h>
 #include <openssl/x509.h>
 
 #include <chrono>
@@ -24,7 +25,7 @@ enum class Verdict {
   offline,  // it has sources, but none gave an answer that could be used
 };
 
-enum class Source { none, store_crl, cached_crl, downloaded_crl, cached_ocsp, ocsp };
+enum class Source { none, store_crl, cached_crl, downloaded_crl, cached_ocsp, ocsp, given_ocsp };
 
 struct Result {
   Verdict verdict = Verdict::unknown;
@@ -47,6 +48,11 @@ struct Options {
   std::optional<Clock::time_point> deadline;  // shared by all requests of one chain, if set
   std::vector<X509_CRL*> store_crls;          // borrowed: the CRLs of the stores
   bool keep_evidence = false;                 // fill Result::evidence (signatures that carry their proof)
+  // Proof a signature carries, consulted after the stores' CRLs: OCSP
+  // responses (borrowed).  With `judge_at` a CRL or response counts when it
+  // was current at `at`, as archived proof is judged, instead of now.
+  std::vector<OCSP_BASICRESP*> given_responses;
+  bool judge_at = false;
 };
 
 // The status of `cert` issued by `issuer` (the same object for a
