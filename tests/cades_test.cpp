@@ -4,11 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "certs.h"
+#include "cadesmsg/cadesmsg.h"
+#include "crypt32/msg.h"
 #include "http/http.h"
 #include "signing.h"
 
@@ -281,6 +284,99 @@ TEST(CadesSign, RevocationValuesFromEachSource) {
     EXPECT_EQ(outcome.rc, s.rc) << outcome.child_stderr;
     if (s.rc == 0) EXPECT_EQ(expect_x_long_type_1(outcome.signed_data, 1), std::string(s.values) + "\n");
     std::filesystem::remove(stores + "/CA/revocation.crl");
+  }
+}
+
+// A CAdES message changed through OpenSSL's own structures: `change` gets
+// the one signer and the message.
+std::string tampered(const std::string& message, const std::function<void(CMS_SignerInfo*, CMS_ContentInfo*)>& change) {
+  const auto* cursor = reinterpret_cast<const unsigned char*>(message.data());
+  UniquePtr<CMS_ContentInfo> cms(d2i_CMS_ContentInfo(nullptr, &cursor, static_cast<long>(message.size())));
+  change(sk_CMS_SignerInfo_value(CMS_get0_SignerInfos(cms.get()), 0), cms.get());
+  unsigned char* der = nullptr;
+  const int length = i2d_CMS_ContentInfo(cms.get(), &der);
+  std::string out(reinterpret_cast<char*>(der), static_cast<size_t>(length));
+  OPENSSL_free(der);
+  return out;
+}
+
+void flip_last_byte(ASN1_STRING* value) {
+  const_cast<unsigned char*>(ASN1_STRING_get0_data(value))[ASN1_STRING_length(value) - 1] ^= 0x01;
+}
+
+// The last byte of an unsigned attribute's value: inside the token's own
+// signature for a time stamp, inside the last value otherwise.
+std::function<void(CMS_SignerInfo*, CMS_ContentInfo*)> flip_unsigned(int nid) {
+  return [nid](CMS_SignerInfo* signer, CMS_ContentInfo*) {
+    X509_ATTRIBUTE* attribute = CMS_unsigned_get_attr(signer, CMS_unsigned_get_attr_by_NID(signer, nid, -1));
+    flip_last_byte(X509_ATTRIBUTE_get0_type(attribute, 0)->value.sequence);
+  };
+}
+
+// Every status the test PKI can produce, each from a real fault, through
+// the CAdES verifier on a decoded message.
+TEST(CadesVerify, StatusesFromRealFaults) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir dir;
+  TimeStampServer tsa(dir.path(), w.tsa.cert_pem, w.dir / "pki/tsa.key");
+  SignRequest request;
+  request.format = "CADES";
+  request.signers = {{"CN=Alice", "", "1111"}};
+  const SignOutcome outcome = sign_through_export(w.env({{"BV_CADES_DEFAULT_TSP", tsa.url()}}), request);
+  ASSERT_EQ(outcome.rc, 0u) << outcome.child_stderr;
+  const std::string& good = outcome.signed_data;
+
+  struct Case {
+    const char* name;
+    std::string message;
+    DWORD status;
+  };
+  const Case cases[] = {
+      {"as signed", good, CADES_VERIFY_SUCCESS},
+      {"signature value", tampered(good, [](CMS_SignerInfo* s, CMS_ContentInfo*) {
+         flip_last_byte(CMS_SignerInfo_get0_signature(s));
+       }), CADES_VERIFY_INVALID_SIGNATURE},
+      {"content", tampered(good, [](CMS_SignerInfo*, CMS_ContentInfo* cms) {
+         flip_last_byte(*CMS_get0_content(cms));
+       }), CADES_VERIFY_INVALID_SIGNATURE},
+      {"content-type attribute", tampered(good, [](CMS_SignerInfo* s, CMS_ContentInfo*) {
+         X509_ATTRIBUTE* a = CMS_signed_get_attr(s, CMS_signed_get_attr_by_NID(s, NID_pkcs9_contentType, -1));
+         X509_ATTRIBUTE_get0_type(a, 0)->value.object = OBJ_nid2obj(NID_id_smime_ct_TSTInfo);
+       }), CADES_VERIFY_INVALID_CONTENT_TYPE},
+      {"signature time stamp", tampered(good, flip_unsigned(NID_id_smime_aa_timeStampToken)),
+       CADES_VERIFY_INVALID_SIGNATURE_TIMESTAMP},
+      {"Type 1 time stamp", tampered(good, flip_unsigned(NID_id_smime_aa_ets_escTimeStamp)),
+       CADES_VERIFY_INVALID_CADES_C_TIMESTAMP},
+      {"a CRL among the values", tampered(good, flip_unsigned(NID_id_smime_aa_ets_revocationValues)),
+       CADES_VERIFY_REFS_AND_VALUES_NO_MATCH},
+      {"revocation values gone", tampered(good, [](CMS_SignerInfo* s, CMS_ContentInfo*) {
+         X509_ATTRIBUTE_free(CMS_unsigned_delete_attr(s, CMS_unsigned_get_attr_by_NID(s, NID_id_smime_aa_ets_revocationValues, -1)));
+       }), CADES_VERIFY_INVALID_REFS_AND_VALUES},
+  };
+  w.apply_environment();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    bv::platform::MessageHandle message(CryptMsgOpenToDecode(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0, 0, 0, nullptr, nullptr));
+    ASSERT_TRUE(CryptMsgUpdate(message.get(), reinterpret_cast<const BYTE*>(c.message.data()),
+                               static_cast<DWORD>(c.message.size()), TRUE));
+    CadesVerificationInfo* info = nullptr;
+    const BOOL verified = CadesMsgVerifySignature(message.get(), 0, nullptr, &info);
+    ASSERT_NE(info, nullptr);
+    EXPECT_EQ(info->dwStatus, c.status);
+    EXPECT_EQ(verified != FALSE, c.status == CADES_VERIFY_SUCCESS);
+    if (c.status == CADES_VERIFY_SUCCESS) {
+      EXPECT_NE(info->pSignerCert, nullptr);
+      EXPECT_NE(info->pSigningTime, nullptr);
+      EXPECT_NE(info->pSignatureTimeStampTime, nullptr);
+      BOOL is_x_long = FALSE;
+      EXPECT_TRUE(CadesMsgIsType(message.get(), 0, CADES_X_LONG_TYPE_1, &is_x_long));
+      EXPECT_TRUE(is_x_long);
+      CadesBlobArray* values = nullptr;
+      ASSERT_TRUE(CadesMsgGetCertificateValues(message.get(), 0, &values));
+      EXPECT_GE(values->cBlob, 2u);  // the signer and the root at least
+      CadesFreeBlobArray(values);
+    }
+    CadesFreeVerificationInfo(info);
   }
 }
 
