@@ -3,7 +3,6 @@
 // takes anchors and intermediates from, and revocation as the flags ask.
 #include <gtest/gtest.h>
 
-#include <cstddef>
 #include <cstdio>
 #include <memory>
 
@@ -18,14 +17,6 @@ namespace {
 using namespace bv::test;
 
 constexpr DWORD kExcludeRoot = CERT_CHAIN_REVOCATION_CHECK_CHAIN_EXCLUDE_ROOT;
-
-static_assert(offsetof(CERT_CHAIN_PARA, RequestedUsage) == 8);
-static_assert(offsetof(CERT_CHAIN_CONTEXT, TrustStatus) == 4);
-static_assert(offsetof(CERT_CHAIN_CONTEXT, rgpChain) == 16);
-static_assert(offsetof(CERT_CHAIN_CONTEXT, ChainId) == 52);
-static_assert(offsetof(CERT_SIMPLE_CHAIN, rgpElement) == 16);
-static_assert(offsetof(CERT_CHAIN_ELEMENT, TrustStatus) == 16);
-static_assert(offsetof(CERT_CHAIN_ELEMENT, pRevocationInfo) == 24);
 
 struct Chain {
   std::shared_ptr<const CERT_CHAIN_CONTEXT> context;

@@ -7,9 +7,7 @@
 #include <clocale>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,23 +19,13 @@
 namespace bv::test {
 namespace {
 
-// The signing world's stores under a trace of `level` into `traced`.
-std::map<std::string, std::string> traced_world(const TempDir& traced, int level) {
-  const SigningWorld& w = SigningWorld::get();
-  auto env = trace_env(traced, level);
-  std::filesystem::copy(w.common() + "/Brelvantec/Certificates", traced / "common/Brelvantec/Certificates",
-                        std::filesystem::copy_options::recursive);
-  env["BV_PLATFORM_LOCAL_APPDATA"] = w.local();
-  return env;
-}
-
 // A hash text cut to an odd number of digits, after a signer whose hash
 // was read: refused as no hash (22, "Invalid user's ID"), whatever the
 // earlier one left behind.
 TEST(HashIdentity, OddDigitsAfterAGoodHashAreRefused) {
   const SigningWorld& w = SigningWorld::get();
   TempDir traced;
-  const auto env = traced_world(traced, 2);
+  const auto env = w.traced_env(traced, 2);
   const std::string digits = "ABCDEFABCDEFABCDEFAB1ABCDEFABCDEFABCDEFAB";
   struct Case {
     std::string first;
@@ -182,7 +170,7 @@ TEST(NullPointers, EveryExportAnswersWithACode) {
        SSF_OK},
   };
   TempDir traced;
-  const auto env = traced_world(traced, 4);
+  const auto env = SigningWorld::get().traced_env(traced);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     const ChildResult child = run_isolated(env, [&] { EXPECT_EQ(c.call(SsfApi::get()), c.rc); });

@@ -223,13 +223,9 @@ TEST(Lookup, SelectionAtATerminal) {
 TEST(Lookup, TraceOfASignerList) {
   const SigningWorld& w = SigningWorld::get();
   TempDir traced;
-  auto env = trace_env(traced);
-  std::filesystem::copy(w.common() + "/Brelvantec/Certificates", traced / "common/Brelvantec/Certificates",
-                        std::filesystem::copy_options::recursive);
-  env["BV_PLATFORM_LOCAL_APPDATA"] = w.local();
   SignRequest request;
   request.signers = {{"CN=Dup", "", "4444"}, {"CN=Nobody", "uMy", "5555"}, {"CN=Alice", "", "9731"}};
-  const SignOutcome outcome = sign_through_export(env, request);
+  const SignOutcome outcome = sign_through_export(w.traced_env(traced), request);
   EXPECT_EQ(outcome.results, (std::vector<int32_t>{0, 22, 25}));
   EXPECT_EQ(outcome.rc, SSF_ERR_SIGNER);
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <sstream>
 
@@ -24,6 +25,14 @@ std::map<std::string, std::string> SigningWorld::env(const std::map<std::string,
       {"BV_PLATFORM_ASKPASS", ""},             {"BV_PLATFORM_SELECT", ""},
   };
   for (const auto& [name, value] : extra) all[name] = value;
+  return all;
+}
+
+std::map<std::string, std::string> SigningWorld::traced_env(const TempDir& traced, int level) const {
+  auto all = trace_env(traced, level);
+  std::filesystem::copy(common() + "/Brelvantec/Certificates", traced / "common/Brelvantec/Certificates",
+                        std::filesystem::copy_options::recursive);
+  all["BV_PLATFORM_LOCAL_APPDATA"] = local();
   return all;
 }
 

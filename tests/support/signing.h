@@ -43,6 +43,8 @@ struct SigningWorld {
   void apply_environment() const;
   // The folders and, on top, `extra` settings.
   std::map<std::string, std::string> env(const std::map<std::string, std::string>& extra = {}) const;
+  // The same stores under trace_env(traced, level), the common ones copied there.
+  std::map<std::string, std::string> traced_env(const TempDir& traced, int level = 4) const;
 
   static const SigningWorld& get();  // made once per test program
 };
