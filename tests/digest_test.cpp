@@ -15,19 +15,6 @@ namespace bv::test {
 
 namespace {
 
-std::string to_hex(const std::string& bytes) {
-  static const char digits[] = "0123456789abcdef";
-  std::string hex;
-  for (unsigned char c : bytes) hex += std::string{digits[c >> 4], digits[c & 15]};
-  return hex;
-}
-
-std::string from_hex(const std::string& hex) {
-  std::string bytes;
-  for (size_t i = 0; i + 1 < hex.size(); i += 2) bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-  return bytes;
-}
-
 struct Digest {
   SSF_RC rc = 0;
   std::string output;
@@ -80,7 +67,7 @@ TEST(DigestKnownAnswers, PublishedVectors) {
     std::string hash, digest_hex, rest, message;
     fields >> hash >> digest_hex;
     std::getline(fields >> std::ws, rest);
-    if (rest.rfind("hex:", 0) == 0) message = from_hex(rest.substr(4));
+    if (rest.rfind("hex:", 0) == 0) message = bytes_of_hex(rest.substr(4));
     if (rest.rfind("text:", 0) == 0) message = rest.substr(5);
     if (rest.rfind("repeat:", 0) == 0) {
       const size_t colon = rest.find(':', 7);
@@ -89,7 +76,7 @@ TEST(DigestKnownAnswers, PublishedVectors) {
     SCOPED_TRACE(hash + " of " + std::to_string(message.size()) + " bytes");
     const Digest d = ssf_digest("RAW_GOST", hash, message);
     ASSERT_EQ(d.rc, SSF_OK);
-    EXPECT_EQ(to_hex(d.output), digest_hex);
+    EXPECT_EQ(hex_of(d.output), digest_hex);
     ++vectors;
   }
   EXPECT_GE(vectors, 20);
@@ -123,10 +110,10 @@ TEST(DigestCrossCheck, OpensslAndTheSumTools) {
     SCOPED_TRACE(h.name);
     const Digest raw = ssf_digest("RAW_GOST", h.name, data);
     ASSERT_EQ(raw.rc, SSF_OK);
-    EXPECT_EQ(to_hex(raw.output), tool_hex(std::string("openssl dgst -engine gost -r -") + h.openssl_md + " " + content));
-    std::string sum = from_hex(tool_hex(std::string(h.sum_command) + " " + content));
+    EXPECT_EQ(hex_of(raw.output), tool_hex(std::string("openssl dgst -engine gost -r -") + h.openssl_md + " " + content));
+    std::string sum = bytes_of_hex(tool_hex(std::string(h.sum_command) + " " + content));
     if (h.sum_reversed) sum.assign(sum.rbegin(), sum.rend());
-    EXPECT_EQ(to_hex(raw.output), to_hex(sum));
+    EXPECT_EQ(hex_of(raw.output), hex_of(sum));
 
     const Digest attached = ssf_digest("PKCS7", h.name, data);
     const Digest detached = ssf_digest("CADES", h.name, data, true);

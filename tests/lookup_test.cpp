@@ -26,10 +26,7 @@ SignOutcome sign_one(const SignerSpec& signer, const std::map<std::string, std::
 // and key links, and the chain policy of the settings.
 TEST(Lookup, OneSignerAgainstTheStores) {
   const SigningWorld& w = SigningWorld::get();
-  std::string spaced_lower;
-  for (size_t i = 0; i < w.bob.sha1_hex.size(); i += 2)
-    spaced_lower += (i > 0 ? " " : "") + std::string{static_cast<char>(std::tolower(w.bob.sha1_hex[i])),
-                                                      static_cast<char>(std::tolower(w.bob.sha1_hex[i + 1]))};
+  const std::string spaced_lower = hex_of(bytes_of_hex(w.bob.sha1_hex), ' ');
   // The provider's way of asking when there is no terminal: a helper that
   // answers with Alice's PIN.
   TempDir helper_dir;
@@ -192,30 +189,6 @@ TEST(Lookup, SelectionThroughTheChooserProgram) {
       EXPECT_EQ(outcome.ids[0], c.id);
     }
   }
-}
-
-// At a terminal the user picks from the numbered list; the record then
-// holds the 59-byte hash text of the choice.
-TEST(Lookup, SelectionAtATerminal) {
-  const SigningWorld& w = SigningWorld::get();
-  SignRequest request;
-  request.signers = {{"$SELECT_CERTIFICATE$", "", "2222"}};
-  std::string screen;
-  const SignOutcome outcome = sign_at_terminal(
-      w.env(), request, "Number of the certificate",
-      [](const std::string& shown) {
-        // The number in front of Bob's entry: "  N) <subject with CN=Bob>".
-        const size_t bob = shown.find("Bob");
-        const size_t line = shown.rfind('\n', bob) + 1;
-        return std::to_string(std::atoi(shown.c_str() + line)) + "\r";
-      },
-      &screen);
-  ASSERT_EQ(outcome.results.size(), 1u) << screen;
-  EXPECT_EQ(outcome.results[0], 0) << screen;
-  EXPECT_EQ(outcome.ids[0].size(), 59u);
-  EXPECT_EQ(upper_hex(outcome.ids[0]), w.bob.sha1_hex);
-  EXPECT_EQ(screen.find("Lonely"), std::string::npos);  // its chain fails: not offered
-  EXPECT_EQ(screen.find("NoKey"), std::string::npos);   // no key link: not offered
 }
 
 // The trace of one call tells each signer's story in order, and no PIN

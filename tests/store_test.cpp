@@ -35,16 +35,10 @@ std::string hash_of(PCCERT_CONTEXT context) {
   return bv::platform::hex_text(hash, size, bv::platform::HexLetters::kUpper);
 }
 
-std::vector<BYTE> bytes_of(const std::string& hex) {
-  std::vector<BYTE> bytes;
-  for (size_t i = 0; i + 1 < hex.size(); i += 2) bytes.push_back(static_cast<BYTE>(std::stoi(hex.substr(i, 2), nullptr, 16)));
-  return bytes;
-}
-
 // The certificate with that hash in My; the store is closed again.
 PCCERT_CONTEXT in_my(const TestCert& cert) {
-  std::vector<BYTE> bytes = bytes_of(cert.sha1_hex);
-  CRYPT_HASH_BLOB blob{20, bytes.data()};
+  std::string bytes = bytes_of_hex(cert.sha1_hex);
+  CRYPT_HASH_BLOB blob{20, reinterpret_cast<BYTE*>(bytes.data())};
   HCERTSTORE store = open_my();
   PCCERT_CONTEXT found = CertFindCertificateInStore(store, kAnyEncoding, 0, CERT_FIND_SHA1_HASH, &blob, nullptr);
   CertCloseStore(store, 0);
@@ -93,15 +87,15 @@ TEST_F(StoreTest, CertificateRewrittenInPlaceIsSeenAtTheNextOpen) {
 TEST_F(StoreTest, FindByHashAndBySubjectCertificate) {
   HCERTSTORE store = open_my();
   ASSERT_NE(store, nullptr);
-  std::vector<BYTE> bytes = bytes_of(w.bob.sha1_hex);
-  CRYPT_HASH_BLOB blob{20, bytes.data()};
+  std::string bytes = bytes_of_hex(w.bob.sha1_hex);
+  CRYPT_HASH_BLOB blob{20, reinterpret_cast<BYTE*>(bytes.data())};
   PCCERT_CONTEXT found = CertFindCertificateInStore(store, kAnyEncoding, 0, CERT_FIND_SHA1_HASH, &blob, nullptr);
   ASSERT_NE(found, nullptr);
   EXPECT_EQ(hash_of(found), w.bob.sha1_hex);
   // Searching on frees the previous context; one match only.
   EXPECT_EQ(CertFindCertificateInStore(store, kAnyEncoding, 0, CERT_FIND_SHA1_HASH, &blob, found), nullptr);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(CRYPT_E_NOT_FOUND));
-  CRYPT_HASH_BLOB short_blob{19, bytes.data()};
+  CRYPT_HASH_BLOB short_blob{19, blob.pbData};
   EXPECT_EQ(CertFindCertificateInStore(store, kAnyEncoding, 0, CERT_FIND_SHA1_HASH, &short_blob, nullptr), nullptr);
 
   // By issuer and serial, as a message names its signer; the first in the
@@ -227,10 +221,8 @@ class BvstoreTest : public ::testing::Test {
   TempDir home_;
 };
 
-std::string lower(std::string hex) {
-  for (char& c : hex) c = static_cast<char>(std::tolower(c));
-  return hex;
-}
+// A hash in lower case, as stored files are named.
+std::string lower(const std::string& hex) { return hex_of(bytes_of_hex(hex)); }
 
 // Whether the key of the only certificate in the user's store `name` opens
 // with `pin`.

@@ -16,6 +16,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "kernel32/hex.h"
 #include "trace/output.h"
 #include "trace/table.h"
 #include "trace/trace.h"
@@ -256,6 +257,17 @@ void query_formats() {
   uint32_t length = 0;
   ASSERT_EQ(api.SsfQueryProperties("FORMATS", 7, nullptr, 0, &value, &length), SSF_OK);
   api.SsfDELSsfOctetstring(reinterpret_cast<unsigned char**>(&value), &length);
+}
+
+std::string hex_of(const std::string& bytes, char separator) {
+  return bv::platform::hex_text(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(),
+                                bv::platform::HexLetters::kLower, separator);
+}
+
+std::string bytes_of_hex(const std::string& hex) {
+  std::string bytes;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  return bytes;
 }
 
 std::string run_command(const std::string& command, int* status) {

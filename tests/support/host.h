@@ -131,6 +131,11 @@ class CoreTrace {
 void query_formats();
 inline bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
+// Bytes as lower-case hex text (`separator`, unless '\0', between the pairs),
+// and hex text (digit pairs, nothing else) as bytes.
+std::string hex_of(const std::string& bytes, char separator = '\0');
+std::string bytes_of_hex(const std::string& hex);
+
 // Runs a shell command and returns its standard output; exit code in *status.
 std::string run_command(const std::string& command, int* status = nullptr);
 // The same; a non-zero exit fails the calling test.

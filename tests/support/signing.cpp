@@ -124,8 +124,6 @@ const SigningWorld& SigningWorld::get() {
 
 namespace {
 
-std::string quoted(const std::string& text) { return "'" + text + "'"; }
-
 // The host's side of one SsfSign call, in the process that runs it; what
 // came back goes to two files for the test's process.
 void sign_here(const SignRequest& request, const std::string& outcome_path, const std::string& signed_path) {
@@ -205,35 +203,6 @@ SignOutcome sign_through_export(const std::map<std::string, std::string>& env, c
   SignOutcome outcome = read_outcome(exchange / "outcome", exchange / "signed");
   outcome.child_stderr = child.stderr_text;
   return outcome;
-}
-
-SignOutcome sign_at_terminal(const std::map<std::string, std::string>& env, const SignRequest& request,
-                             const std::string& prompt, const std::function<std::string(const std::string&)>& answer,
-                             std::string* screen) {
-  TempDir exchange;
-  const PtyRun run = run_on_pty({{prompt, "", answer}},
-                                [&] { sign_here(request, exchange / "outcome", exchange / "signed"); }, env);
-  EXPECT_EQ(run.exit_code, 0) << run.screen;
-  if (screen != nullptr) *screen = run.screen;
-  return read_outcome(exchange / "outcome", exchange / "signed");
-}
-
-int openssl_cms_verify(const std::string& message, const std::string& ca_file, const std::string& signer_certs,
-                       const std::string* content, std::string* out_content, std::string* diagnostics) {
-  TempDir dir;
-  write_file(dir / "message.der", message);
-  std::string command = "openssl cms -verify -engine gost -binary -inform DER -in " + quoted(dir / "message.der") +
-                        " -CAfile " + quoted(ca_file) + " -purpose any -out " + quoted(dir / "content.out");
-  if (!signer_certs.empty()) command += " -certfile " + quoted(signer_certs);
-  if (content != nullptr) {
-    write_file(dir / "content.in", *content);
-    command += " -content " + quoted(dir / "content.in");
-  }
-  int status = -1;
-  const std::string output = run_command(command + " 2>&1", &status);
-  if (diagnostics != nullptr) *diagnostics = output;
-  if (out_content != nullptr && status == 0) *out_content = read_file(dir / "content.out");
-  return status;
 }
 
 }  // namespace bv::test
