@@ -18,6 +18,37 @@ using namespace bv::test;
 
 constexpr DWORD kExcludeRoot = CERT_CHAIN_REVOCATION_CHECK_CHAIN_EXCLUDE_ROOT;
 
+// Both store locations at fresh folders for the life of a test.  A file
+// rewritten in place may keep its folder's time: the store cache is dropped
+// with every change.
+class StoreFolders {
+ public:
+  StoreFolders() {
+    setenv("BV_PLATFORM_LOCAL_APPDATA", (dir_ / "user").c_str(), 1);
+    setenv("BV_PLATFORM_COMMON_APPDATA", (dir_ / "machine").c_str(), 1);
+    setenv("BV_PLATFORM_URL_TIMEOUT_MS", "1500", 1);
+    setenv("no_proxy", "127.0.0.1,localhost", 1);
+    forget();
+  }
+  ~StoreFolders() { forget(); }
+  // `name` is "Root", "CA", "My"...; `machine` picks the location.
+  std::string store(const std::string& name, bool machine = false) const {
+    return dir_ / ((machine ? "machine" : "user") + std::string("/Brelvantec/Certificates/") + name);
+  }
+  template <typename Object>  // X509 or X509_CRL
+  void put(const std::string& name, const std::string& file, Object* object, bool machine = false) const {
+    write_file(store(name, machine) + "/" + file, der_of(object));
+    bv::platform::forget_cached_stores();
+  }
+
+ private:
+  static void forget() {
+    bv::platform::forget_cached_stores();
+    bv::platform::revocation::clear_cache();
+  }
+  TempDir dir_;
+};
+
 struct Chain {
   std::shared_ptr<const CERT_CHAIN_CONTEXT> context;
   DWORD status() const { return context->TrustStatus.dwErrorStatus; }

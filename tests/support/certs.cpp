@@ -11,8 +11,6 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "crypt32/revocation.h"
-#include "crypt32/store.h"
 
 namespace bv::test {
 namespace {
@@ -102,68 +100,6 @@ void HttpServer::serve() {
     [[maybe_unused]] const ssize_t ignored = write(client, answer.data(), answer.size());
     close(client);
   }
-}
-
-OcspResponder::OcspResponder(const std::string& folder, X509* ca, EVP_PKEY* ca_key, const std::vector<Entry>& entries)
-    : folder_(folder) {
-  write_file(folder + "/ca.pem", pem_of(ca));
-  write_file(folder + "/ca.key", pem_of(ca_key));
-  std::string index;
-  for (const Entry& entry : entries) {
-    UniquePtr<BIGNUM> serial(ASN1_INTEGER_to_BN(X509_get0_serialNumber(entry.cert), nullptr));
-    char* hex = BN_bn2hex(serial.get());
-    char* subject = X509_NAME_oneline(X509_get_subject_name(entry.cert), nullptr, 0);
-    index += std::string(entry.revoked ? "R" : "V") + "\t301231000000Z\t" +
-             (entry.revoked ? "200101000000Z,keyCompromise" : "") + "\t" + (std::strlen(hex) % 2 ? "0" : "") + hex +
-             "\tunknown\t" + subject + "\n";
-    OPENSSL_free(hex);
-    OPENSSL_free(subject);
-  }
-  write_file(folder + "/index.txt", index);
-  write_file(folder + "/openssl.cnf",
-             "openssl_conf = openssl_def\n[openssl_def]\nengines = engines\n[engines]\ngost = gost\n"
-             "[gost]\nengine_id = gost\ndefault_algorithms = ALL\n");
-  // One request at a time: the server answers its connections in turn.
-  server_.handle("/", [this](const std::string& request) {
-    write_file(folder_ + "/request.der", request);
-    std::remove((folder_ + "/response.der").c_str());
-    const std::string f = "'" + folder_ + "/";
-    run_command("OPENSSL_CONF=" + f + "openssl.cnf' openssl ocsp -index " + f + "index.txt' -CA " + f +
-                "ca.pem' -rsigner " + f + "ca.pem' -rkey " + f + "ca.key' -rmd md_gost12_256 -nmin 5 -reqin " + f +
-                "request.der' -respout " + f + "response.der' >> " + f + "ocsp.log' 2>&1");
-    return read_file(folder_ + "/response.der");
-  });
-}
-
-StoreFolders::StoreFolders() {
-  setenv("BV_PLATFORM_LOCAL_APPDATA", (dir_ / "user").c_str(), 1);
-  setenv("BV_PLATFORM_COMMON_APPDATA", (dir_ / "machine").c_str(), 1);
-  setenv("BV_PLATFORM_URL_TIMEOUT_MS", "1500", 1);
-  setenv("no_proxy", "127.0.0.1,localhost", 1);
-  bv::platform::forget_cached_stores();
-  bv::platform::revocation::clear_cache();
-}
-
-StoreFolders::~StoreFolders() {
-  bv::platform::forget_cached_stores();
-  bv::platform::revocation::clear_cache();
-}
-
-std::string StoreFolders::store(const std::string& name, bool machine) const {
-  return dir_ / ((machine ? "machine" : "user") + std::string("/Brelvantec/Certificates/") + name);
-}
-
-void StoreFolders::put(const std::string& name, const std::string& file, X509* cert, bool machine) const {
-  put_der(store(name, machine) + "/" + file, der_of(cert));
-}
-
-void StoreFolders::put(const std::string& name, const std::string& file, X509_CRL* crl, bool machine) const {
-  put_der(store(name, machine) + "/" + file, der_of(crl));
-}
-
-void StoreFolders::put_der(const std::string& path, const std::string& der) const {
-  write_file(path, der);
-  bv::platform::forget_cached_stores();
 }
 
 }  // namespace bv::test

@@ -1,6 +1,5 @@
-// Certificates from the shared factory (tools/pki), the store folders they
-// go to, and the revocation servers they name, all on 127.0.0.1: an HTTP
-// server run inside the test, which also answers OCSP through `openssl ocsp`.
+// Certificates from the shared factory (tools/pki) and the revocation
+// servers they name: an HTTP server on 127.0.0.1 run inside the test.
 #pragma once
 
 #include <atomic>
@@ -49,41 +48,6 @@ class HttpServer {
   std::mutex mutex_;
   std::map<std::string, Handler> handlers_;
   std::thread thread_;
-};
-
-// An OCSP responder for one CA, from an index in `openssl ca` form: each
-// request is answered by `openssl ocsp` on files, behind an HttpServer.
-class OcspResponder {
- public:
-  struct Entry {
-    X509* cert;
-    bool revoked;
-  };
-  OcspResponder(const std::string& folder, X509* ca, EVP_PKEY* ca_key, const std::vector<Entry>& entries);
-
-  std::string url() const { return server_.url("/"); }
-  void stop() { server_.stop(); }
-
- private:
-  std::string folder_;
-  HttpServer server_;
-};
-
-// Points both store locations at fresh folders for the life of a test.
-class StoreFolders {
- public:
-  StoreFolders();
-  ~StoreFolders();
-  // `store` is "Root", "CA", "My"...; `machine` picks the location.
-  std::string store(const std::string& name, bool machine = false) const;
-  // A file rewritten in place may keep its folder's time: the store cache
-  // is dropped with every change.
-  void put(const std::string& name, const std::string& file, X509* cert, bool machine = false) const;
-  void put(const std::string& name, const std::string& file, X509_CRL* crl, bool machine = false) const;
-
- private:
-  void put_der(const std::string& path, const std::string& der) const;
-  TempDir dir_;
 };
 
 }  // namespace bv::test

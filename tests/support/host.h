@@ -60,12 +60,9 @@ struct ChildResult {
 ChildResult run_isolated(const std::map<std::string, std::string>& env, const std::function<void()>& fn);
 
 // One exchange at a terminal: once the screen shows `expect` (after what
-// the last answer brought), type `send`, or what `answer` makes of the
-// screen so far.
+// the last answer brought), type `send`.
 struct Exchange {
-  std::string expect;
-  std::string send;
-  std::function<std::string(const std::string& screen)> answer = nullptr;
+  std::string expect, send;
 };
 
 struct PtyRun {
@@ -75,8 +72,7 @@ struct PtyRun {
 
 // Runs `fn` as run_isolated does, in a child whose controlling terminal is
 // a new pseudo-terminal, plays `script` on it and returns the screen.
-PtyRun run_on_pty(const std::vector<Exchange>& script, const std::function<void()>& fn,
-                  const std::map<std::string, std::string>& env = {});
+PtyRun run_on_pty(const std::vector<Exchange>& script, const std::function<void()>& fn);
 
 // The environment for run_isolated under which the library traces: a common
 // folder <dir>/common whose Brelvantec/registry.reg sets libbvsapssf.so to
