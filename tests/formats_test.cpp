@@ -9,6 +9,7 @@
 
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <sstream>
 #include <string>
@@ -125,53 +126,6 @@ TEST(EncodeDecode, CopyUnderEveryAcceptedFormat) {
       }
     }
   });
-}
-
-TEST(EncodeDecode, OnlyEncodeAllowsANullLengthPointer) {
-  std::string log;
-  run_traced(
-      [] {
-        const SsfApi& api = SsfApi::get();
-        const unsigned char input[] = {1, 2, 3};
-        unsigned char* output = nullptr;
-        ASSERT_EQ(api.SsfEncode("PKCS7", 5, input, 3, &output, nullptr), SSF_OK);
-        ASSERT_NE(output, nullptr);
-        EXPECT_EQ(std::memcmp(output, input, 3), 0);
-        std::free(output);
-
-        output = nullptr;
-        EXPECT_EQ(api.SsfDecode("PKCS7", 5, input, 3, &output, nullptr), SSF_ERR_INPUT);
-        EXPECT_EQ(output, nullptr);
-      },
-      &log);
-  const auto lines = log_messages(log);
-  ASSERT_GE(lines.size(), 3u) << log;
-  EXPECT_EQ(std::vector<std::string>(lines.end() - 3, lines.end()),
-            (std::vector<std::string>{kStart, "#error#: null length pointer\n", kFailure}));
-}
-
-TEST(EncodeDecode, RefusalsNameTheirCause) {
-  CoreTrace trace;
-  const unsigned char input[] = {7};
-  unsigned char* output = nullptr;
-  uint32_t length = 0;
-  const struct {
-    Convert convert;
-    const char* format;
-    int32_t format_length;
-    int32_t input_length;
-    const char* cause;
-  } cases[] = {
-      {SsfDecode, "PKCS7", 5, 0, "#error#: ostrEncodedDataL <= 0\n"},
-      {SsfEncode, "PKCS7", 5, 0, "#error#: ostrInputDataL <= 0\n"},
-      {SsfEncode, "BAD", 3, 1, "#warn# Unknown format name ('BAD').\n"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.cause);
-    trace.clear();
-    EXPECT_NE(c.convert(c.format, c.format_length, input, c.input_length, &output, &length), SSF_OK);
-    EXPECT_EQ(trace.messages(), (std::vector<std::string>{kStart, c.cause, kFailure}));
-  }
 }
 
 std::vector<BYTE> bytes_of(const std::string& hex_text, DWORD initial_count, DWORD* count_out) {
@@ -459,44 +413,56 @@ TEST(DigestFailures, ProviderThatCannotBeAcquired) {
   }
 }
 
-// The lines of each path, from the core linked into this program.
-TEST(DigestTrace, LinesOfSuccessAndFailurePaths) {
+// The lines of each path, from the core linked into this program.  Only
+// SsfEncode takes a null length pointer.
+TEST(OperationTrace, LinesOfSuccessAndFailurePaths) {
   using Lines = std::vector<std::string>;
-  const std::string start = "****************#start#****************\n";
-  const std::string failure = "!!!!!!!!!!!!!!!!#error#!!!!!!!!!!!!!!!!\n";
   const std::string success = "++++++++++++++++#success#++++++++++++++++\n";
+  const std::string raw_warning = "#warn# Unknown format name ('RAW_GOST').\n";
+  const unsigned char input[] = {7};
+  unsigned char* output = nullptr;
+  uint32_t length = 0;
+  const auto convert = [&](Convert operation, const char* format, int32_t input_length, uint32_t* out_length) {
+    return [=, &input, &output] {
+      return operation(format, static_cast<int32_t>(std::strlen(format)), input, input_length, &output, out_length);
+    };
+  };
+  const auto digest = [&](const char* format, const char* hash) {
+    return [=, &input, &output, &length] {
+      return SsfDigest(format, static_cast<int32_t>(std::strlen(format)), 0, input, 1, hash,
+                       static_cast<int32_t>(std::strlen(hash)), &output, &length);
+    };
+  };
   const struct {
-    const char* format;
-    const char* hash;
+    std::function<SSF_RC()> call;
     SSF_RC rc;
     Lines lines;
   } cases[] = {
-      {"RAW_GOST", "SHA1", SSF_OK,
-       {start, "#warn# Unknown format name ('RAW_GOST').\n", "#trace# Using hash alg = 1.3.14.3.2.26.\n", success}},
-      {"PKCS7", "GOST2012-256", SSF_OK, {start, "#trace# Using hash alg = 1.2.643.7.1.1.2.2.\n", success}},
+      {convert(SsfDecode, "PKCS7", 0, &length), SSF_ERR_INPUT, {kStart, "#error#: ostrEncodedDataL <= 0\n", kFailure}},
+      {convert(SsfEncode, "PKCS7", 0, &length), SSF_ERR_INPUT, {kStart, "#error#: ostrInputDataL <= 0\n", kFailure}},
+      {convert(SsfEncode, "BAD", 1, &length), SSF_ERR_FORMAT, {kStart, "#warn# Unknown format name ('BAD').\n", kFailure}},
+      {convert(SsfDecode, "PKCS7", 1, nullptr), SSF_ERR_INPUT, {kStart, "#error#: null length pointer\n", kFailure}},
+      {convert(SsfEncode, "PKCS7", 1, nullptr), SSF_OK, {kStart, success}},
+      {digest("RAW_GOST", "SHA1"), SSF_OK, {kStart, raw_warning, "#trace# Using hash alg = 1.3.14.3.2.26.\n", success}},
+      {digest("PKCS7", "GOST2012-256"), SSF_OK, {kStart, "#trace# Using hash alg = 1.2.643.7.1.1.2.2.\n", success}},
       // The one failure without a banner.
-      {"CADES", "SHA256", SSF_ERR_HASHALG, {start, "#error#: Invalid HashAlg name\n"}},
-      {"RAW_GOST", "MD2", SSF_ERR_ENCODE,
-       {start, "#warn# Unknown format name ('RAW_GOST').\n", "#trace# Using hash alg = 1.2.840.113549.2.2.\n",
-        "#error# CryptCreateHash for algid = 32769  FAILED.\n", "#error#: 80090008\n",
-        "Invalid algorithm specified.\r\n", failure}},
-      {"PKCS7", "MD2", SSF_ERR_ENCODE,
-       {start, "#trace# Using hash alg = 1.2.840.113549.2.2.\n", "#error#: 80090008\n",
-        "Invalid algorithm specified.\r\n", failure}},
-      {"XML", "SHA1", SSF_ERR_FORMAT, {start, "#warn# Unknown format name ('XML').\n", failure}},
+      {digest("CADES", "SHA256"), SSF_ERR_HASHALG, {kStart, "#error#: Invalid HashAlg name\n"}},
+      {digest("RAW_GOST", "MD2"), SSF_ERR_ENCODE,
+       {kStart, raw_warning, "#trace# Using hash alg = 1.2.840.113549.2.2.\n",
+        "#error# CryptCreateHash for algid = 32769  FAILED.\n", "#error#: 80090008\n", "Invalid algorithm specified.\r\n",
+        kFailure}},
+      {digest("PKCS7", "MD2"), SSF_ERR_ENCODE,
+       {kStart, "#trace# Using hash alg = 1.2.840.113549.2.2.\n", "#error#: 80090008\n",
+        "Invalid algorithm specified.\r\n", kFailure}},
+      {digest("XML", "SHA1"), SSF_ERR_FORMAT, {kStart, "#warn# Unknown format name ('XML').\n", kFailure}},
   };
   CoreTrace trace;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.format) + " " + c.hash);
+  for (size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE(i);
     trace.clear();
-    unsigned char* out = nullptr;
-    uint32_t length = 0;
-    const SSF_RC rc =
-        SsfDigest(c.format, static_cast<int32_t>(std::strlen(c.format)), 0, reinterpret_cast<const unsigned char*>("x"),
-                  1, c.hash, static_cast<int32_t>(std::strlen(c.hash)), &out, &length);
-    EXPECT_EQ(rc, c.rc);
-    EXPECT_EQ(trace.messages(), c.lines) << trace.dump();
-    if (rc == SSF_OK) SsfDELSsfOctetstring(&out, &length);
+    EXPECT_EQ(cases[i].call(), cases[i].rc);
+    EXPECT_EQ(trace.messages(), cases[i].lines) << trace.dump();
+    if (cases[i].rc == SSF_OK) SsfDELSsfOctetstring(&output, &length);
   }
 }
 
