@@ -142,9 +142,6 @@ TEST(TraceErrno, FailedFormattingRaisesAndKeepsTheLastError) {
   EXPECT_EQ(GetLastError(), 1234u);
 }
 
-}  // namespace
-
-namespace {
 
 using Env = std::map<std::string, std::string>;
 using Lines = std::vector<std::string>;
@@ -523,8 +520,6 @@ TEST(Bvtrace, WaitsForAProcessToAnnounceItself) {
 }
 
 namespace {
-
-using Env = std::map<std::string, std::string>;
 
 std::string ini(const std::string& body) { return "[bvsapssf]\n" + body; }
 
