@@ -27,6 +27,29 @@
 namespace bv::test {
 namespace {
 
+// Hands `pin` to the certificate's key link as the signer search does: one
+// PP_KEYEXCHANGE_PIN parameter, in a property that is not persisted.
+void give_pin(PCCERT_CONTEXT context, const char* pin) {
+  DWORD size = 0;
+  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size));
+  std::vector<BYTE> buffer(size);
+  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, buffer.data(), &size));
+  std::string copy = pin;
+  CRYPT_KEY_PROV_PARAM param{PP_KEYEXCHANGE_PIN, reinterpret_cast<BYTE*>(copy.data()), static_cast<DWORD>(copy.size() + 1), 0};
+  auto* info = reinterpret_cast<CRYPT_KEY_PROV_INFO*>(buffer.data());
+  info->cProvParam = 1;
+  info->rgProvParam = &param;
+  ASSERT_TRUE(CertSetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID,
+                                                CERT_SET_PROPERTY_INHIBIT_PERSIST_FLAG, info));
+}
+
+// Whether the provider's key opened (parameter 109).
+bool key_opened(HCRYPTPROV provider) {
+  BYTE value[8];
+  DWORD size = sizeof value;
+  return CryptGetProvParam(provider, PP_KEY_OPENED, value, &size, 0) != 0;
+}
+
 constexpr DWORD kExplicitPin = CRYPT_ACQUIRE_CACHE_FLAG | CRYPT_ACQUIRE_COMPARE_KEY_FLAG | CRYPT_ACQUIRE_SILENT_FLAG;
 constexpr DWORD kAnyEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 

@@ -11,8 +11,6 @@
 #include <memory>
 #include <sstream>
 
-#include "advapi32/keys.h"
-#include "advapi32/provider.h"
 #include "crypt32/store.h"
 
 namespace bv::test {
@@ -40,27 +38,6 @@ void SigningWorld::apply_environment() const {
   setenv("BV_PLATFORM_LOCAL_APPDATA", local().c_str(), 1);
   setenv("BV_PLATFORM_COMMON_APPDATA", common().c_str(), 1);
   bv::platform::forget_cached_stores();
-}
-
-void give_pin(PCCERT_CONTEXT context, const char* pin) {
-  DWORD size = 0;
-  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size));
-  std::vector<BYTE> buffer(size);
-  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, buffer.data(), &size));
-  std::string copy = pin != nullptr ? pin : "";
-  CRYPT_KEY_PROV_PARAM param{PP_KEYEXCHANGE_PIN, pin != nullptr ? reinterpret_cast<BYTE*>(copy.data()) : nullptr,
-                             pin != nullptr ? static_cast<DWORD>(copy.size() + 1) : 0, 0};
-  auto* info = reinterpret_cast<CRYPT_KEY_PROV_INFO*>(buffer.data());
-  info->cProvParam = 1;
-  info->rgProvParam = &param;
-  ASSERT_TRUE(CertSetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID,
-                                                CERT_SET_PROPERTY_INHIBIT_PERSIST_FLAG, info));
-}
-
-bool key_opened(HCRYPTPROV provider) {
-  BYTE value[8];
-  DWORD size = sizeof value;
-  return CryptGetProvParam(provider, PP_KEY_OPENED, value, &size, 0) != 0;
 }
 
 const SigningWorld& SigningWorld::get() {

@@ -49,11 +49,6 @@ struct SigningWorld {
   static const SigningWorld& get();  // made once per test program
 };
 
-// Hands `pin` to the certificate's key link as the signer search does: one
-// PP_KEYEXCHANGE_PIN parameter, in a property that is not persisted.
-void give_pin(PCCERT_CONTEXT context, const char* pin);
-// Whether the provider's key opened (parameter 109).
-bool key_opened(HCRYPTPROV provider);
 
 struct SignerSpec {
   std::string id, profile, pin;
