@@ -1,7 +1,10 @@
 // SsfSign ("PKCS7", GOST 2012-256) against OpenSSL's own CMS_sign with the
-// same key and certificate, and the cost of finding the signer by hash and
-// by DN in a store of 1,000 certificates.
+// same key and certificate, the cost of finding the signer by hash and by DN
+// in a store of 1,000 certificates, and "CADES" against "PKCS7" with our
+// time stamp server (bvtsa) on loopback.
 #include <benchmark/benchmark.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -32,7 +35,7 @@ UniquePtr<EVP_PKEY> make_key() {
 }
 
 UniquePtr<X509> make_certificate(const std::string& common_name, long serial, EVP_PKEY* key, X509* issuer,
-                                 EVP_PKEY* issuer_key) {
+                                 EVP_PKEY* issuer_key, const char* extended_usage = nullptr) {
   UniquePtr<X509> cert(X509_new());
   X509_set_version(cert.get(), 2);
   ASN1_INTEGER_set(X509_get_serialNumber(cert.get()), serial);
@@ -50,6 +53,11 @@ UniquePtr<X509> make_certificate(const std::string& common_name, long serial, EV
   X509_EXTENSION* extension = X509V3_EXT_conf_nid(nullptr, &v3, NID_basic_constraints, constraints);
   X509_add_ext(cert.get(), extension, -1);
   X509_EXTENSION_free(extension);
+  if (extended_usage != nullptr) {
+    extension = X509V3_EXT_conf_nid(nullptr, &v3, NID_ext_key_usage, extended_usage);
+    X509_add_ext(cert.get(), extension, -1);
+    X509_EXTENSION_free(extension);
+  }
   if (X509_sign(cert.get(), issuer_key, bv::ossl::digest_by_nid(NID_id_GostR3411_2012_256)) <= 0) std::abort();
   return cert;
 }
@@ -132,6 +140,14 @@ struct World {
     }
     write_der(stores + "Large/z-signer.cer", signer.get());
     write_key(stores + "Large/z-signer.key", signer_key.get());
+
+    // A time stamp authority under the same root, for bvtsa.
+    UniquePtr<EVP_PKEY> tsa_key = make_key();
+    UniquePtr<X509> tsa =
+        make_certificate("Bench TSA", 3, tsa_key.get(), root.get(), root_key.get(), "critical,timeStamping");
+    UniquePtr<BIO> tsa_out(BIO_new_file((folder + "/tsa.pem").c_str(), "wb"));
+    PEM_write_bio_X509(tsa_out.get(), tsa.get());
+    write_key(folder + "/tsa.key", tsa_key.get(), false);
   }
   ~World() { std::filesystem::remove_all(folder); }
 
@@ -141,7 +157,45 @@ struct World {
   }
 };
 
-void sign_through_library(benchmark::State& state, const char* store, const std::string& id) {
+// bvtsa on a free loopback port for as long as the benchmarks run; the
+// CAdES layer's default service points at it.
+struct TimeStampService {
+  pid_t pid = -1;
+  TimeStampService() {
+    const std::string folder = World::get().folder;
+    int out[2];
+    if (pipe(out) != 0) std::abort();
+    pid = fork();
+    if (pid == 0) {
+      dup2(out[1], 1);
+      close(out[0]);
+      execl(BV_BENCH_TOOLS_DIR "/bvtsa", "bvtsa", "--listen", "127.0.0.1:0", "--cert", (folder + "/tsa.pem").c_str(),
+            "--key", (folder + "/tsa.key").c_str(), "--serial-file", (folder + "/tsa.serial").c_str(), "--log",
+            "/dev/null", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(out[1]);
+    char line[128] = {};
+    FILE* listening = fdopen(out[0], "r");
+    if (listening == nullptr || std::fgets(line, sizeof line, listening) == nullptr) std::abort();
+    std::fclose(listening);
+    const char* address = std::strstr(line, "127.0.0.1:");
+    if (address == nullptr) std::abort();
+    std::string url = "http://" + std::string(address, std::strcspn(address, "\r\n")) + "/";
+    setenv("BV_CADES_DEFAULT_TSP", url.c_str(), 1);
+  }
+  ~TimeStampService() {
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
+  }
+  static TimeStampService& get() {
+    static TimeStampService service;
+    return service;
+  }
+};
+
+void sign_through_library(benchmark::State& state, const char* store, const std::string& id,
+                          const char* format = "PKCS7") {
   World& world = World::get();
   const std::string data(static_cast<size_t>(state.range(0)), 'x');
   SsfInfo info{};
@@ -156,7 +210,7 @@ void sign_through_library(benchmark::State& state, const char* store, const std:
   for (auto _ : state) {
     unsigned char* out = nullptr;
     uint32_t out_length = 0;
-    const SSF_RC rc = SsfSign("PKCS7", 5, nullptr, 0, 0, 0, reinterpret_cast<const unsigned char*>(data.data()),
+    const SSF_RC rc = SsfSign(format, static_cast<int32_t>(std::strlen(format)), nullptr, 0, 0, 0, reinterpret_cast<const unsigned char*>(data.data()),
                               static_cast<int32_t>(data.size()), &node, &out, &out_length);
     if (rc != SSF_OK) {
       state.SkipWithError("SsfSign failed");
@@ -197,10 +251,16 @@ void BM_SsfSign_LargeStore_ByDN(benchmark::State& state) {
   sign_through_library(state, "Large", "CN=Bench Signer, O=Bench");
 }
 
+void BM_SsfSign_Cades_PlainKey(benchmark::State& state) {
+  TimeStampService::get();
+  sign_through_library(state, "Plain", World::get().signer_hash, "CADES");
+}
+
 BENCHMARK(BM_OpenSSL_CMS_sign)->Arg(1024)->Arg(1 << 20)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_SsfSign_SmallStore_ByHash)->Arg(1024)->Arg(1 << 20)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_SsfSign_SmallStore_PlainKey)->Arg(1024)->Arg(1 << 20)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_SsfSign_LargeStore_ByHash)->Arg(1024)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_SsfSign_LargeStore_ByDN)->Arg(1024)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_SsfSign_Cades_PlainKey)->Arg(1024)->Unit(benchmark::kMicrosecond);
 
 }  // namespace

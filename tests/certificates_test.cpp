@@ -23,6 +23,7 @@
 #include "host.h"
 #include "kernel32/hex.h"
 #include "signing.h"
+#include "tsa_server.h"
 
 namespace bv::test {
 namespace {
@@ -380,6 +381,18 @@ TEST(BvstoreDemo, OpensslAcceptsTheChainsAndTheCrl) {
         run_command("openssl verify -engine gost -crl_check_all" + chain + pem(my + file + ".cer") + " 2>&1");
     EXPECT_TRUE(contains(out, verdict)) << out;
   }
+  // The services chain for their own purposes only, and bvtsa starts on the
+  // time stamp authority's files.
+  const std::string services = dir / "services/";
+  for (const auto& [file, verdict] : {std::pair{"tsa", ": OK"}, {"ocsp", "unsuitable certificate purpose"}}) {
+    const std::string out = run_command("openssl verify -engine gost -purpose timestampsign -CAfile " + services +
+                                        "root.pem -untrusted " + services + "chain.pem " + services + file + ".pem 2>&1");
+    EXPECT_TRUE(contains(out, verdict)) << out;
+  }
+  TsaServer tsa("--cert " + services + "tsa.pem --key " + services + "tsa.key --pin 12121212 --chain " + services +
+                    "chain.pem",
+                dir / "tsa.log");
+  EXPECT_EQ(tsa.stop(), 0);
   // The manifest names each certificate with its hash and PIN.
   const std::string hash = run_command(BV_TOOLS_DIR "/bvstore hash " + my + "20-signer-2012-256.cer");
   EXPECT_TRUE(contains(read_file(dir / "demo.txt"), "\t" + hash.substr(0, 40) + "\t22222222\tgost2012_256\n"));

@@ -316,50 +316,6 @@ namespace revocation = bv::platform::revocation;
 using revocation::Source;
 using revocation::Verdict;
 
-// An OCSP responder for one CA, from an index in `openssl ca` form: each
-// request is answered by `openssl ocsp` on files in `folder`, behind an
-// HttpServer (one request at a time: it answers its connections in turn).
-class OcspResponder {
- public:
-  struct Entry {
-    X509* cert;
-    bool revoked;
-  };
-  OcspResponder(const std::string& folder, X509* ca, EVP_PKEY* ca_key, const std::vector<Entry>& entries) {
-    write_file(folder + "/ca.pem", pem_of(ca));
-    write_file(folder + "/ca.key", pem_of(ca_key));
-    std::string index;
-    for (const Entry& entry : entries) {
-      UniquePtr<BIGNUM> serial(ASN1_INTEGER_to_BN(X509_get0_serialNumber(entry.cert), nullptr));
-      char* hex = BN_bn2hex(serial.get());
-      char* subject = X509_NAME_oneline(X509_get_subject_name(entry.cert), nullptr, 0);
-      index += std::string(entry.revoked ? "R" : "V") + "\t301231000000Z\t" +
-               (entry.revoked ? "200101000000Z,keyCompromise" : "") + "\t" + (std::strlen(hex) % 2 ? "0" : "") + hex +
-               "\tunknown\t" + subject + "\n";
-      OPENSSL_free(hex);
-      OPENSSL_free(subject);
-    }
-    write_file(folder + "/index.txt", index);
-    write_file(folder + "/openssl.cnf",
-               "openssl_conf = openssl_def\n[openssl_def]\nengines = engines\n[engines]\ngost = gost\n"
-               "[gost]\nengine_id = gost\ndefault_algorithms = ALL\n");
-    server_.handle("/", [folder](const std::string& request) {
-      write_file(folder + "/request.der", request);
-      std::remove((folder + "/response.der").c_str());
-      const std::string f = "'" + folder + "/";
-      run_command("OPENSSL_CONF=" + f + "openssl.cnf' openssl ocsp -index " + f + "index.txt' -CA " + f +
-                  "ca.pem' -rsigner " + f + "ca.pem' -rkey " + f + "ca.key' -rmd md_gost12_256 -nmin 5 -reqin " + f +
-                  "request.der' -respout " + f + "response.der' >> " + f + "ocsp.log' 2>&1");
-      return read_file(folder + "/response.der");
-    });
-  }
-  std::string url() const { return server_.url("/"); }
-  void stop() { server_.stop(); }
-
- private:
-  HttpServer server_;
-};
-
 class Revocation : public ::testing::Test {
  protected:
   void SetUp() override {

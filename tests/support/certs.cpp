@@ -102,4 +102,46 @@ void HttpServer::serve() {
   }
 }
 
+OcspResponder::OcspResponder(const std::string& folder, X509* ca, EVP_PKEY* ca_key, const std::vector<Entry>& entries)
+    : folder_(folder) {
+  write_file(folder + "/ca.pem", pem_of(ca));
+  write_file(folder + "/ca.key", pem_of(ca_key));
+  std::string index;
+  for (const Entry& entry : entries) {
+    UniquePtr<BIGNUM> serial(ASN1_INTEGER_to_BN(X509_get0_serialNumber(entry.cert), nullptr));
+    char* hex = BN_bn2hex(serial.get());
+    char* subject = X509_NAME_oneline(X509_get_subject_name(entry.cert), nullptr, 0);
+    index += std::string(entry.revoked ? "R" : "V") + "\t301231000000Z\t" +
+             (entry.revoked ? "200101000000Z,keyCompromise" : "") + "\t" + (std::strlen(hex) % 2 ? "0" : "") + hex +
+             "\tunknown\t" + subject + "\n";
+    OPENSSL_free(hex);
+    OPENSSL_free(subject);
+  }
+  write_file(folder + "/index.txt", index);
+  write_file(folder + "/openssl.cnf", kGostEngineConfig);
+  // One request at a time: the server answers its connections in turn.
+  server_.handle("/", [this](const std::string& request) {
+    write_file(folder_ + "/request.der", request);
+    std::remove((folder_ + "/response.der").c_str());
+    const std::string f = "'" + folder_ + "/";
+    run_command("OPENSSL_CONF=" + f + "openssl.cnf' openssl ocsp -index " + f + "index.txt' -CA " + f +
+                "ca.pem' -rsigner " + f + "ca.pem' -rkey " + f + "ca.key' -rmd md_gost12_256 -nmin 5 -reqin " + f +
+                "request.der' -respout " + f + "response.der' >> " + f + "ocsp.log' 2>&1");
+    return read_file(folder_ + "/response.der");
+  });
+}
+
+TimeStampServer::TimeStampServer(const std::string& folder, const std::string& cert_pem, const std::string& key_pem)
+    : folder_(folder),
+      server_("--cert '" + cert_pem + "' --key '" + key_pem + "' --serial-file '" + folder + "/serial' --log '" + folder +
+                  "/tsa.log'",
+              folder + "/tsa.err") {}
+
+int TimeStampServer::requests() const {
+  const std::string log = read_file(folder_ + "/tsa.log");
+  int count = 0;
+  for (size_t at = log.find(" 127.0.0.1:"); at != std::string::npos; at = log.find(" 127.0.0.1:", at + 1)) ++count;
+  return count;
+}
+
 }  // namespace bv::test

@@ -1,5 +1,6 @@
-// Certificates from the shared factory (tools/pki) and the revocation
-// servers they name: an HTTP server on 127.0.0.1 run inside the test.
+// Certificates from the shared factory (tools/pki) and the servers they
+// name, all on 127.0.0.1: an HTTP server run inside the test, which also
+// answers OCSP through `openssl ocsp`, and our time stamp server.
 #pragma once
 
 #include <atomic>
@@ -12,10 +13,16 @@
 
 #include "certificate_factory.h"
 #include "host.h"
+#include "tsa_server.h"
 
 namespace bv::test {
 
 using namespace bv::pki;
+
+// An openssl.cnf that loads the GOST engine for every command line tool.
+constexpr const char* kGostEngineConfig =
+    "openssl_conf = openssl_def\n[openssl_def]\nengines = engines\n[engines]\ngost = gost\n"
+    "[gost]\nengine_id = gost\ndefault_algorithms = ALL\n";
 
 // A port on 127.0.0.1 that nothing listens on at the moment.
 int free_port();
@@ -48,6 +55,38 @@ class HttpServer {
   std::mutex mutex_;
   std::map<std::string, Handler> handlers_;
   std::thread thread_;
+};
+
+// An OCSP responder for one CA, from an index in `openssl ca` form: each
+// request is answered by `openssl ocsp` on files, behind an HttpServer.
+class OcspResponder {
+ public:
+  struct Entry {
+    X509* cert;
+    bool revoked;
+  };
+  OcspResponder(const std::string& folder, X509* ca, EVP_PKEY* ca_key, const std::vector<Entry>& entries);
+
+  std::string url() const { return server_.url("/"); }
+  void stop() { server_.stop(); }
+
+ private:
+  std::string folder_;
+  HttpServer server_;
+};
+
+// Our time stamp server (bvtsa) for one authority, counting the requests it
+// answered from its log.
+class TimeStampServer {
+ public:
+  TimeStampServer(const std::string& folder, const std::string& cert_pem, const std::string& key_pem);
+
+  std::string url() const { return server_.url(); }
+  int requests() const;
+
+ private:
+  std::string folder_;
+  TsaServer server_;
 };
 
 }  // namespace bv::test

@@ -66,6 +66,15 @@ const SigningWorld& SigningWorld::get() {
     make(w->nokey, "NoKey", "", "gost2012_256");
     make(w->dave, "Dave", "", "gost2012_256");
     make(w->erin, "Erin", "", "gost2012_256");
+    {
+      CertificateRequest request{.subject = {{"CN", "Test TSA"}, {"C", "RU"}}, .serial = serial++,
+                                 .service = CertificateRequest::Service::kTimeStamping};
+      w->tsa.key = generate_key("gost2012_256");
+      w->tsa.cert = issue_certificate(request, w->tsa.key.get(), w->root.cert.get(), w->root.key.get());
+      w->tsa.cert_pem = w->dir / "pki/tsa.pem";
+      write_file(w->tsa.cert_pem, pem_of(w->tsa.cert.get()));
+      write_file(w->dir / "pki/tsa.key", pem_of(w->tsa.key.get()));
+    }
 
     // <stem>.cer with its key link <stem>.key beside it, the key under `pin`.
     const auto install = [](const TestCert& c, const std::string& appdata, const std::string& store,
@@ -100,6 +109,8 @@ const SigningWorld& SigningWorld::get() {
 }
 
 namespace {
+
+std::string quoted(const std::string& text) { return "'" + text + "'"; }
 
 // The host's side of one SsfSign call, in the process that runs it; what
 // came back goes to two files for the test's process.
@@ -180,6 +191,24 @@ SignOutcome sign_through_export(const std::map<std::string, std::string>& env, c
   SignOutcome outcome = read_outcome(exchange / "outcome", exchange / "signed");
   outcome.child_stderr = child.stderr_text;
   return outcome;
+}
+
+int openssl_cms_verify(const std::string& message, const std::string& ca_file, const std::string& signer_certs,
+                       const std::string* content, std::string* out_content, std::string* diagnostics) {
+  TempDir dir;
+  write_file(dir / "message.der", message);
+  std::string command = "openssl cms -verify -engine gost -binary -inform DER -in " + quoted(dir / "message.der") +
+                        " -CAfile " + quoted(ca_file) + " -purpose any -out " + quoted(dir / "content.out");
+  if (!signer_certs.empty()) command += " -certfile " + quoted(signer_certs);
+  if (content != nullptr) {
+    write_file(dir / "content.in", *content);
+    command += " -content " + quoted(dir / "content.in");
+  }
+  int status = -1;
+  const std::string output = run_command(command + " 2>&1", &status);
+  if (diagnostics != nullptr) *diagnostics = output;
+  if (out_content != nullptr && status == 0) *out_content = read_file(dir / "content.out");
+  return status;
 }
 
 }  // namespace bv::test

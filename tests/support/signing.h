@@ -33,6 +33,7 @@ struct SigningWorld {
   TestCert nokey;   // no key link
   TestCert dave;    // 2012-256, PIN 6666, local machine My
   TestCert erin;    // 2012-256, PIN 7777, local machine "y"
+  TestCert tsa;     // 2012-256 time stamping authority (critical usage), key unencrypted in the PKI folder
   std::string signers_pem;  // every leaf, for messages without certificates
 
   std::string local() const { return dir / "local"; }
@@ -78,6 +79,13 @@ struct SignOutcome {
 
 // Loads the library in a child process with `env` and runs SsfSign there.
 SignOutcome sign_through_export(const std::map<std::string, std::string>& env, const SignRequest& request);
+
+// `openssl cms -verify` of a DER message against `ca_file`; `signer_certs`
+// (PEM, may be empty) for messages without certificates, `content` for
+// detached ones.  Returns the exit status; the content that came out is
+// put in *out_content.
+int openssl_cms_verify(const std::string& message, const std::string& ca_file, const std::string& signer_certs,
+                       const std::string* content, std::string* out_content, std::string* diagnostics);
 
 
 

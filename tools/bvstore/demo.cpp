@@ -2,12 +2,15 @@
 // as the two application data folders:
 //   DIR/local   stands for folder 28 (BV_PLATFORM_LOCAL_APPDATA)
 //   DIR/common  stands for folder 35 (BV_PLATFORM_COMMON_APPDATA)
+//   DIR/services the time stamp authority's and the OCSP responder's
+//                certificates and keys, PEM, for bvtsa and openssl ocsp
 // and a manifest DIR/demo.txt with one line per certificate.
 #include <cstdio>
 #include <fstream>
 
 #include "bvstore.h"
 #include "crypt32/keys.h"
+#include "kernel32/files.h"
 
 namespace bvstore {
 
@@ -46,6 +49,22 @@ std::string store_folder(const std::string& base, const std::string& name) {
 void write_key(const std::string& path, EVP_PKEY* key, const std::string& pin) {
   if (!bv::platform::write_key_file(path, key, pin)) throw Failure{"cannot write " + path};
 }
+
+void write_text(const std::string& path, const std::string& text) {
+  if (bv::platform::replace_file(path, text, 0644) != 0) throw Failure{"cannot write " + path};
+}
+
+struct Service {
+  const char* name;  // file stem in DIR/services
+  const char* pin;   // empty: plain key file
+  const char* common_name;
+  CertificateRequest::Service kind;
+};
+
+constexpr Service kServices[] = {
+    {"tsa", "12121212", "Demo Time Stamp Authority", CertificateRequest::Service::kTimeStamping},
+    {"ocsp", "", "Demo OCSP Responder", CertificateRequest::Service::kOcspSigning},
+};
 
 }  // namespace
 
@@ -118,6 +137,27 @@ int run_demo(const std::string& directory) {
     }
   }
 
+  // Services, issued by the issuing CA; chain.pem is what a verifier needs
+  // between their certificates and the root.
+  const std::string services = directory + "/services";
+  make_folders(services);
+  write_text(services + "/chain.pem", pem_of(ca.get()) + pem_of(root.get()));
+  write_text(services + "/root.pem", pem_of(root.get()));
+  serial = 200;
+  for (const Service& service : kServices) {
+    auto key = generate_key("gost2012_256");
+    CertificateRequest request;
+    request.subject = {{"CN", service.common_name}, {"O", "Demo Organisation"}, {"C", "RU"}};
+    request.serial = ++serial;
+    request.not_after = 1824 * kDay;
+    request.service = service.kind;
+    auto certificate = issue_certificate(request, key.get(), ca.get(), ca_key.get());
+    const std::string stem = services + "/" + service.name;
+    write_text(stem + ".pem", pem_of(certificate.get()));
+    write_key(stem + ".key", key.get(), service.pin);
+    record(service.name, "-", "-", stem + ".pem", certificate.get(), service.pin, "gost2012_256");
+  }
+
   write_der_crl(root_store + "/demo-root.crl", issue_crl(root.get(), root_key.get(), {}, -kDay, 30 * kDay).get());
   write_der_crl(ca_store + "/demo-ca.crl", issue_crl(ca.get(), ca_key.get(), revoked, -kDay, 30 * kDay).get());
   manifest.close();
@@ -126,6 +166,7 @@ int run_demo(const std::string& directory) {
   std::printf("Demo PKI written to %s\n", directory.c_str());
   std::printf("  BV_PLATFORM_LOCAL_APPDATA=%s\n  BV_PLATFORM_COMMON_APPDATA=%s\n", local.c_str(), common.c_str());
   std::printf("  Certificates, hashes and PINs: %s/demo.txt\n", directory.c_str());
+  std::printf("  Time stamp authority and OCSP responder: %s/services\n", directory.c_str());
   return 0;
 }
 

@@ -12,17 +12,6 @@ void check(bool ok, const std::string& what) {
   if (!ok) throw std::runtime_error(what + ": " + bv::ossl::take_error_text());
 }
 
-const EVP_MD* digest_for_key(EVP_PKEY* key) {
-  switch (EVP_PKEY_get_base_id(key)) {
-    case NID_id_GostR3410_2001:
-      return bv::ossl::digest_by_nid(NID_id_GostR3411_94);
-    case NID_id_GostR3410_2012_512:
-      return bv::ossl::digest_by_nid(NID_id_GostR3411_2012_512);
-    default:
-      return bv::ossl::digest_by_nid(NID_id_GostR3411_2012_256);
-  }
-}
-
 void add_extension(X509* certificate, X509* issuer, int nid, const std::string& value) {
   X509V3_CTX context;
   X509V3_set_ctx_nodb(&context);
@@ -53,6 +42,17 @@ std::string pem_with(Write write) {
 UniquePtr<ASN1_TIME> time_from_now(long seconds) { return UniquePtr<ASN1_TIME>(X509_gmtime_adj(nullptr, seconds)); }
 
 }  // namespace
+
+const EVP_MD* digest_for_key(EVP_PKEY* key) {
+  switch (EVP_PKEY_get_base_id(key)) {
+    case NID_id_GostR3410_2001:
+      return bv::ossl::digest_by_nid(NID_id_GostR3411_94);
+    case NID_id_GostR3410_2012_512:
+      return bv::ossl::digest_by_nid(NID_id_GostR3411_2012_512);
+    default:
+      return bv::ossl::digest_by_nid(NID_id_GostR3411_2012_256);
+  }
+}
 
 UniquePtr<EVP_PKEY> generate_key(const std::string& kind) {
   ENGINE* engine = bv::ossl::gost_engine();
@@ -96,12 +96,18 @@ UniquePtr<X509> issue_certificate(const CertificateRequest& request, EVP_PKEY* k
   check(X509_set_pubkey(certificate.get(), key) == 1, "public key");
 
   add_extension(certificate.get(), issuer, NID_basic_constraints, request.ca ? "critical,CA:TRUE" : "CA:FALSE");
-  const std::string usage = !request.key_usage.empty() ? request.key_usage
-                            : request.ca               ? "keyCertSign,cRLSign"
-                                                       : "digitalSignature,nonRepudiation,keyEncipherment";
+  using Service = CertificateRequest::Service;
+  const std::string usage = !request.key_usage.empty()           ? request.key_usage
+                            : request.ca                         ? "keyCertSign,cRLSign"
+                            : request.service != Service::kNone ? "digitalSignature,nonRepudiation"
+                                                                 : "digitalSignature,nonRepudiation,keyEncipherment";
   add_extension(certificate.get(), issuer, NID_key_usage, "critical," + usage);
-  if (!request.extended_key_usage.empty())
-    add_extension(certificate.get(), issuer, NID_ext_key_usage, request.extended_key_usage);
+  const std::string extended_usage = request.service == Service::kTimeStamping ? "critical,timeStamping"
+                                     : request.service == Service::kOcspSigning ? "OCSPSigning"
+                                                                                 : request.extended_key_usage;
+  if (!extended_usage.empty()) add_extension(certificate.get(), issuer, NID_ext_key_usage, extended_usage);
+  if (request.service == Service::kOcspSigning)
+    add_extension(certificate.get(), issuer, NID_id_pkix_OCSP_noCheck, "ignored");
   add_extension(certificate.get(), issuer, NID_subject_key_identifier, "hash");
   if (issuer != nullptr) add_extension(certificate.get(), issuer, NID_authority_key_identifier, "keyid:always");
   if (!request.crl_url.empty())
@@ -137,6 +143,21 @@ UniquePtr<X509_CRL> issue_crl(X509* issuer, EVP_PKEY* issuer_key, const std::vec
   X509_CRL_sort(crl.get());
   check(X509_CRL_sign(crl.get(), issuer_key, digest_for_key(issuer_key)) > 0, "signing the CRL");
   return crl;
+}
+
+std::vector<UniquePtr<X509>> certificates_of(const std::string& bytes) {
+  std::vector<UniquePtr<X509>> certificates;
+  if (bytes.find("-----BEGIN") != std::string::npos) {
+    UniquePtr<BIO> bio(BIO_new_mem_buf(bytes.data(), static_cast<int>(bytes.size())));
+    while (UniquePtr<X509> certificate{PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr)})
+      certificates.push_back(std::move(certificate));
+  } else {
+    const auto* cursor = reinterpret_cast<const unsigned char*>(bytes.data());
+    if (UniquePtr<X509> certificate{d2i_X509(nullptr, &cursor, static_cast<long>(bytes.size()))})
+      certificates.push_back(std::move(certificate));
+  }
+  ERR_clear_error();  // the end of the PEM text
+  return certificates;
 }
 
 std::string der_of(X509* certificate) { return encoded<X509>(certificate, i2d_X509); }

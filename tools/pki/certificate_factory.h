@@ -19,6 +19,13 @@ constexpr long kDay = 86400;
 UniquePtr<EVP_PKEY> generate_key(const std::string& kind = "gost2012_256");
 
 struct CertificateRequest {
+  // What a service's certificate is for; the service sets the key usage
+  // (digitalSignature,nonRepudiation) and the extended key usage.
+  enum class Service {
+    kNone,
+    kTimeStamping,  // critical extended key usage timeStamping, as a time stamp token needs
+    kOcspSigning,   // OCSPSigning and id-pkix-ocsp-nocheck: the responder's own status is not asked
+  };
   // (short name or OID, UTF-8 value) in order.  Country is written as a
   // PrintableString, the 1.2.643 numbers as NumericString, e-mail as IA5.
   std::vector<std::pair<std::string, std::string>> subject;
@@ -29,6 +36,7 @@ struct CertificateRequest {
   std::string key_usage;  // empty: keyCertSign,cRLSign for a CA, else digitalSignature,nonRepudiation,keyEncipherment
   std::string extended_key_usage;  // e.g. "emailProtection,clientAuth"
   std::string crl_url, ocsp_url;
+  Service service = Service::kNone;
 };
 
 // Signed by `issuer_key` under `issuer` (both null: self-signed) with the
@@ -40,6 +48,13 @@ UniquePtr<X509> issue_certificate(const CertificateRequest& request, EVP_PKEY* k
 // seconds from now.
 UniquePtr<X509_CRL> issue_crl(X509* issuer, EVP_PKEY* issuer_key, const std::vector<long>& revoked,
                               long this_update = -3600, long next_update = 7 * kDay);
+
+// The GOST hash that goes with a GOST key (34.11-94 for 2001 keys).
+const EVP_MD* digest_for_key(EVP_PKEY* key);
+
+// Every certificate of PEM text in order, or the one DER certificate; empty
+// when there is none.
+std::vector<UniquePtr<X509>> certificates_of(const std::string& bytes);
 
 std::string der_of(X509* certificate);
 std::string der_of(X509_CRL* crl);

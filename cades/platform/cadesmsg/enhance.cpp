@@ -2,6 +2,7 @@
 // signer's new attributes are made first and added only when all signers
 // have all of theirs, so a failure leaves the message as it was.
 #include <algorithm>
+#include <filesystem>
 #include <new>
 #include <string>
 #include <vector>
@@ -19,11 +20,7 @@ namespace {
 
 using bv::platform::revocation::Source;
 
-bool fail(DWORD error) {
-  ERR_clear_error();
-  SetLastError(error);
-  return false;
-}
+using bv::ossl::fail;
 
 // The unsigned attributes of X Long Type 1, in the order they are made.
 constexpr int kSignatureTimeStamp = NID_id_smime_aa_timeStampToken;
@@ -182,7 +179,7 @@ class Enhancer {
   Enhancer(CMS_ContentInfo* cms, std::string service) : cms_(cms), service_(std::move(service)) {}
 
   bool run() {
-    if (!load_trust_material(trust_)) return false;
+    load_trust_material(trust_);
     message_certs_.reset(CMS_get1_certs(cms_));
     if (message_certs_)
       for (int i = 0; i < sk_X509_num(message_certs_.get()); ++i) extra_.push_back(sk_X509_value(message_certs_.get(), i));
@@ -208,13 +205,22 @@ class Enhancer {
         X509_up_ref(cert);
         return UniquePtr<X509>(cert);
       }
+    // The usual stores first; then any store of this machine, since the
+    // signer may have signed from a store of its own profile.
+    std::vector<std::pair<std::string, DWORD>> stores;
     for (DWORD location : {CERT_SYSTEM_STORE_CURRENT_USER, CERT_SYSTEM_STORE_LOCAL_MACHINE})
-      for (const char* name : {"My", "AddressBook", "CA", "Root"}) {
-        bv::platform::StoreObjects objects;
-        if (!bv::platform::read_system_store(name, location, objects)) continue;
-        for (auto& cert : objects.certificates)
-          if (CMS_SignerInfo_cert_cmp(signer, cert.get()) == 0) return std::move(cert);
-      }
+      for (const char* name : {"My", "AddressBook", "CA", "Root"}) stores.emplace_back(name, location);
+    for (DWORD location : {CERT_SYSTEM_STORE_CURRENT_USER, CERT_SYSTEM_STORE_LOCAL_MACHINE}) {
+      std::error_code error;
+      for (const auto& entry : std::filesystem::directory_iterator(bv::platform::system_store_root(location), error))
+        if (entry.is_directory(error)) stores.emplace_back(entry.path().filename().string(), location);
+    }
+    for (const auto& [name, location] : stores) {
+      bv::platform::StoreObjects objects;
+      if (!bv::platform::read_system_store(name, location, objects)) continue;
+      for (auto& cert : objects.certificates)
+        if (CMS_SignerInfo_cert_cmp(signer, cert.get()) == 0) return std::move(cert);
+    }
     return nullptr;
   }
 
@@ -238,12 +244,16 @@ class Enhancer {
   // A time stamp and the proof of its authority, gathered for the values.
   bool stamp(const EVP_MD* md, std::string_view data, std::string& token) {
     TimeStamp stamp;
-    if (!request_time_stamp(service_, md, data, trust_, stamp)) return false;
+    if (!request_time_stamp(service_, md, data, [this](TimeStamp& s) { return prove_authority(s); }, stamp))
+      return false;
     token = stamp.token;
-    return prove_authority(stamp);
+    return true;
   }
 
   bool prove_authority(TimeStamp& stamp) {
+    // Both stamps of a signer usually come from one authority: proved once.
+    for (const ProvenPath& proven : authority_paths_)
+      if (X509_cmp(proven.certificates.front().get(), stamp.authority.get()) == 0) return true;
     std::vector<X509*> extra = extra_;
     for (auto& cert : stamp.certificates) extra.push_back(cert.get());
     ProvenPath path;

@@ -16,10 +16,7 @@ struct ChainFreer {
   void operator()(const CERT_CHAIN_CONTEXT* chain) const noexcept { CertFreeCertificateChain(chain); }
 };
 
-bool fail(DWORD error) {
-  SetLastError(error);
-  return false;
-}
+using bv::ossl::fail;
 
 DWORD path_error(DWORD status) {
   if ((status & (CERT_TRUST_IS_UNTRUSTED_ROOT | CERT_TRUST_IS_PARTIAL_CHAIN)) != 0) return CERT_E_UNTRUSTEDROOT;
@@ -37,22 +34,16 @@ std::string digest_of(const EVP_MD* md, std::string_view data) {
   return std::string(reinterpret_cast<char*>(hash), length);
 }
 
-bool load_trust_material(TrustMaterial& out) {
-  out.anchors.reset(X509_STORE_new());
-  if (!out.anchors) return fail(static_cast<DWORD>(E_OUTOFMEMORY));
+void load_trust_material(TrustMaterial& out) {
   for (DWORD location : {CERT_SYSTEM_STORE_CURRENT_USER, CERT_SYSTEM_STORE_LOCAL_MACHINE}) {
     for (const char* name : {"Root", "CA"}) {
       bv::platform::StoreObjects objects;
       if (!bv::platform::read_system_store(name, location, objects)) continue;
-      for (auto& cert : objects.certificates) {
-        if (name[0] == 'R') X509_STORE_add_cert(out.anchors.get(), cert.get());
-        else out.intermediates.push_back(std::move(cert));
-      }
+      if (std::string_view(name) == "CA")
+        for (auto& cert : objects.certificates) out.intermediates.push_back(std::move(cert));
       for (auto& crl : objects.crls) out.crls.push_back(std::move(crl));
     }
   }
-  ERR_clear_error();  // a certificate in two Root stores is no error
-  return true;
 }
 
 bool prove_path(X509* cert, const std::vector<X509*>& extra, const TrustMaterial& trust, ProvenPath& out) {

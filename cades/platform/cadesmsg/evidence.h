@@ -14,14 +14,14 @@ namespace bv::cades {
 
 using bv::ossl::UniquePtr;
 
-// The stores' trust material, read once per operation: anchors (Root),
-// intermediates (CA) and CRLs of both locations.
+// What the stores offer paths, read once per operation: the intermediates
+// (CA stores) and the CRLs (CA and Root stores) of both locations.  The
+// anchors themselves are the chain engine's business.
 struct TrustMaterial {
-  UniquePtr<X509_STORE> anchors;
   std::vector<UniquePtr<X509>> intermediates;
   std::vector<UniquePtr<X509_CRL>> crls;
 };
-bool load_trust_material(TrustMaterial& out);
+void load_trust_material(TrustMaterial& out);
 
 // End certificate first, anchor last; revocations[i] proves certificates[i]
 // for every i but the anchor's.

@@ -13,11 +13,7 @@ namespace bv::cades {
 
 namespace {
 
-bool fail(DWORD error) {
-  ERR_clear_error();
-  SetLastError(error);
-  return false;
-}
+using bv::ossl::fail;
 
 std::string ini_default(int folder) {
   char path[MAX_PATH];
@@ -64,7 +60,7 @@ bool token_authority(const std::string& token, TimeStamp& out) {
 }
 
 bool request_time_stamp(const std::string& url, const EVP_MD* md, std::string_view data,
-                        const TrustMaterial& trust, TimeStamp& out) {
+                        const std::function<bool(TimeStamp&)>& prove_authority, TimeStamp& out) {
   if (url.empty()) return fail(ERROR_INTERNET_INVALID_URL);
   const std::string hash = digest_of(md, data);
   if (hash.empty()) return fail(NTE_BAD_ALGID);
@@ -117,22 +113,19 @@ bool request_time_stamp(const std::string& url, const EVP_MD* md, std::string_vi
   if (out.token.empty() || !token_authority(out.token, out)) return fail(TRUST_E_TIME_STAMP);
   if (!has_critical_time_stamping_usage(out.authority.get())) return fail(CERT_E_WRONG_USAGE);
 
-  // Signature, imprint and nonce once more by OpenSSL's own rules, and the
-  // authority's path to an anchor of the Root stores.
+  // The authority's standing comes from the chain engine, whose signature
+  // checks are remembered across calls; OpenSSL then checks the token's
+  // signature (and its signing certificate attribute) against the authority
+  // alone, and the imprint and nonce once more by its own rules.
+  if (!prove_authority(out)) return false;
   UniquePtr<TS_VERIFY_CTX> verify(TS_REQ_to_TS_VERIFY_CTX(request.get(), nullptr));
-  UniquePtr<STACK_OF(X509)> untrusted(sk_X509_new_null());
-  if (!verify || !untrusted || !X509_STORE_up_ref(trust.anchors.get())) return fail(static_cast<DWORD>(E_OUTOFMEMORY));
-  TS_VERIFY_CTX_set_store(verify.get(), trust.anchors.get());
-  for (const auto& cert : trust.intermediates) {
-    X509_up_ref(cert.get());
-    sk_X509_push(untrusted.get(), cert.get());
-  }
-  TS_VERIFY_CTX_set_certs(verify.get(), untrusted.release());
+  UniquePtr<X509_STORE> authority(X509_STORE_new());
+  if (!verify || !authority || !X509_STORE_add_cert(authority.get(), out.authority.get()))
+    return fail(static_cast<DWORD>(E_OUTOFMEMORY));
+  X509_STORE_set_flags(authority.get(), X509_V_FLAG_PARTIAL_CHAIN);
+  TS_VERIFY_CTX_set_store(verify.get(), authority.release());
   TS_VERIFY_CTX_add_flags(verify.get(), TS_VFY_SIGNATURE);
-  if (TS_RESP_verify_response(verify.get(), response.get()) != 1) {
-    const bool path = ERR_GET_REASON(ERR_peek_last_error()) == TS_R_CERTIFICATE_VERIFY_ERROR;
-    return fail(path ? CERT_E_UNTRUSTEDROOT : TRUST_E_TIME_STAMP);
-  }
+  if (TS_RESP_verify_response(verify.get(), response.get()) != 1) return fail(TRUST_E_TIME_STAMP);
   ERR_clear_error();
   return true;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <ctime>
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -23,15 +24,16 @@ struct TimeStamp {
 
 // Asks `url` for a time stamp over `data` hashed with `md`, with a nonce and
 // the authority's certificate requested.  The answer is used only when it is
-// granted, its imprint and nonce are those sent, its signature is valid and
-// its signer is a time stamping authority (critical time stamping usage)
-// chained to a Root anchor.  False with the last error: the HTTP client's
-// (server down, time-out), E_ACCESSDENIED (refused),
+// granted, its imprint and nonce are those sent, its signer is a time
+// stamping authority (critical time stamping usage) that `prove_authority`
+// accepts (its path to a Root anchor, proved not revoked), and the token's
+// signature is valid under it.  False with the last error: the HTTP
+// client's (server down, time-out), E_ACCESSDENIED (refused),
 // ERROR_HTTP_INVALID_SERVER_RESPONSE (not a time stamp response),
 // TRUST_E_TIME_STAMP (imprint, nonce or signature wrong), CERT_E_WRONG_USAGE,
-// CERT_E_UNTRUSTEDROOT.
+// or what `prove_authority` set.
 bool request_time_stamp(const std::string& url, const EVP_MD* md, std::string_view data,
-                        const TrustMaterial& trust, TimeStamp& out);
+                        const std::function<bool(TimeStamp&)>& prove_authority, TimeStamp& out);
 
 // The certificates of a token and the one that signed it.
 bool token_authority(const std::string& token, TimeStamp& out);

@@ -1,0 +1,301 @@
+// CAdES-X Long Type 1 messages from SsfSign, taken apart and checked layer by
+// layer by tools nobody here wrote (openssl cms and ts, asn1crypto), and the
+// order and failures of the time stamp services.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "certs.h"
+#include "http/http.h"
+#include "signing.h"
+
+namespace bv::test {
+namespace {
+
+std::string quoted(const std::string& text) { return "'" + text + "'"; }
+
+// The checks of tests/tools/cades_check.py, then `openssl ts -verify` of
+// each signer's signature time stamp over its signature value and of its
+// Type 1 time stamp over the input the checker computed.
+// Returns the checker's line ("ok crls=N ocsps=M").
+std::string expect_x_long_type_1(const std::string& message, size_t signers) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir dir;
+  write_file(dir / "m.der", message);
+  write_file(dir / "engine.cnf", kGostEngineConfig);
+  int status = -1;
+  const std::string checked = run_command("/usr/bin/python3 " BV_SOURCE_DIR "/tests/tools/cades_check.py " +
+                                              quoted(dir / "m.der") + " " + quoted(dir.path()) + " 2>&1",
+                                          &status);
+  EXPECT_EQ(status, 0) << checked;
+  if (status != 0) return checked;
+  for (size_t i = 0; i < signers; ++i)
+    for (const auto& [token, data] : {std::pair{"tst-", "sig-"}, std::pair{"esc-", "escin-"}}) {
+      const std::string n = std::to_string(i);
+      const std::string verified = run_command(
+          "OPENSSL_CONF=" + quoted(dir / "engine.cnf") + " openssl ts -verify -token_in -in " +
+              quoted(dir / (token + n + ".der")) + " -data " + quoted(dir / (data + n + ".bin")) + " -CAfile " +
+              quoted(w.root.cert_pem) + " -untrusted " + quoted(dir / "certs.pem") + " 2>&1",
+          &status);
+      EXPECT_EQ(status, 0) << token << n << ": " << verified;
+    }
+  return checked;
+}
+
+struct CadesCase {
+  const char* name;
+  const char* format;
+  std::vector<SignerSpec> signers;
+  bool detached, include_certs;
+};
+
+// BouncyCastle's reading (tests/tools/CadesCheck.java): each signature, both
+// time stamps of each signer, the references and values as its ESF types.
+void expect_bouncycastle_accepts(const std::string& message, const std::string* detached_content, size_t signers) {
+  TempDir dir;
+  write_file(dir / "m.der", message);
+  std::string command = "java -cp /usr/share/java/bcprov.jar:/usr/share/java/bcpkix.jar:/usr/share/java/bcutil.jar "
+                        BV_SOURCE_DIR "/tests/tools/CadesCheck.java " + quoted(dir / "m.der");
+  if (detached_content != nullptr) {
+    write_file(dir / "content", *detached_content);
+    command += " " + quoted(dir / "content");
+  }
+  int status = -1;
+  const std::string said = run_command(command + " 2>&1", &status);
+  EXPECT_EQ(status, 0) << said;
+  EXPECT_NE(said.find("ok " + std::to_string(signers)), std::string::npos) << said;
+}
+
+TEST(CadesSign, MessagesPassIndependentChecks) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir dir;
+  TimeStampServer tsa(dir.path(), w.tsa.cert_pem, w.dir / "pki/tsa.key");
+  const SignerSpec alice{"CN=Alice", "", "1111"}, bob{"CN=Bob", "", "2222"}, carol{"CN=Carol", "", ""};
+  const CadesCase cases[] = {
+      {"one signer, attached", "CADES", {alice}, false, true},
+      {"2012-512 and 2001, detached", "PKCS7_CADES", {bob, carol}, true, true},
+      {"three, no certificates", "CADES", {alice, bob, carol}, false, false},
+  };
+  for (const CadesCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    SignRequest request;
+    request.format = c.format;
+    request.signers = c.signers;
+    request.detached = c.detached;
+    request.include_certs = c.include_certs;
+    request.check_leaks = true;
+    const SignOutcome outcome = sign_through_export(w.env({{"BV_CADES_DEFAULT_TSP", tsa.url()}}), request);
+    ASSERT_EQ(outcome.rc, 0u) << outcome.child_stderr;
+    std::string content, diagnostics;
+    EXPECT_EQ(openssl_cms_verify(outcome.signed_data, w.root.cert_pem, c.include_certs ? "" : w.signers_pem,
+                                 c.detached ? &request.data : nullptr, &content, &diagnostics),
+              0)
+        << diagnostics;
+    EXPECT_EQ(content, request.data);
+    expect_x_long_type_1(outcome.signed_data, c.signers.size());
+    expect_bouncycastle_accepts(outcome.signed_data, c.detached ? &request.data : nullptr, c.signers.size());
+  }
+}
+
+// A TS response with the status "rejection" and nothing else.
+std::string refusal() {
+  UniquePtr<TS_RESP> response(TS_RESP_new());
+  TS_STATUS_INFO* status = TS_STATUS_INFO_new();
+  ASN1_INTEGER_set(const_cast<ASN1_INTEGER*>(TS_STATUS_INFO_get0_status(status)), TS_STATUS_REJECTION);
+  TS_RESP_set_status_info(response.get(), status);
+  TS_STATUS_INFO_free(status);
+  unsigned char* der = nullptr;
+  const int length = i2d_TS_RESP(response.get(), &der);
+  std::string out(reinterpret_cast<char*>(der), static_cast<size_t>(length));
+  OPENSSL_free(der);
+  return out;
+}
+
+// The answer of `tsa` to another request: valid, but for another imprint and nonce.
+std::string answer_to_another_request(TimeStampServer& tsa, const TempDir& dir) {
+  write_file(dir / "other.txt", "another document");
+  write_file(dir / "engine.cnf", kGostEngineConfig);
+  run_checked("OPENSSL_CONF=" + quoted(dir / "engine.cnf") + " openssl ts -query -md_gost12_256 -cert -data " +
+              quoted(dir / "other.txt") + " -out " + quoted(dir / "other.tsq"));
+  bv::platform::http::Request request;
+  request.url = tsa.url();
+  request.content_type = "application/timestamp-query";
+  request.body = read_file(dir / "other.tsq");
+  std::string answer;
+  EXPECT_TRUE(bv::platform::http::fetch(request, answer));
+  return answer;
+}
+
+struct ServiceCase {
+  const char* name;
+  std::string default_tsp;
+  std::vector<std::string> additional;
+  uint32_t rc;
+  std::vector<std::string> traced, not_traced;
+};
+
+TEST(CadesSign, TimeStampServicesInOrderAndTheirFailures) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir dir;
+  std::filesystem::create_directories(dir / "a");
+  std::filesystem::create_directories(dir / "b");
+  std::filesystem::create_directories(dir / "c");
+  TimeStampServer good_a(dir / "a", w.tsa.cert_pem, w.dir / "pki/tsa.key");
+  TimeStampServer good_b(dir / "b", w.tsa.cert_pem, w.dir / "pki/tsa.key");
+  HttpServer down;
+  down.stop();
+  HttpServer silent(/*silent=*/true);
+  HttpServer garbage, refusing, replaying;
+  garbage.put("/tsa", "this is no time stamp response");
+  refusing.put("/tsa", refusal());
+  replaying.put("/tsa", answer_to_another_request(good_b, dir));
+  // An authority that chains to nothing in the Root stores.
+  const auto untrusted_key = generate_key("gost2012_256");
+  write_file(dir / "untrusted.key", pem_of(untrusted_key.get()));
+  write_file(dir / "untrusted.pem",
+             pem_of(issue_certificate({.subject = {{"CN", "Rogue TSA"}}, .serial = 99,
+                                       .key_usage = "digitalSignature,nonRepudiation",
+                                       .extended_key_usage = "critical,timeStamping"},
+                                      untrusted_key.get())
+                        .get()));
+  TimeStampServer untrusted(dir / "c", dir / "untrusted.pem", dir / "untrusted.key");
+
+  const std::string a = good_a.url(), b = good_b.url(), off = down.url("/tsa");
+  const auto failed = [](const char* res) { return "#error#: Failed to enhance cades message. res = " + std::string(res); };
+  const ServiceCase cases[] = {
+      {"default works", a, {b, b}, 0, {"with default TSP"}, {"additional TSP", "#error#"}},
+      {"default down, first additional works", off, {a, b}, 0, {"additional TSP = " + a}, {"TSP = " + b, "#error#"}},
+      {"all down", off, {off}, SSF_ERR_ENCODE, {failed("0x2efd"), "#error#: 00002efd"}, {}},
+      {"no default, none additional", "", {}, SSF_ERR_ENCODE, {failed("0x2ee5")}, {}},
+      {"garbage", garbage.url("/tsa"), {}, SSF_ERR_ENCODE, {failed("0x2f78")}, {}},
+      {"refused", refusing.url("/tsa"), {}, SSF_ERR_ENCODE, {failed("0x80070005")}, {}},
+      {"another request's answer", replaying.url("/tsa"), {}, SSF_ERR_ENCODE, {failed("0x80096005")}, {}},
+      {"untrusted authority", untrusted.url(), {}, SSF_ERR_ENCODE, {failed("0x800b0109")}, {}},
+      {"never answers", silent.url("/tsa"), {}, SSF_ERR_ENCODE, {failed("0x2ee2")}, {}},
+  };
+  for (const ServiceCase& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir traced;
+    auto env = trace_env(traced);
+    env["BV_PLATFORM_LOCAL_APPDATA"] = w.local();
+    env["BV_CADES_DEFAULT_TSP"] = c.default_tsp;
+    env["BV_PLATFORM_URL_TIMEOUT_MS"] = "1000";
+    std::string additional;
+    for (const std::string& address : c.additional) additional += (additional.empty() ? "" : ";") + address;
+    env["BV_SSF_ADD_TSP"] = additional;
+    SignRequest request;
+    request.format = "CADES";
+    request.signers = {{"CN=Alice", "", "1111"}};
+    request.check_leaks = true;
+    const int a_before = good_a.requests(), b_before = good_b.requests();
+    const auto started = std::chrono::steady_clock::now();
+    const SignOutcome outcome = sign_through_export(env, request);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(15));
+    EXPECT_EQ(outcome.rc, c.rc) << outcome.child_stderr;
+    EXPECT_EQ(outcome.signed_data.empty(), c.rc != 0);
+    EXPECT_EQ(outcome.results, std::vector<int32_t>{0});
+    const std::string log = trace_log(traced);
+    for (const std::string& line : c.traced) EXPECT_NE(log.find(line), std::string::npos) << line << "\n" << log;
+    for (const std::string& line : c.not_traced) EXPECT_EQ(log.find(line), std::string::npos) << line << "\n" << log;
+    if (c.rc == 0) {
+      // Two time stamps from the one service that worked; the next is never asked.
+      EXPECT_EQ(good_a.requests() - a_before, 2);
+      EXPECT_EQ(good_b.requests() - b_before, 0);
+    }
+  }
+}
+
+// Revocation values come from where the status was learnt: an OCSP
+// responder, a CRL distribution point, a CRL in the stores.  A revoked signer
+// or one whose status can't be had gets no X Long Type 1: code 11.
+TEST(CadesSign, RevocationValuesFromEachSource) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir dir;
+  std::filesystem::create_directories(dir / "ocsp");
+  std::filesystem::create_directories(dir / "tsa");
+  TimeStampServer tsa(dir / "tsa", w.tsa.cert_pem, w.dir / "pki/tsa.key");
+  const auto ca_key = generate_key();
+  const auto ca = issue_certificate({.subject = {{"CN", "Revocation Root"}}, .serial = 1, .ca = true}, ca_key.get());
+  HttpServer crl_server, down;
+  down.stop();
+  struct Signer {
+    const char* name;
+    bool revoked;
+    std::string crl_url, ocsp_url;
+    uint32_t rc;
+    const char* values;
+    UniquePtr<EVP_PKEY> key;
+    UniquePtr<X509> cert;
+  };
+  Signer signers[] = {
+      {"Ocsp", false, "", "ocsp", 0, "ok crls=1 ocsps=1"},  // the TSA's proof is the test root's CRL
+      {"Distribution", false, crl_server.url("/ca.crl"), "", 0, "ok crls=2 ocsps=0"},
+      {"Stored", false, "", "", 0, "ok crls=2 ocsps=0"},
+      {"Revoked", true, "", "ocsp", SSF_ERR_ENCODE, ""},
+      {"Unknowable", false, "", down.url("/ocsp"), SSF_ERR_ENCODE, ""},
+  };
+  std::vector<OcspResponder::Entry> entries;
+  long serial = 10;
+  for (Signer& s : signers) {
+    s.key = generate_key();
+    s.cert = issue_certificate({.subject = {{"CN", s.name}}, .serial = serial++, .crl_url = s.crl_url,
+                                .ocsp_url = s.ocsp_url == "ocsp" ? "" : s.ocsp_url},
+                               s.key.get(), ca.get(), ca_key.get());
+    entries.push_back({s.cert.get(), s.revoked});
+  }
+  OcspResponder responder(dir / "ocsp", ca.get(), ca_key.get(), entries);
+  for (Signer& s : signers)  // now that the responder has its address
+    if (s.ocsp_url == "ocsp")
+      s.cert = issue_certificate({.subject = {{"CN", s.name}}, .serial = X509_get0_serialNumber(s.cert.get())->data[0],
+                                  .ocsp_url = responder.url()},
+                                 s.key.get(), ca.get(), ca_key.get());
+  crl_server.put("/ca.crl", der_of(issue_crl(ca.get(), ca_key.get(), {}).get()));
+
+  // Stores: both roots (the test root for the time stamp authority), the
+  // test root's CRL, the new root's CRL only for the "Stored" signer.
+  const std::string stores = dir / "local/Brelvantec/Certificates";
+  write_file(stores + "/Root/root.cer", der_of(w.root.cert.get()));
+  std::filesystem::copy_file(w.local() + "/Brelvantec/Certificates/Root/root.crl", stores + "/Root/root.crl");
+  write_file(stores + "/Root/revocation.cer", der_of(ca.get()));
+  for (Signer& s : signers) {
+    write_file(stores + "/My/" + s.name + ".cer", der_of(s.cert.get()));
+    write_file(stores + "/My/" + s.name + ".key", pem_of(s.key.get(), "1"));
+  }
+  std::filesystem::create_directories(dir / "common");
+  for (Signer& s : signers) {
+    SCOPED_TRACE(s.name);
+    if (std::string(s.name) == "Stored")
+      write_file(stores + "/CA/revocation.crl", der_of(issue_crl(ca.get(), ca_key.get(), {}).get()));
+    SignRequest request;
+    request.format = "CADES";
+    request.include_certs = true;
+    request.signers = {{std::string("CN=") + s.name, "", "1"}};
+    const SignOutcome outcome = sign_through_export(
+        {{"BV_PLATFORM_LOCAL_APPDATA", dir / "local"}, {"BV_PLATFORM_COMMON_APPDATA", dir / "common"},
+         {"BV_CADES_DEFAULT_TSP", tsa.url()}, {"BV_PLATFORM_URL_TIMEOUT_MS", "1000"}, {"BV_SSF_ADD_TSP", ""},
+         {"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "0"}},  // the CAdES layer, not the signing policy, judges here
+        request);
+    EXPECT_EQ(outcome.rc, s.rc) << outcome.child_stderr;
+    if (s.rc == 0) EXPECT_EQ(expect_x_long_type_1(outcome.signed_data, 1), std::string(s.values) + "\n");
+    std::filesystem::remove(stores + "/CA/revocation.crl");
+  }
+}
+
+TEST(CadesSign, PlainFormatsAskNoService) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir dir;
+  TimeStampServer tsa(dir.path(), w.tsa.cert_pem, w.dir / "pki/tsa.key");
+  for (const char* format : {"PKCS7", "PKCS7_ANY"}) {
+    SignRequest request;
+    request.format = format;
+    request.signers = {{"CN=Alice", "", "1111"}};
+    EXPECT_EQ(sign_through_export(w.env({{"BV_CADES_DEFAULT_TSP", tsa.url()}}), request).rc, 0u) << format;
+  }
+  EXPECT_EQ(tsa.requests(), 0);
+}
+
+}  // namespace
+}  // namespace bv::test
