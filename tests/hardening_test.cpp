@@ -7,7 +7,6 @@
 #include <clocale>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <string>
@@ -26,10 +25,7 @@ namespace {
 TEST(HashIdentity, OddDigitsAfterAGoodHashAreRefused) {
   const SigningWorld& w = SigningWorld::get();
   TempDir traced;
-  auto env = trace_env(traced, 2);
-  std::filesystem::copy(w.common() + "/Brelvantec/Certificates", traced / "common/Brelvantec/Certificates",
-                        std::filesystem::copy_options::recursive);
-  env["BV_PLATFORM_LOCAL_APPDATA"] = w.local();
+  const auto env = w.traced_env(traced, 2);
   const std::string digits = "ABCDEFABCDEFABCDEFAB1ABCDEFABCDEFABCDEFAB";
   struct Case {
     std::string first;
@@ -50,7 +46,8 @@ TEST(HashIdentity, OddDigitsAfterAGoodHashAreRefused) {
 }
 
 // Every export, given a null where it would write or read: a code, never a
-// signal.  One child each, tracing at level 4 on the way.
+// signal.  One child each, tracing at level 4 on the way.  A record built by
+// hand with a null field behind a positive length has that field absent.
 TEST(NullPointers, EveryExportAnswersWithACode) {
   using Call = std::function<SSF_RC(const SsfApi&)>;
   static const auto* data = reinterpret_cast<const unsigned char*>("data");
@@ -62,6 +59,27 @@ TEST(NullPointers, EveryExportAnswersWithACode) {
   static SsfInfoNode* list = &node;
   const auto sign = [](const unsigned char* input, unsigned char** o, uint32_t* l) -> Call {
     return [=](const SsfApi& a) { return a.SsfSign("PKCS7", 5, nullptr, 0, 1, 0, input, 4, list, o, l); };
+  };
+  // Carol's key has no PIN: absent, her PIN is right.
+  static char* carol = const_cast<char*>(SigningWorld::get().carol.sha1_hex.c_str());
+  const auto sign_hand_made = [](SsfInfo r, int32_t result) -> Call {
+    return [=](const SsfApi& a) mutable {
+      SsfInfoNode one{nullptr, &r};
+      const SSF_RC rc = a.SsfSign("PKCS7", 5, nullptr, 0, 1, 0, data, 4, &one, &out, &length);
+      EXPECT_EQ(r.Result, result);
+      a.SsfDELSsfOctetstring(&out, &length);
+      return rc;
+    };
+  };
+  const auto print_hand_made = [](SsfInfo r) -> Call {
+    return [=](const SsfApi& a) mutable {
+      const SSF_RC rc = a.SsfPRISigRcpSsfInfo(&r, &text, &length);
+      const std::string printed(text, length);
+      EXPECT_EQ(printed.find("Id  "), std::string::npos);
+      EXPECT_EQ(printed.find("Reserved"), std::string::npos);
+      std::free(text);
+      return rc;
+    };
   };
   const auto digest = [](const unsigned char* input, unsigned char** o, uint32_t* l) -> Call {
     return [=](const SsfApi& a) { return a.SsfDigest("PKCS7", 5, 0, input, 4, "SHA1", 4, o, l); };
@@ -134,11 +152,28 @@ TEST(NullPointers, EveryExportAnswersWithACode) {
        SSF_REC_NULL_INFO},
       {"print list text", [](const SsfApi& a) { return a.SsfPRISigRcpSsfInfoList(list, nullptr, &length); },
        SSF_REC_NULL_LIST},
+      {"hand-made record, null PIN behind length 2", sign_hand_made({carol, 40, nullptr, 0, nullptr, 0, nullptr, 2, 99}, 0),
+       SSF_OK},
+      {"hand-made record, null profile behind length 5",
+       sign_hand_made({carol, 40, nullptr, 0, nullptr, 5, nullptr, 0, 99}, 0), SSF_OK},
+      {"hand-made record, null id behind length 40",
+       sign_hand_made({nullptr, 40, nullptr, 0, nullptr, 0, nullptr, 0, 99}, SSF_RES_UNKNOWN), SSF_ERR_SIGNER},
+      {"print hand-made record, null id and reserved",
+       print_hand_made({nullptr, 40, nullptr, 8, nullptr, 0, nullptr, 0, 0}), SSF_OK},
+      {"delete hand-made record, PIN with a negative length",
+       [](const SsfApi& a) {
+         auto* r = static_cast<SsfInfo*>(std::calloc(1, sizeof(SsfInfo)));
+         r->Password = strdup("1111");
+         r->PasswordL = -1;
+         return a.SsfDELSigRcpSsfInfo(&r);
+       },
+       SSF_OK},
   };
+  TempDir traced;
+  const auto env = SigningWorld::get().traced_env(traced);
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    TempDir dir;
-    const ChildResult child = run_isolated(trace_env(dir), [&] { EXPECT_EQ(c.call(SsfApi::get()), c.rc); });
+    const ChildResult child = run_isolated(env, [&] { EXPECT_EQ(c.call(SsfApi::get()), c.rc); });
     EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
   }
 }

@@ -158,10 +158,7 @@ class Chooser : public ::testing::Test {
 
 TEST_F(Chooser, OnTheTerminal) {
   const std::string prompt = "Number of the certificate";
-  std::string hash_with_blanks;
-  const std::string third = certificate_hash(certs[2].get());
-  for (size_t i = 0; i < third.size(); i += 2) hash_with_blanks += (i ? " " : "") + third.substr(i, 2);
-  for (char& c : hash_with_blanks) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  const std::string hash_with_blanks = hex_of(bytes_of_hex(certificate_hash(certs[2].get())), ' ');
   struct Case {
     const char* name;
     std::vector<Exchange> script;

@@ -13,6 +13,13 @@
 
 namespace bv::frame {
 
+// The length a field of a host's record is read with.  A record may be
+// built by hand: a null pointer is an absent field, as length 0 makes it,
+// whatever length stands beside it; a negative length keeps its meaning.
+inline int32_t field_length(const char* field, int32_t length) {
+  return field == nullptr && length > 0 ? 0 : length;
+}
+
 // Runs the whole body of an export.  An exception that no clause of the
 // operation catches (one raised before its guarded block by a banner whose
 // formatting fails or a string that can't be had, or one raised inside a

@@ -52,10 +52,10 @@ void delete_record(SsfInfo* info) {
   std::free(info->strSigRcpId);
   std::free(info->Reserved);
   std::free(info->Profile);
-  if (info->Password != nullptr) {
+  // A hand-made record may carry a negative length: nothing to wipe then.
+  if (info->Password != nullptr && info->PasswordL > 0)
     std::memset(info->Password, ' ', static_cast<size_t>(info->PasswordL));
-    std::free(info->Password);
-  }
+  std::free(info->Password);
   std::free(info);
 }
 
@@ -72,10 +72,13 @@ SSF_RC print_record(const SsfInfo* info, char** text, uint32_t* textL) {
 
   // 94 bytes for the frame and the longest result name, 25 more per field
   // beside the field's own bytes.
+  const int32_t idL = bv::frame::field_length(info->strSigRcpId, info->strSigRcpIdL);
+  const int32_t reservedL = bv::frame::field_length(info->Reserved, info->ReservedL);
+  const int32_t profileL = bv::frame::field_length(info->Profile, info->ProfileL);
   size_t size = kRecordBaseSize;
-  if (info->strSigRcpIdL > 0) size += kFieldFrameSize + static_cast<size_t>(info->strSigRcpIdL);
-  if (info->ReservedL > 0) size += kFieldFrameSize + static_cast<size_t>(info->ReservedL);
-  if (info->ProfileL > 0) size += kFieldFrameSize + static_cast<size_t>(info->ProfileL);
+  if (idL > 0) size += kFieldFrameSize + static_cast<size_t>(idL);
+  if (reservedL > 0) size += kFieldFrameSize + static_cast<size_t>(reservedL);
+  if (profileL > 0) size += kFieldFrameSize + static_cast<size_t>(profileL);
   char* block = static_cast<char*>(std::malloc(size));
   if (block == nullptr) return SSF_REC_NOMEMORY;
 
@@ -83,12 +86,9 @@ SSF_RC print_record(const SsfInfo* info, char** text, uint32_t* textL) {
   size_t used = 0;
   block[0] = '\0';
   append(block, size, &used, "Signer/Recipient Security Information :\n");
-  if (info->strSigRcpIdL > 0)
-    append(block, size, &used, "Id        : %.*s (%d)\n", info->strSigRcpIdL, info->strSigRcpId, info->strSigRcpIdL);
-  if (info->ReservedL > 0)
-    append(block, size, &used, "Reserved  : %.*s (%d)\n", info->ReservedL, info->Reserved, info->ReservedL);
-  if (info->ProfileL > 0)
-    append(block, size, &used, "Profile   : %.*s (%d)\n", info->ProfileL, info->Profile, info->ProfileL);
+  if (idL > 0) append(block, size, &used, "Id        : %.*s (%d)\n", idL, info->strSigRcpId, idL);
+  if (reservedL > 0) append(block, size, &used, "Reserved  : %.*s (%d)\n", reservedL, info->Reserved, reservedL);
+  if (profileL > 0) append(block, size, &used, "Profile   : %.*s (%d)\n", profileL, info->Profile, profileL);
   append(block, size, &used, "\n\nSigner/Recipient Result : ");
   append(block, size, &used, "%s", result_name(info->Result));
   append(block, size, &used, "\n\n");

@@ -11,8 +11,6 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "crypt32/revocation.h"
-#include "crypt32/store.h"
 
 namespace bv::test {
 namespace {
@@ -144,37 +142,6 @@ int TimeStampServer::requests() const {
   int count = 0;
   for (size_t at = log.find(" 127.0.0.1:"); at != std::string::npos; at = log.find(" 127.0.0.1:", at + 1)) ++count;
   return count;
-}
-
-StoreFolders::StoreFolders() {
-  setenv("BV_PLATFORM_LOCAL_APPDATA", (dir_ / "user").c_str(), 1);
-  setenv("BV_PLATFORM_COMMON_APPDATA", (dir_ / "machine").c_str(), 1);
-  setenv("BV_PLATFORM_URL_TIMEOUT_MS", "1500", 1);
-  setenv("no_proxy", "127.0.0.1,localhost", 1);
-  bv::platform::forget_cached_stores();
-  bv::platform::revocation::clear_cache();
-}
-
-StoreFolders::~StoreFolders() {
-  bv::platform::forget_cached_stores();
-  bv::platform::revocation::clear_cache();
-}
-
-std::string StoreFolders::store(const std::string& name, bool machine) const {
-  return dir_ / ((machine ? "machine" : "user") + std::string("/Brelvantec/Certificates/") + name);
-}
-
-void StoreFolders::put(const std::string& name, const std::string& file, X509* cert, bool machine) const {
-  put_der(store(name, machine) + "/" + file, der_of(cert));
-}
-
-void StoreFolders::put(const std::string& name, const std::string& file, X509_CRL* crl, bool machine) const {
-  put_der(store(name, machine) + "/" + file, der_of(crl));
-}
-
-void StoreFolders::put_der(const std::string& path, const std::string& der) const {
-  write_file(path, der);
-  bv::platform::forget_cached_stores();
 }
 
 }  // namespace bv::test

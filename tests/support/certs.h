@@ -1,6 +1,6 @@
-// Certificates from the shared factory (tools/pki), the store folders they
-// go to, and the revocation servers they name, all on 127.0.0.1: an HTTP
-// server run inside the test, which also answers OCSP through `openssl ocsp`.
+// Certificates from the shared factory (tools/pki) and the servers they
+// name, all on 127.0.0.1: an HTTP server run inside the test, which also
+// answers OCSP through `openssl ocsp`, and our time stamp server.
 #pragma once
 
 #include <atomic>
@@ -87,23 +87,6 @@ class TimeStampServer {
  private:
   std::string folder_;
   TsaServer server_;
-};
-
-// Points both store locations at fresh folders for the life of a test.
-class StoreFolders {
- public:
-  StoreFolders();
-  ~StoreFolders();
-  // `store` is "Root", "CA", "My"...; `machine` picks the location.
-  std::string store(const std::string& name, bool machine = false) const;
-  // A file rewritten in place may keep its folder's time: the store cache
-  // is dropped with every change.
-  void put(const std::string& name, const std::string& file, X509* cert, bool machine = false) const;
-  void put(const std::string& name, const std::string& file, X509_CRL* crl, bool machine = false) const;
-
- private:
-  void put_der(const std::string& path, const std::string& der) const;
-  TempDir dir_;
 };
 
 }  // namespace bv::test

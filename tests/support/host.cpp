@@ -16,6 +16,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "kernel32/hex.h"
 #include "trace/output.h"
 #include "trace/table.h"
 #include "trace/trace.h"
@@ -122,8 +123,7 @@ ChildResult run_isolated(const std::map<std::string, std::string>& env, const st
   return result;
 }
 
-PtyRun run_on_pty(const std::vector<Exchange>& script, const std::function<void()>& fn,
-                  const std::map<std::string, std::string>& env) {
+PtyRun run_on_pty(const std::vector<Exchange>& script, const std::function<void()>& fn) {
   PtyRun run;
   const int master = posix_openpt(O_RDWR | O_NOCTTY);
   if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) {
@@ -137,7 +137,7 @@ PtyRun run_on_pty(const std::vector<Exchange>& script, const std::function<void(
     close(master);
     setsid();
     if (open(slave_name.c_str(), O_RDWR) < 0) _exit(3);  // becomes the controlling terminal
-    run_child(env, fn);
+    run_child({}, fn);
   }
   // Each expectation is looked for in what appeared after the last answer
   // was typed: a prompt shown again must be the new one.
@@ -163,8 +163,7 @@ PtyRun run_on_pty(const std::vector<Exchange>& script, const std::function<void(
       kill(pid, SIGKILL);
       break;
     }
-    const std::string typed = step.answer ? step.answer(run.screen) : step.send;
-    if (write(master, typed.data(), typed.size()) < 0) ADD_FAILURE() << "write to terminal";
+    if (write(master, step.send.data(), step.send.size()) < 0) ADD_FAILURE() << "write to terminal";
   }
   int status = 0;
   waitpid(pid, &status, 0);
@@ -256,6 +255,17 @@ void query_formats() {
   uint32_t length = 0;
   ASSERT_EQ(api.SsfQueryProperties("FORMATS", 7, nullptr, 0, &value, &length), SSF_OK);
   api.SsfDELSsfOctetstring(reinterpret_cast<unsigned char**>(&value), &length);
+}
+
+std::string hex_of(const std::string& bytes, char separator) {
+  return bv::platform::hex_text(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(),
+                                bv::platform::HexLetters::kLower, separator);
+}
+
+std::string bytes_of_hex(const std::string& hex) {
+  std::string bytes;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+  return bytes;
 }
 
 std::string run_command(const std::string& command, int* status) {

@@ -60,12 +60,9 @@ struct ChildResult {
 ChildResult run_isolated(const std::map<std::string, std::string>& env, const std::function<void()>& fn);
 
 // One exchange at a terminal: once the screen shows `expect` (after what
-// the last answer brought), type `send`, or what `answer` makes of the
-// screen so far.
+// the last answer brought), type `send`.
 struct Exchange {
-  std::string expect;
-  std::string send;
-  std::function<std::string(const std::string& screen)> answer = nullptr;
+  std::string expect, send;
 };
 
 struct PtyRun {
@@ -75,8 +72,7 @@ struct PtyRun {
 
 // Runs `fn` as run_isolated does, in a child whose controlling terminal is
 // a new pseudo-terminal, plays `script` on it and returns the screen.
-PtyRun run_on_pty(const std::vector<Exchange>& script, const std::function<void()>& fn,
-                  const std::map<std::string, std::string>& env = {});
+PtyRun run_on_pty(const std::vector<Exchange>& script, const std::function<void()>& fn);
 
 // The environment for run_isolated under which the library traces: a common
 // folder <dir>/common whose Brelvantec/registry.reg sets libbvsapssf.so to
@@ -130,6 +126,11 @@ class CoreTrace {
 // at level 2; the library prints its settings at level 3 while loading.
 void query_formats();
 inline bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// Bytes as lower-case hex text (`separator`, unless '\0', between the pairs),
+// and hex text (digit pairs, nothing else) as bytes.
+std::string hex_of(const std::string& bytes, char separator = '\0');
+std::string bytes_of_hex(const std::string& hex);
 
 // Runs a shell command and returns its standard output; exit code in *status.
 std::string run_command(const std::string& command, int* status = nullptr);

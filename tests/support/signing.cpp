@@ -7,11 +7,10 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <sstream>
 
-#include "advapi32/keys.h"
-#include "advapi32/provider.h"
 #include "crypt32/store.h"
 
 namespace bv::test {
@@ -27,31 +26,18 @@ std::map<std::string, std::string> SigningWorld::env(const std::map<std::string,
   return all;
 }
 
+std::map<std::string, std::string> SigningWorld::traced_env(const TempDir& traced, int level) const {
+  auto all = trace_env(traced, level);
+  std::filesystem::copy(common() + "/Brelvantec/Certificates", traced / "common/Brelvantec/Certificates",
+                        std::filesystem::copy_options::recursive);
+  all["BV_PLATFORM_LOCAL_APPDATA"] = local();
+  return all;
+}
+
 void SigningWorld::apply_environment() const {
   setenv("BV_PLATFORM_LOCAL_APPDATA", local().c_str(), 1);
   setenv("BV_PLATFORM_COMMON_APPDATA", common().c_str(), 1);
   bv::platform::forget_cached_stores();
-}
-
-void give_pin(PCCERT_CONTEXT context, const char* pin) {
-  DWORD size = 0;
-  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &size));
-  std::vector<BYTE> buffer(size);
-  ASSERT_TRUE(CertGetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID, buffer.data(), &size));
-  std::string copy = pin != nullptr ? pin : "";
-  CRYPT_KEY_PROV_PARAM param{PP_KEYEXCHANGE_PIN, pin != nullptr ? reinterpret_cast<BYTE*>(copy.data()) : nullptr,
-                             pin != nullptr ? static_cast<DWORD>(copy.size() + 1) : 0, 0};
-  auto* info = reinterpret_cast<CRYPT_KEY_PROV_INFO*>(buffer.data());
-  info->cProvParam = 1;
-  info->rgProvParam = &param;
-  ASSERT_TRUE(CertSetCertificateContextProperty(context, CERT_KEY_PROV_INFO_PROP_ID,
-                                                CERT_SET_PROPERTY_INHIBIT_PERSIST_FLAG, info));
-}
-
-bool key_opened(HCRYPTPROV provider) {
-  BYTE value[8];
-  DWORD size = sizeof value;
-  return CryptGetProvParam(provider, PP_KEY_OPENED, value, &size, 0) != 0;
 }
 
 const SigningWorld& SigningWorld::get() {
@@ -205,17 +191,6 @@ SignOutcome sign_through_export(const std::map<std::string, std::string>& env, c
   SignOutcome outcome = read_outcome(exchange / "outcome", exchange / "signed");
   outcome.child_stderr = child.stderr_text;
   return outcome;
-}
-
-SignOutcome sign_at_terminal(const std::map<std::string, std::string>& env, const SignRequest& request,
-                             const std::string& prompt, const std::function<std::string(const std::string&)>& answer,
-                             std::string* screen) {
-  TempDir exchange;
-  const PtyRun run = run_on_pty({{prompt, "", answer}},
-                                [&] { sign_here(request, exchange / "outcome", exchange / "signed"); }, env);
-  EXPECT_EQ(run.exit_code, 0) << run.screen;
-  if (screen != nullptr) *screen = run.screen;
-  return read_outcome(exchange / "outcome", exchange / "signed");
 }
 
 int openssl_cms_verify(const std::string& message, const std::string& ca_file, const std::string& signer_certs,

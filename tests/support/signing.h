@@ -44,15 +44,12 @@ struct SigningWorld {
   void apply_environment() const;
   // The folders and, on top, `extra` settings.
   std::map<std::string, std::string> env(const std::map<std::string, std::string>& extra = {}) const;
+  // The same stores under trace_env(traced, level), the common ones copied there.
+  std::map<std::string, std::string> traced_env(const TempDir& traced, int level = 4) const;
 
   static const SigningWorld& get();  // made once per test program
 };
 
-// Hands `pin` to the certificate's key link as the signer search does: one
-// PP_KEYEXCHANGE_PIN parameter, in a property that is not persisted.
-void give_pin(PCCERT_CONTEXT context, const char* pin);
-// Whether the provider's key opened (parameter 109).
-bool key_opened(HCRYPTPROV provider);
 
 struct SignerSpec {
   std::string id, profile, pin;
@@ -83,18 +80,13 @@ struct SignOutcome {
 // Loads the library in a child process with `env` and runs SsfSign there.
 SignOutcome sign_through_export(const std::map<std::string, std::string>& env, const SignRequest& request);
 
-// The same with the call's process on a pseudo-terminal of its own: when
-// the screen shows `prompt`, what `answer` returns for the screen so far is
-// typed.
-SignOutcome sign_at_terminal(const std::map<std::string, std::string>& env, const SignRequest& request,
-                             const std::string& prompt, const std::function<std::string(const std::string&)>& answer,
-                             std::string* screen = nullptr);
-
 // `openssl cms -verify` of a DER message against `ca_file`; `signer_certs`
 // (PEM, may be empty) for messages without certificates, `content` for
 // detached ones.  Returns the exit status; the content that came out is
 // put in *out_content.
 int openssl_cms_verify(const std::string& message, const std::string& ca_file, const std::string& signer_certs,
                        const std::string* content, std::string* out_content, std::string* diagnostics);
+
+
 
 }  // namespace bv::test

@@ -195,7 +195,7 @@ int command_import(const Arguments& arguments) {
   if (key && !bv::platform::key_matches_certificate(key.get(), certificate.get()))
     throw Failure{"the key is not the certificate's"};
   make_folders(folder);
-  const std::string stem = folder + "/" + certificate_hash(certificate.get());
+  const std::string stem = folder + "/" + certificate_hash(certificate.get(), bv::platform::HexLetters::kLower);
   const std::string key_file = bv::platform::key_file_for(stem + ".cer");
   // The key first: a key file without its certificate is never read.
   if (key && !bv::platform::write_key_file(key_file, key.get(), arguments.pin))

@@ -4,7 +4,6 @@
 
 #include <stdexcept>
 
-#include "kernel32/hex.h"
 
 namespace bv::pki {
 namespace {
@@ -174,11 +173,11 @@ std::string pem_of(EVP_PKEY* key, const std::string& pin) {
   });
 }
 
-std::string certificate_hash(X509* certificate) {
+std::string certificate_hash(X509* certificate, bv::platform::HexLetters letters) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int length = 0;
   check(X509_digest(certificate, EVP_sha1(), digest, &length) == 1, "certificate hash");
-  return bv::platform::hex_text(digest, length, bv::platform::HexLetters::kUpper);
+  return bv::platform::hex_text(digest, length, letters);
 }
 
 }  // namespace bv::pki

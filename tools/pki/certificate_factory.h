@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "kernel32/hex.h"
 #include "openssl/ossl.h"
 
 namespace bv::pki {
@@ -62,7 +63,8 @@ std::string pem_of(X509_CRL* crl);
 // PKCS #8, encrypted under `pin` unless it is empty.
 std::string pem_of(EVP_PKEY* key, const std::string& pin = {});
 
-// SHA-1 of the certificate's encoding, 40 upper-case hex digits.
-std::string certificate_hash(X509* certificate);
+// SHA-1 of the certificate's encoding, 40 hex digits: upper case as an
+// identity is shown, lower case as a stored file is named.
+std::string certificate_hash(X509* certificate, bv::platform::HexLetters letters = bv::platform::HexLetters::kUpper);
 
 }  // namespace bv::pki

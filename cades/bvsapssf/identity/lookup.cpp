@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "bvsapssf.h"
+#include "frame.h"
 #include "identity/chain_policy.h"
 #include "identity/identity.h"
 #include "identity/selection.h"
@@ -72,7 +73,7 @@ bv::platform::CertStore open_profile_store(const char* name, int32_t nameL, Prof
 SearchStep search_signer_certificate(const char* trace_function, SsfInfo* info, int index,
                                CMSG_SIGNER_ENCODE_INFO* encode, SignerSearch& search) {
   info->Result = SSF_RES_UNKNOWN;
-  if (info->strSigRcpIdL <= 0) {
+  if (bv::frame::field_length(info->strSigRcpId, info->strSigRcpIdL) <= 0) {
     BV_TRACE(TRACE_NORMAL, "#error#: strSigRcpIdL <= 0\n");
     info->Result = SSF_RES_UNKNOWN;
     ++search.failures;
@@ -89,11 +90,12 @@ SearchStep search_signer_certificate(const char* trace_function, SsfInfo* info, 
 
   encode->cbSize = sizeof(CMSG_SIGNER_ENCODE_INFO);
 
-  if (info->ProfileL > 0) {
-    const std::string profile(info->Profile, static_cast<size_t>(info->ProfileL));
+  const int32_t profileL = bv::frame::field_length(info->Profile, info->ProfileL);
+  if (profileL > 0) {
+    const std::string profile(info->Profile, static_cast<size_t>(profileL));
     BV_TRACE(TRACE_DETAIL, "#trace# Signer %d Store = %s.\n", index, profile.c_str());
   }
-  const bv::platform::CertStore store = open_profile_store(info->Profile, info->ProfileL, ProfileStoreUse::Sign);
+  const bv::platform::CertStore store = open_profile_store(info->Profile, profileL, ProfileStoreUse::Sign);
   if (!store) {
     BV_TRACE(TRACE_NORMAL, "#error#: Invalid store in user's profile\n");
     info->Result = SSF_RES_INVALID_PROFILE;

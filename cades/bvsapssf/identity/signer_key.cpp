@@ -6,6 +6,7 @@
 #include "advapi32/keys.h"
 #include "advapi32/provider.h"
 #include "bvsapssf.h"
+#include "frame.h"
 #include "identity/hash_oid.h"
 #include "kernel32/kernel32.h"
 #include "reporter.h"
@@ -29,8 +30,9 @@ void free_signer_certs(SignerCertList& certs) {
 }
 
 int32_t IsPinExplicit(const SsfInfo& info) {
-  if (info.PasswordL >= 1 && info.PasswordL <= 3 && info.Password[0] == '!') return 0;
-  if (info.PasswordL == 0) return config.globalAskPinWhenEmpty ? 0 : 1;
+  const int32_t pin_length = bv::frame::field_length(info.Password, info.PasswordL);
+  if (pin_length >= 1 && pin_length <= 3 && info.Password[0] == '!') return 0;
+  if (pin_length == 0) return config.globalAskPinWhenEmpty ? 0 : 1;
   return 1;
 }
 
@@ -55,14 +57,14 @@ SearchStep acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, S
   }
 
   // A negative length is a PIN no text can have: the call ends here.
-  if (info->PasswordL < 0) return SearchStep::CallEnds;
-  const std::string pin = info->PasswordL == 0 ? std::string()
-                                                : std::string(info->Password, static_cast<size_t>(info->PasswordL));
+  const int32_t pin_length = bv::frame::field_length(info->Password, info->PasswordL);
+  if (pin_length < 0) return SearchStep::CallEnds;
+  const std::string pin = pin_length == 0 ? std::string() : std::string(info->Password, static_cast<size_t>(pin_length));
   CRYPT_KEY_PROV_PARAM pin_param{};
   pin_param.dwParam = kKeyExchangePinParam;
-  if (pin_explicit == 1 && info->PasswordL > 0) {
+  if (pin_explicit == 1 && pin_length > 0) {
     pin_param.pbData = reinterpret_cast<BYTE*>(const_cast<char*>(pin.c_str()));
-    pin_param.cbData = static_cast<DWORD>(info->PasswordL) + 1;
+    pin_param.cbData = static_cast<DWORD>(pin_length) + 1;
   }
   pin_param.dwFlags = 0;
   auto* prov_info = reinterpret_cast<CRYPT_KEY_PROV_INFO*>(prov_info_buffer.get());

@@ -308,11 +308,15 @@ std::shared_ptr<const FolderContents> folder_contents(const std::string& folder)
   return contents;
 }
 
-std::string hex_name(const BYTE* bytes, size_t length) { return hex_text(bytes, length, HexLetters::kLower); }
-
-// Writes a certificate into a store folder as <sha1>.cer, atomically.
-bool write_certificate_file(const std::string& folder, const ParsedCertificate& parsed) {
-  const std::string path = folder + "/" + hex_name(parsed.sha1, sizeof parsed.sha1) + ".cer";
+// Writes a certificate into a store folder, atomically: over the DER file
+// the store read it from when it holds it already (whatever the case of
+// that name, so a store filled by hand or an older tool gets no twin),
+// otherwise as <sha1 in lower-case hex>.cer.
+bool write_certificate_file(const std::string& folder, const ParsedCertificate& parsed, const CertElement* held) {
+  const std::string& held_file = held != nullptr ? held->parsed->file : std::string();
+  const bool rewrite_held = kind_of(held_file) == FileKind::kDer && held_file.rfind(folder + "/", 0) == 0;
+  const std::string path =
+      rewrite_held ? held_file : folder + "/" + hex_text(parsed.sha1, sizeof parsed.sha1, HexLetters::kLower) + ".cer";
   const int error = replace_file(
       path, std::string_view(reinterpret_cast<const char*>(parsed.encoded.data()), parsed.encoded.size()), 0644);
   if (error != 0) {
@@ -764,7 +768,8 @@ BOOL CertAddCertificateContextToStore(HCERTSTORE hCertStore, PCCERT_CONTEXT pCer
       return TRUE;
     }
   }
-  if (!store->folder.empty() && !write_certificate_file(store->folder, *source->parsed)) return FALSE;
+  const CertElement* held = existing != store->elements.end() ? *existing : nullptr;
+  if (!store->folder.empty() && !write_certificate_file(store->folder, *source->parsed, held)) return FALSE;
   CertElement* added = new_element(store, source->parsed);
   if (source != added) copy_properties(*source, *added);
   if (existing != store->elements.end() && dwAddDisposition != CERT_STORE_ADD_ALWAYS) {
