@@ -45,7 +45,7 @@ bv::platform::CertStore open_profile_store(const char* name, int32_t nameL, Prof
   if (nameL > 0)
     store_name.assign(name, static_cast<size_t>(nameL));
   else
-    store_name = use == ProfileStoreUse::Envelope ? "Addressbook" : "My";
+    store_name = use == ProfileStoreUse::Envelope || use == ProfileStoreUse::Verify ? "Addressbook" : "My";
 
   // The whole name is copied, then read as a terminated text.
   const char* rest = store_name.c_str();

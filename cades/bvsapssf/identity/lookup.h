@@ -11,7 +11,7 @@
 #include "identity/signer_key.h"
 
 // Which operation opens the store: the default name and the flags differ.
-enum class ProfileStoreUse { Sign, AddSign, Develope, Envelope };
+enum class ProfileStoreUse { Sign, AddSign, Develope, Envelope, Verify };
 
 // Opens the system store that `name` names (counted text; "m" and "u" pick
 // the location, "<TIME>" and 14 leading digits are skipped).  A length of 0

@@ -166,7 +166,6 @@ BV_CADES_DELETER(bv::cades::CompleteCertificateRefs, bv::cades::sk_OtherCertID_p
 BV_CADES_DELETER(bv::cades::CompleteRevocationRefs, bv::cades::sk_CrlOcspRef_pop_free(p, bv::cades::CrlOcspRef_free))
 BV_CADES_DELETER(X509_ATTRIBUTE, X509_ATTRIBUTE_free(p))
 BV_CADES_DELETER(OCSP_RESPID, OCSP_RESPID_free(p))
-BV_CADES_DELETER(ASN1_TYPE, ASN1_TYPE_free(p))
 BV_CADES_DELETER(ESS_SIGNING_CERT_V2, ESS_SIGNING_CERT_V2_free(p))
 BV_CADES_DELETER(STACK_OF(ASN1_TYPE), sk_ASN1_TYPE_pop_free(p, ASN1_TYPE_free))
 #undef BV_CADES_DELETER

@@ -135,7 +135,8 @@ class SignerCheck {
     }
 
     // 8. Signature and message digest.
-    if (!signature_valid(has_attributes)) return failed(CADES_VERIFY_INVALID_SIGNATURE, NTE_BAD_SIGNATURE);
+    if (!bv::platform::verify_signer(message_, signer_, cert_.get()))
+      return failed(CADES_VERIFY_INVALID_SIGNATURE, GetLastError());
 
     // 3. The signature time stamps; the first one's time is the validation time.
     const std::string_view signature = bytes_of(CMS_SignerInfo_get0_signature(signer_));
@@ -272,25 +273,6 @@ class SignerCheck {
     auto* time = new FILETIME{};
     if (bv::platform::filetime_from_asn1(value->value.asn1_string, *time)) info.pSigningTime = time;
     else delete time;
-  }
-
-  // Signature over the signed attributes and their message digest over the
-  // content, or the signature over the content itself.
-  bool signature_valid(bool has_attributes) {
-    CMS_ContentInfo* cms = message_.cms();
-    const std::vector<BYTE>* detached = message_.detached_content();
-    UniquePtr<BIO> content(detached != nullptr ? BIO_new_mem_buf(detached->empty() ? "" : static_cast<const void*>(detached->data()),
-                                                                  static_cast<int>(detached->size()))
-                                               : nullptr);
-    CMS_SignerInfo_set1_signer_cert(signer_, cert_.get());
-    if (has_attributes && CMS_SignerInfo_verify(signer_) != 1) return false;
-    UniquePtr<BIO> chain(CMS_dataInit(cms, content.get()));
-    if (!chain) return false;
-    content.release();  // the chain owns it now
-    char buffer[16384];
-    while (BIO_read(chain.get(), buffer, sizeof buffer) > 0) {
-    }
-    return CMS_SignerInfo_verify_content(signer_, chain.get()) == 1;
   }
 
   // A time stamp token over `covered`: signed by an authority with the

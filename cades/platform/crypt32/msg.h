@@ -53,6 +53,40 @@ constexpr DWORD CMSG_ENCODED_SIGNER = 28;
 constexpr DWORD CMSG_ENCODED_MESSAGE = 29;
 constexpr DWORD CMSG_VERSION_PARAM = 30;
 
+// What CMSG_SIGNER_INFO_PARAM gives: one signer as the message holds it,
+// attribute values DER-encoded, the serial number little-endian.
+struct CMSG_SIGNER_INFO {
+  DWORD dwVersion;
+  CERT_NAME_BLOB Issuer;
+  CRYPT_INTEGER_BLOB SerialNumber;
+  CRYPT_ALGORITHM_IDENTIFIER HashAlgorithm;
+  CRYPT_ALGORITHM_IDENTIFIER HashEncryptionAlgorithm;
+  CRYPT_DATA_BLOB EncryptedHash;
+  CRYPT_ATTRIBUTES AuthAttrs;
+  CRYPT_ATTRIBUTES UnauthAttrs;
+};
+static_assert(sizeof(CMSG_SIGNER_INFO) == 136);
+
+// Controls of CryptMsgControl.
+constexpr DWORD CMSG_CTRL_VERIFY_SIGNATURE = 1;
+constexpr DWORD CMSG_CTRL_DECRYPT = 2;
+constexpr DWORD CMSG_CTRL_ADD_SIGNER = 6;
+constexpr DWORD CMSG_CTRL_ADD_CERT = 10;
+constexpr DWORD CMSG_CTRL_VERIFY_SIGNATURE_EX = 19;
+
+// Signer types of CMSG_CTRL_VERIFY_SIGNATURE_EX.
+constexpr DWORD CMSG_VERIFY_SIGNER_PUBKEY = 1;
+constexpr DWORD CMSG_VERIFY_SIGNER_CERT = 2;
+
+struct CMSG_CTRL_VERIFY_SIGNATURE_EX_PARA {
+  DWORD cbSize;
+  HCRYPTPROV_LEGACY hCryptProv;
+  DWORD dwSignerIndex;
+  DWORD dwSignerType;
+  void* pvSigner;  // a PCCERT_CONTEXT for CMSG_VERIFY_SIGNER_CERT
+};
+static_assert(sizeof(CMSG_CTRL_VERIFY_SIGNATURE_EX_PARA) == 32);
+
 using PFN_CMSG_STREAM_OUTPUT = BOOL (*)(const void* pvArg, BYTE* pbData, DWORD cbData, BOOL fFinal);
 
 struct CMSG_STREAM_INFO {

@@ -34,6 +34,11 @@ class DecodedSigned {
   ~DecodedSigned() = default;
 };
 
+// Proves `signer`'s signature with `cert`: over the signed attributes and
+// their message digest over the content, or over the content itself.  False
+// with NTE_BAD_SIGNATURE or CRYPT_E_HASH_VALUE (a digest that disagrees).
+bool verify_signer(DecodedSigned& message, CMS_SignerInfo* signer, X509* cert);
+
 // The decoded signed message behind a handle, or null with the last error.
 DecodedSigned* decoded_signed(HCRYPTMSG handle);
 

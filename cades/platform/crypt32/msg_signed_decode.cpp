@@ -5,7 +5,10 @@
 #include <utility>
 #include <vector>
 
+#include "crypt32/cert.h"
+#include "crypt32/flat_record.h"
 #include "crypt32/msg_internal.h"
+#include "crypt32/store.h"
 #include "kernel32/kernel32.h"
 #include "output_space.h"
 
@@ -13,6 +16,89 @@ namespace bv::platform {
 namespace {
 
 using bv::ossl::fail;
+using bv::ossl::UniquePtr;
+
+std::string oid_text(const ASN1_OBJECT* oid) {
+  char text[128];
+  const int length = OBJ_obj2txt(text, sizeof text, oid, 1);
+  return length > 0 && length < static_cast<int>(sizeof text) ? std::string(text) : std::string();
+}
+
+template <typename Object, typename Encode>
+std::string der_text(const Object* object, Encode encode) {
+  unsigned char* der = nullptr;
+  const int length = encode(object, &der);
+  std::string out;
+  if (length > 0) out.assign(reinterpret_cast<char*>(der), static_cast<size_t>(length));
+  OPENSSL_free(der);
+  return out;
+}
+
+// A blob field of the record at `field` filled with `bytes`.
+void put_blob(FlatRecord& record, size_t field, const std::string& bytes) {
+  record.at<CRYPT_INTEGER_BLOB>(field).cbData = static_cast<DWORD>(bytes.size());
+  record.point(field + offsetof(CRYPT_INTEGER_BLOB, pbData), record.add_bytes(bytes.data(), bytes.size()));
+}
+
+void put_algorithm(FlatRecord& record, size_t field, const X509_ALGOR* algorithm) {
+  if (algorithm == nullptr) return;
+  const ASN1_OBJECT* oid = nullptr;
+  int parameter_type = V_ASN1_UNDEF;
+  const void* parameter = nullptr;
+  X509_ALGOR_get0(&oid, &parameter_type, &parameter, algorithm);
+  record.point(field + offsetof(CRYPT_ALGORITHM_IDENTIFIER, pszObjId), record.add_text(oid_text(oid)));
+  if (parameter_type != V_ASN1_UNDEF) {
+    UniquePtr<ASN1_TYPE> value(ASN1_TYPE_new());
+    if (value && ASN1_TYPE_set1(value.get(), parameter_type, parameter))
+      put_blob(record, field + offsetof(CRYPT_ALGORITHM_IDENTIFIER, Parameters), der_text(value.get(), i2d_ASN1_TYPE));
+  }
+}
+
+// CryptoAPI keeps serial numbers little-endian.
+std::string little_endian_serial(const ASN1_INTEGER* serial) {
+  std::string bytes = der_text(serial, i2d_ASN1_INTEGER);
+  // Tag and length go: the content octets, big-endian with their sign byte.
+  const auto* cursor = reinterpret_cast<const unsigned char*>(bytes.data());
+  long length = 0;
+  int tag = 0, tag_class = 0;
+  if (bytes.empty() || (ASN1_get_object(&cursor, &length, &tag, &tag_class, static_cast<long>(bytes.size())) & 0x80) != 0)
+    return {};
+  std::string content(reinterpret_cast<const char*>(cursor), static_cast<size_t>(length));
+  return std::string(content.rbegin(), content.rend());
+}
+
+void put_attributes(FlatRecord& record, size_t field, CMS_SignerInfo* signer, bool authenticated) {
+  const int count = authenticated ? CMS_signed_get_attr_count(signer) : CMS_unsigned_get_attr_count(signer);
+  if (count <= 0) return;
+  record.at<CRYPT_ATTRIBUTES>(field).cAttr = static_cast<DWORD>(count);
+  const size_t attributes = record.reserve<CRYPT_ATTRIBUTE>(static_cast<size_t>(count));
+  record.point(field + offsetof(CRYPT_ATTRIBUTES, rgAttr), attributes);
+  for (int i = 0; i < count; ++i) {
+    X509_ATTRIBUTE* attribute = authenticated ? CMS_signed_get_attr(signer, i) : CMS_unsigned_get_attr(signer, i);
+    const size_t at = attributes + static_cast<size_t>(i) * sizeof(CRYPT_ATTRIBUTE);
+    record.point(at + offsetof(CRYPT_ATTRIBUTE, pszObjId), record.add_text(oid_text(X509_ATTRIBUTE_get0_object(attribute))));
+    const int values = X509_ATTRIBUTE_count(attribute);
+    record.at<CRYPT_ATTRIBUTE>(at).cValue = static_cast<DWORD>(values);
+    const size_t blobs = record.reserve<CRYPT_ATTR_BLOB>(static_cast<size_t>(values));
+    record.point(at + offsetof(CRYPT_ATTRIBUTE, rgValue), blobs);
+    for (int v = 0; v < values; ++v)
+      put_blob(record, blobs + static_cast<size_t>(v) * sizeof(CRYPT_ATTR_BLOB),
+               der_text(X509_ATTRIBUTE_get0_type(attribute, v), i2d_ASN1_TYPE));
+  }
+}
+
+// The signer's issuer (DER) and serial number (little-endian), as a
+// signer identifier names them; false for one named by key identifier.
+bool signer_issuer_serial(CMS_SignerInfo* signer, std::string& issuer, std::string& serial) {
+  ASN1_OCTET_STRING* key_id = nullptr;
+  X509_NAME* name = nullptr;
+  ASN1_INTEGER* number = nullptr;
+  if (CMS_SignerInfo_get0_signer_id(signer, &key_id, &name, &number) != 1 || name == nullptr || number == nullptr)
+    return false;
+  issuer = der_text(name, i2d_X509_NAME);
+  serial = little_endian_serial(number);
+  return true;
+}
 
 class SignedDecoder final : public MessageKind, public DecodedSigned {
  public:
@@ -69,10 +155,52 @@ class SignedDecoder final : public MessageKind, public DecodedSigned {
       }
       case CMSG_ENCODED_MESSAGE:
         return copy_der(cms, i2d_CMS_ContentInfo, data, size);
+      case CMSG_SIGNER_INFO_PARAM:
+      case CMSG_SIGNER_CERT_INFO_PARAM: {
+        CMS_SignerInfo* signer = signer_at(index);
+        std::string issuer, serial;
+        if (signer == nullptr) return false;
+        if (!signer_issuer_serial(signer, issuer, serial)) return fail(CRYPT_E_ISSUER_SERIALNUMBER);
+        if (param == CMSG_SIGNER_CERT_INFO_PARAM) {
+          FlatRecord record(sizeof(CERT_INFO));
+          put_blob(record, offsetof(CERT_INFO, Issuer), issuer);
+          put_blob(record, offsetof(CERT_INFO, SerialNumber), serial);
+          return record.copy_out(data, size);
+        }
+        FlatRecord record(sizeof(CMSG_SIGNER_INFO));
+        X509_ALGOR *digest = nullptr, *signature = nullptr;
+        CMS_SignerInfo_get0_algs(signer, nullptr, nullptr, &digest, &signature);
+        record.at<CMSG_SIGNER_INFO>(0).dwVersion = 1;  // named by issuer and serial number
+        put_blob(record, offsetof(CMSG_SIGNER_INFO, Issuer), issuer);
+        put_blob(record, offsetof(CMSG_SIGNER_INFO, SerialNumber), serial);
+        put_algorithm(record, offsetof(CMSG_SIGNER_INFO, HashAlgorithm), digest);
+        put_algorithm(record, offsetof(CMSG_SIGNER_INFO, HashEncryptionAlgorithm), signature);
+        const ASN1_OCTET_STRING* value = CMS_SignerInfo_get0_signature(signer);
+        put_blob(record, offsetof(CMSG_SIGNER_INFO, EncryptedHash),
+                 std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(value)),
+                             static_cast<size_t>(ASN1_STRING_length(value))));
+        put_attributes(record, offsetof(CMSG_SIGNER_INFO, AuthAttrs), signer, true);
+        put_attributes(record, offsetof(CMSG_SIGNER_INFO, UnauthAttrs), signer, false);
+        return record.copy_out(data, size);
+      }
       default:
         SetLastError(CRYPT_E_INVALID_MSG_TYPE);
         return false;
     }
+  }
+
+  // Signer `index` with the certificate a caller gives: the proof of its
+  // signature as the platform's message service gives it.
+  bool control(DWORD, DWORD control_type, const void* para) override {
+    if (control_type != CMSG_CTRL_VERIFY_SIGNATURE_EX) return fail(CRYPT_E_CONTROL_TYPE);
+    const auto* verify = static_cast<const CMSG_CTRL_VERIFY_SIGNATURE_EX_PARA*>(para);
+    if (verify == nullptr || verify->cbSize < sizeof(CMSG_CTRL_VERIFY_SIGNATURE_EX_PARA) ||
+        verify->dwSignerType != CMSG_VERIFY_SIGNER_CERT || verify->pvSigner == nullptr)
+      return fail(static_cast<DWORD>(E_INVALIDARG));
+    X509* cert = certificate_x509(static_cast<PCCERT_CONTEXT>(verify->pvSigner));
+    CMS_SignerInfo* signer = signer_at(verify->dwSignerIndex);
+    if (cert == nullptr || signer == nullptr) return false;
+    return verify_signer(*this, signer, cert);
   }
 
  private:
@@ -85,6 +213,16 @@ class SignedDecoder final : public MessageKind, public DecodedSigned {
     return encode(object, &out) == needed || fail(CRYPT_E_ASN1_ERROR);
   }
 
+ private:
+  CMS_SignerInfo* signer_at(DWORD index) {
+    STACK_OF(CMS_SignerInfo)* signers = CMS_get0_SignerInfos(content_.cms.get());
+    if (index >= static_cast<DWORD>(sk_CMS_SignerInfo_num(signers))) {
+      fail(CRYPT_E_INVALID_INDEX);
+      return nullptr;
+    }
+    return sk_CMS_SignerInfo_value(signers, static_cast<int>(index));
+  }
+
   DWORD flags_;
   DecodedContent content_;
   std::vector<BYTE> detached_content_;
@@ -92,6 +230,30 @@ class SignedDecoder final : public MessageKind, public DecodedSigned {
 };
 
 }  // namespace
+
+bool verify_signer(DecodedSigned& message, CMS_SignerInfo* signer, X509* cert) {
+  bv::ossl::gost_engine();
+  const std::vector<BYTE>* detached = message.detached_content();
+  if (CMS_get0_content(message.cms()) == nullptr || *CMS_get0_content(message.cms()) == nullptr) {
+    if (detached == nullptr) return fail(CRYPT_E_STREAM_MSG_NOT_READY);  // a detached message without its content
+  }
+  UniquePtr<BIO> content(detached != nullptr ? BIO_new_mem_buf(detached->empty() ? "" : static_cast<const void*>(detached->data()),
+                                                                static_cast<int>(detached->size()))
+                                             : nullptr);
+  CMS_SignerInfo_set1_signer_cert(signer, cert);
+  const bool has_attributes = CMS_signed_get_attr_count(signer) > 0;
+  if (has_attributes && CMS_SignerInfo_verify(signer) != 1) return fail(NTE_BAD_SIGNATURE);
+  UniquePtr<BIO> chain(CMS_dataInit(message.cms(), content.get()));
+  if (!chain) return fail(CRYPT_E_MSG_ERROR);
+  content.release();  // the chain owns it now
+  char buffer[16384];
+  while (BIO_read(chain.get(), buffer, sizeof buffer) > 0) {
+  }
+  if (CMS_SignerInfo_verify_content(signer, chain.get()) != 1)
+    return fail(has_attributes ? CRYPT_E_HASH_VALUE : NTE_BAD_SIGNATURE);
+  ERR_clear_error();
+  return true;
+}
 
 std::unique_ptr<MessageKind> open_signed_decoder(DWORD flags, DecodedContent content) {
   return std::make_unique<SignedDecoder>(flags, std::move(content));
