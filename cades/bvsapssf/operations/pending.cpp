@@ -31,12 +31,6 @@ bool clear_output(unsigned char** data, uint32_t* length) {
 
 extern "C" {
 
-SSF_RC SsfVerify(const char*, int32_t, SSF_BOOL, const unsigned char*, int32_t, const unsigned char*, int32_t,
-                 const char*, int32_t, const char*, int32_t, SsfInfoNode** signerList, unsigned char** ostrOutputData,
-                 uint32_t* ostrOutputDataL) {
-  return not_yet("SsfVerify", signerList != nullptr && ostrOutputData != nullptr && ostrOutputDataL != nullptr);
-}
-
 SSF_RC SsfEnvelope(const char*, int32_t, const char*, int32_t, const unsigned char*, int32_t, const char*, int32_t,
                    const char*, int32_t, SsfInfoNode*, unsigned char** ostrEnvelopedData,
                    uint32_t* ostrEnvelopedDataL) {

@@ -1,0 +1,176 @@
+// SsfVerify as a host calls it, on messages from SsfSign and from openssl
+// cms, good and damaged: the code, the content and every signer's record.
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "certs.h"
+#include "signing.h"
+
+namespace bv::test {
+namespace {
+
+struct Record {
+  int32_t result = -1;
+  std::string id, times;
+  size_t certificate_length = 0;
+};
+
+struct Verified {
+  uint32_t rc = 99;
+  std::string content;
+  std::vector<Record> records;
+};
+
+// SsfVerify in a child with `env`; the records come back through a file.
+Verified verify_through_export(const std::map<std::string, std::string>& env, const std::string& format,
+                               const std::string& message, const std::string* input, const std::string& pab = "") {
+  TempDir exchange;
+  const ChildResult child = run_isolated(env, [&] {
+    const SsfApi& api = SsfApi::get();
+    SsfInfoNode* list = nullptr;
+    unsigned char* out = nullptr;
+    uint32_t out_length = 0;
+    const SSF_RC rc = api.SsfVerify(
+        format.data(), static_cast<int32_t>(format.size()), 0, reinterpret_cast<const unsigned char*>(message.data()),
+        static_cast<int32_t>(message.size()),
+        input != nullptr ? reinterpret_cast<const unsigned char*>(input->data()) : nullptr,
+        input != nullptr ? static_cast<int32_t>(input->size()) : 0, pab.empty() ? nullptr : pab.data(),
+        static_cast<int32_t>(pab.size()), nullptr, 0, &list, &out, &out_length);
+    std::ostringstream text;
+    text << rc << "\n";
+    for (SsfInfoNode* node = list; node != nullptr; node = node->next) {
+      const SsfInfo& info = *node->info;
+      std::string times(info.Profile != nullptr ? info.Profile : "", static_cast<size_t>(info.ProfileL));
+      for (char& c : times)
+        if (c == '\0') c = '|';
+      text << info.Result << "\t" << std::string(info.strSigRcpId, static_cast<size_t>(info.strSigRcpIdL)) << "\t"
+           << times << "\t" << info.PasswordL << "\n";
+    }
+    write_file(exchange / "records", text.str());
+    write_file(exchange / "content", std::string(reinterpret_cast<char*>(out), out != nullptr ? out_length : 0));
+    api.SsfDELSsfOctetstring(&out, &out_length);
+    api.SsfDELSigRcpSsfInfoList(&list);
+  });
+  EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
+  Verified verified;
+  std::istringstream lines(read_file(exchange / "records"));
+  std::string line;
+  if (std::getline(lines, line)) verified.rc = static_cast<uint32_t>(std::stoul(line));
+  while (std::getline(lines, line)) {
+    std::istringstream fields(line);
+    Record record;
+    std::string result, length;
+    std::getline(fields, result, '\t');
+    std::getline(fields, record.id, '\t');
+    std::getline(fields, record.times, '\t');
+    std::getline(fields, length, '\t');
+    record.result = std::stoi(result);
+    record.certificate_length = std::stoul(length);
+    verified.records.push_back(record);
+  }
+  verified.content = read_file(exchange / "content");
+  return verified;
+}
+
+std::string signed_by_library(const std::string& format, bool detached, bool certs,
+                              const std::vector<SignerSpec>& signers, const std::string& tsa_url = "") {
+  const SigningWorld& w = SigningWorld::get();
+  SignRequest request;
+  request.format = format;
+  request.detached = detached;
+  request.include_certs = certs;
+  request.signers = signers;
+  const SignOutcome outcome = sign_through_export(w.env({{"BV_CADES_DEFAULT_TSP", tsa_url}}), request);
+  EXPECT_EQ(outcome.rc, 0u) << outcome.child_stderr;
+  return outcome.signed_data;
+}
+
+std::string signed_by_openssl(const TestCert& signer, const std::string& key_file, const std::string& data,
+                              const std::string& options) {
+  TempDir dir;
+  write_file(dir / "data", data);
+  write_file(dir / "key.pem", read_file(key_file));
+  write_file(dir / "engine.cnf", kGostEngineConfig);
+  run_checked("OPENSSL_CONF='" + (dir / "engine.cnf") + "' openssl cms -sign -binary -outform DER -in '" +
+              (dir / "data") + "' -signer '" + signer.cert_pem + "' -inkey '" + (dir / "key.pem") + "' " + options +
+              " -out '" + (dir / "m.der") + "'");
+  return read_file(dir / "m.der");
+}
+
+std::string flip_byte(std::string message, const std::string& inside) {
+  message[message.find(inside) + inside.size() / 2] ^= 0x01;
+  return message;
+}
+
+TEST(Verify, MessagesAndTheirRecords) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir dir;
+  TimeStampServer tsa(dir.path(), w.tsa.cert_pem, w.dir / "pki/tsa.key");
+  const std::string data = "data to be signed";  // what signed_by_library signs
+  const SignerSpec alice{"CN=Alice", "", "1111"}, bob{"CN=Bob", "", "2222"}, carol{"CN=Carol", "", ""};
+  const std::string pkcs7 = signed_by_library("PKCS7", false, true, {alice, bob});
+  const std::string detached = signed_by_library("PKCS7", true, true, {carol});
+  const std::string bare = signed_by_library("PKCS7", false, false, {alice});
+  const std::string cades = signed_by_library("CADES", false, false, {bob}, tsa.url());
+  const std::string by_openssl = signed_by_openssl(w.carol, w.my("03-carol.key"), data, "-noattr -nodetach");
+  const std::string by_openssl_cades = signed_by_openssl(w.carol, w.my("03-carol.key"), data, "-cades -nodetach");
+
+  struct Case {
+    const char* name;
+    std::string format, message;
+    const std::string* input;
+    std::string pab;
+    uint32_t rc;
+    std::vector<int32_t> results;
+    const char* id_part;  // in the first record's identifier
+  };
+  const std::string other = "other data";
+  const Case cases[] = {
+      {"two signers", "PKCS7", pkcs7, nullptr, "", SSF_OK, {0, 0}, "CN=Alice"},
+      {"detached with its content", "PKCS7", detached, &data, "", SSF_OK, {0}, "CN=Carol"},
+      {"detached without content", "PKCS7", detached, nullptr, "", SSF_ERR_INPUT, {}, ""},
+      {"no certificate anywhere", "PKCS7", bare, nullptr, "", SSF_ERR_SIGNER, {26}, "Noserialnumber"},
+      {"certificate in the named store", "PKCS7", bare, nullptr, "My", SSF_OK, {0}, "CN=Alice"},
+      {"content changed", "PKCS7", flip_byte(pkcs7, data), nullptr, "", SSF_ERR_SIGNER, {27, 27}, "CN=Alice"},
+      {"given input differs", "PKCS7", pkcs7, &other, "", SSF_ERR_INPUT, {0, 0}, "CN=Alice"},
+      {"not a message", "PKCS7", data, nullptr, "", SSF_ERR_DECODE, {}, ""},
+      {"CAdES", "CADES", cades, nullptr, "", SSF_OK, {0}, "CN=Bob"},
+      {"CAdES found by PKCS7_ANY", "PKCS7_ANY", cades, nullptr, "", SSF_OK, {0}, "CN=Bob"},
+      {"openssl, no attributes", "PKCS7", by_openssl, nullptr, "", SSF_OK, {0}, "CN=Carol"},
+      {"openssl, CAdES-BES", "PKCS7", by_openssl_cades, nullptr, "", SSF_OK, {0}, "CN=Carol"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Verified v = verify_through_export(w.env(), c.format, c.message, c.input, c.pab);
+    EXPECT_EQ(v.rc, c.rc);
+    std::vector<int32_t> results;
+    for (const Record& r : v.records) results.push_back(r.result);
+    EXPECT_EQ(results, c.results);
+    if (!v.records.empty()) EXPECT_NE(v.records[0].id.find(c.id_part), std::string::npos) << v.records[0].id;
+    if (c.rc == SSF_OK) {
+      EXPECT_EQ(v.content, data);
+      EXPECT_GT(v.records[0].certificate_length, 0u);
+    }
+  }
+}
+
+// A CAdES record carries both times: the signing time, then behind a zero
+// byte the time stamp's.
+TEST(Verify, CadesRecordTellsBothTimes) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir dir;
+  TimeStampServer tsa(dir.path(), w.tsa.cert_pem, w.dir / "pki/tsa.key");
+  const std::string cades = signed_by_library("CADES", false, true, {{"CN=Alice", "", "1111"}}, tsa.url());
+  const Verified v = verify_through_export(w.env(), "CADES", cades, nullptr);
+  ASSERT_EQ(v.records.size(), 1u);
+  const std::string& times = v.records[0].times;
+  EXPECT_EQ(times.rfind("SigningTime= ", 0), 0u) << times;
+  EXPECT_NE(times.find("Z)|SigningTime= "), std::string::npos) << times;
+  EXPECT_NE(times.find(" extracted from timestamp"), std::string::npos) << times;
+}
+
+}  // namespace
+}  // namespace bv::test
