@@ -1,4 +1,6 @@
-// sign: SsfSign over a file, with signers given as ID[:PROFILE[:PIN]].
+// sign and verify: SsfSign over a file, with signers given as
+// ID[:PROFILE[:PIN]], and SsfVerify of a message with each signer's record.
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -92,6 +94,60 @@ int sign(const std::vector<std::string>& args) {
   if (list != nullptr) lib.SsfDELSigRcpSsfInfoList(&list);
   return bvssf::report(rc);
 }
+
+int verify(const std::vector<std::string>& args) {
+  std::vector<std::string> positional;
+  std::string content_file, pab, out_file;
+  for (size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--content" && i + 1 < args.size()) content_file = args[++i];
+    else if (args[i] == "--pab" && i + 1 < args.size()) pab = args[++i];
+    else if (args[i] == "--out" && i + 1 < args.size()) out_file = args[++i];
+    else positional.push_back(args[i]);
+  }
+  if (positional.size() != 2) {
+    std::fprintf(stderr, "bvssf verify: usage: bvssf verify FORMAT MSG [--content FILE] [--pab STORE] [--out FILE]\n");
+    return 2;
+  }
+  const auto& lib = bvssf::library();
+  const std::string& format = positional[0];
+  const std::string message = bvssf::read_file(positional[1]);
+  const std::string content = content_file.empty() ? std::string() : bvssf::read_file(content_file);
+  SsfInfoNode* list = nullptr;
+  unsigned char* out = nullptr;
+  uint32_t out_length = 0;
+  const SSF_RC rc = lib.SsfVerify(
+      format.data(), static_cast<int32_t>(format.size()), 0, reinterpret_cast<const unsigned char*>(message.data()),
+      static_cast<int32_t>(message.size()),
+      content_file.empty() ? nullptr : reinterpret_cast<const unsigned char*>(content.data()),
+      static_cast<int32_t>(content.size()), pab.empty() ? nullptr : pab.data(), static_cast<int32_t>(pab.size()),
+      nullptr, 0, &list, &out, &out_length);
+  // One block per signer: the identifier, the result, each time text (a
+  // record's Profile holds them one after the other, each ended by a NUL).
+  size_t index = 0;
+  for (SsfInfoNode* node = list; node != nullptr; node = node->next) {
+    const SsfInfo& info = *node->info;
+    std::printf("signer %zu: %s (%d)\n  id: %.*s\n", ++index, result_name(info.Result), info.Result,
+                info.strSigRcpIdL, info.strSigRcpId);
+    const std::string times(info.Profile != nullptr ? info.Profile : "", info.ProfileL > 0 ? info.ProfileL : 0);
+    for (size_t at = 0; at < times.size();) {
+      const size_t end = std::min(times.find('\0', at), times.size());
+      std::printf("  %s\n", times.substr(at, end - at).c_str());
+      at = end + 1;
+    }
+    std::printf("  certificate: %d bytes\n", info.PasswordL);
+  }
+  if (out != nullptr && !out_file.empty()) {
+    bvssf::write_file(out_file, out, out_length);
+    std::printf("content: %u bytes written to %s\n", out_length, out_file.c_str());
+  }
+  lib.SsfDELSsfOctetstring(&out, &out_length);
+  if (list != nullptr) lib.SsfDELSigRcpSsfInfoList(&list);
+  return bvssf::report(rc);
+}
+
+const bool registered_verify = bvssf::add_command(
+    {"verify", "FORMAT MSG [--content FILE] [--pab STORE] [--out FILE]",
+     "SsfVerify: each signer's identifier, result, signing and time stamp times", verify});
 
 const bool registered = bvssf::add_command(
     {"sign", "FORMAT IN OUT --signer ID[:PROFILE[:PIN]] ... [--detached] [--certs]",

@@ -21,6 +21,9 @@ class UndecidedMessage final : public MessageKind {
     if (decided_) return decided_->update(data, size, final);
     if (size != 0) pending_.insert(pending_.end(), data, data + size);
     if (!final) return true;
+    // GOST public keys of the message's certificates are decoded as they are
+    // parsed, so the engine comes first.
+    bv::ossl::gost_engine();
     DecodedContent content;
     const unsigned char* cursor = pending_.data();
     content.cms.reset(d2i_CMS_ContentInfo(nullptr, &cursor, static_cast<long>(pending_.size())));
