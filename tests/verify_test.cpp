@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "certs.h"
+#include "crypt32/msg.h"
 #include "signing.h"
 
 namespace bv::test {
@@ -154,6 +155,60 @@ TEST(Verify, MessagesAndTheirRecords) {
       EXPECT_EQ(v.content, data);
       EXPECT_GT(v.records[0].certificate_length, 0u);
     }
+  }
+}
+
+// A signed message without any signer, content included.
+std::string without_signers(const std::string& data) {
+  UniquePtr<BIO> in(BIO_new_mem_buf(data.data(), static_cast<int>(data.size())));
+  UniquePtr<CMS_ContentInfo> cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, CMS_BINARY | CMS_PARTIAL));
+  CMS_set_detached(cms.get(), 0);
+  CMS_final(cms.get(), in.get(), nullptr, CMS_BINARY);
+  unsigned char* der = nullptr;
+  const int length = i2d_CMS_ContentInfo(cms.get(), &der);
+  std::string out(reinterpret_cast<char*>(der), static_cast<size_t>(length > 0 ? length : 0));
+  OPENSSL_free(der);
+  return out;
+}
+
+// Trust and faults around the verifiers: a chain the policy refuses gets
+// the CAdES verifier's second try; a CAdES fault is UNDEFINED; no signer is
+// code 5 with the content.
+TEST(Verify, SecondTryAndFaults) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir dir, nowhere;
+  TimeStampServer tsa(dir.path(), w.tsa.cert_pem, w.dir / "pki/tsa.key");
+  const std::string data = "data to be signed";
+  const SignerSpec alice{"CN=Alice", "", "1111"};
+  const std::string one = signed_by_library("CADES", false, true, {alice}, tsa.url());
+  const std::string plain = signed_by_library("PKCS7", false, true, {alice});
+  // The content-type attribute's value, pkcs7-data, turned into another type.
+  std::string wrong_type = one;
+  const std::string data_oid("\x06\x09\x2a\x86\x48\x86\xf7\x0d\x01\x07\x01", 11);
+  wrong_type[wrong_type.find(data_oid, wrong_type.find(data_oid) + 1) + 10] = 0x02;
+
+  const std::map<std::string, std::string> untrusting = {{"BV_PLATFORM_LOCAL_APPDATA", nowhere / "local"},
+                                                         {"BV_PLATFORM_COMMON_APPDATA", nowhere / "common"}};
+  struct Case {
+    const char* name;
+    std::map<std::string, std::string> env;
+    std::string format, message;
+    uint32_t rc;
+    std::vector<int32_t> results;
+  };
+  const Case cases[] = {
+      {"untrusted root, second try fails", untrusting, "PKCS7", plain, SSF_ERR_SIGNER, {22}},
+      {"content type disagrees", w.env(), "CADES", wrong_type, SSF_ERR_SIGNER, {28}},
+      {"no signer", w.env(), "PKCS7", without_signers(data), SSF_ERR_SIGNER, {}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const Verified v = verify_through_export(c.env, c.format, c.message, nullptr);
+    EXPECT_EQ(v.rc, c.rc);
+    std::vector<int32_t> results;
+    for (const Record& r : v.records) results.push_back(r.result);
+    EXPECT_EQ(results, c.results);
+    EXPECT_EQ(v.content, data);
   }
 }
 
