@@ -251,6 +251,79 @@ void BM_SsfSign_LargeStore_ByDN(benchmark::State& state) {
   sign_through_library(state, "Large", "CN=Bench Signer, O=Bench");
 }
 
+// A message of `size` bytes signed once by the library (certificates in).
+std::string signed_message(const char* format, size_t size) {
+  World& world = World::get();
+  const std::string data(size, 'x');
+  SsfInfo info{};
+  std::string id = world.signer_hash;
+  info.strSigRcpId = id.data();
+  info.strSigRcpIdL = static_cast<int32_t>(id.size());
+  info.Profile = const_cast<char*>("Plain");
+  info.ProfileL = 5;
+  SsfInfoNode node{nullptr, &info};
+  unsigned char* out = nullptr;
+  uint32_t out_length = 0;
+  if (SsfSign(format, static_cast<int32_t>(std::strlen(format)), nullptr, 0, 1, 0,
+              reinterpret_cast<const unsigned char*>(data.data()), static_cast<int32_t>(data.size()), &node, &out,
+              &out_length) != SSF_OK)
+    std::abort();
+  std::string message(reinterpret_cast<char*>(out), out_length);
+  SsfDELSsfOctetstring(&out, &out_length);
+  return message;
+}
+
+void verify_through_library(benchmark::State& state, const char* format, const std::string& message) {
+  for (auto _ : state) {
+    SsfInfoNode* list = nullptr;
+    unsigned char* out = nullptr;
+    uint32_t out_length = 0;
+    const SSF_RC rc = SsfVerify(format, static_cast<int32_t>(std::strlen(format)), 0,
+                                reinterpret_cast<const unsigned char*>(message.data()),
+                                static_cast<int32_t>(message.size()), nullptr, 0, nullptr, 0, nullptr, 0, &list, &out,
+                                &out_length);
+    if (rc != SSF_OK) {
+      state.SkipWithError("SsfVerify failed");
+      break;
+    }
+    SsfDELSsfOctetstring(&out, &out_length);
+    SsfDELSigRcpSsfInfoList(&list);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
+}
+
+void BM_SsfVerify_PKCS7(benchmark::State& state) {
+  const std::string message = signed_message("PKCS7", static_cast<size_t>(state.range(0)));
+  verify_through_library(state, "PKCS7", message);
+}
+
+void BM_SsfVerify_Cades_Offline(benchmark::State& state) {
+  TimeStampService::get();
+  const std::string message = signed_message("CADES", static_cast<size_t>(state.range(0)));
+  verify_through_library(state, "CADES", message);
+}
+
+// The same message through CMS_verify with the root as the only trust.
+void BM_OpenSSL_CMS_verify(benchmark::State& state) {
+  World& world = World::get();
+  const std::string message = signed_message("PKCS7", static_cast<size_t>(state.range(0)));
+  UniquePtr<X509_STORE> store(X509_STORE_new());
+  const std::string root_file = world.folder + "/local/Brelvantec/Certificates/Root/root.cer";
+  UniquePtr<BIO> root_in(BIO_new_file(root_file.c_str(), "rb"));
+  UniquePtr<X509> root(d2i_X509_bio(root_in.get(), nullptr));
+  X509_STORE_add_cert(store.get(), root.get());
+  for (auto _ : state) {
+    UniquePtr<BIO> in(BIO_new_mem_buf(message.data(), static_cast<int>(message.size())));
+    UniquePtr<CMS_ContentInfo> cms(d2i_CMS_bio(in.get(), nullptr));
+    UniquePtr<BIO> out(BIO_new(BIO_s_mem()));
+    if (CMS_verify(cms.get(), nullptr, store.get(), nullptr, out.get(), CMS_BINARY) != 1) {
+      state.SkipWithError("CMS_verify failed");
+      break;
+    }
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
+}
+
 void BM_SsfSign_Cades_PlainKey(benchmark::State& state) {
   TimeStampService::get();
   sign_through_library(state, "Plain", World::get().signer_hash, "CADES");
@@ -262,5 +335,8 @@ BENCHMARK(BM_SsfSign_SmallStore_PlainKey)->Arg(1024)->Arg(1 << 20)->Unit(benchma
 BENCHMARK(BM_SsfSign_LargeStore_ByHash)->Arg(1024)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_SsfSign_LargeStore_ByDN)->Arg(1024)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_SsfSign_Cades_PlainKey)->Arg(1024)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_OpenSSL_CMS_verify)->Arg(1024)->Arg(1 << 20)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_SsfVerify_PKCS7)->Arg(1024)->Arg(1 << 20)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_SsfVerify_Cades_Offline)->Arg(1024)->Unit(benchmark::kMicrosecond);
 
 }  // namespace
