@@ -37,12 +37,28 @@ class OcspResponsesID(core.Sequence):
     _fields = [("ocspIdentifier", core.Any), ("ocspRepHash", OtherHash, {"optional": True})]
 
 
+class CrlValidatedIDs(core.SequenceOf):
+    _child_spec = CrlValidatedID
+
+
+class OcspResponsesIDs(core.SequenceOf):
+    _child_spec = OcspResponsesID
+
+
+class AnyValues(core.SequenceOf):
+    _child_spec = core.Any
+
+
+class OtherCertIDs(core.SequenceOf):
+    _child_spec = OtherCertID
+
+
 class CRLListID(core.Sequence):
-    _fields = [("crls", core.SequenceOf, {"spec": CrlValidatedID})]
+    _fields = [("crls", CrlValidatedIDs)]
 
 
 class OcspListID(core.Sequence):
-    _fields = [("ocspResponses", core.SequenceOf, {"spec": OcspResponsesID})]
+    _fields = [("ocspResponses", OcspResponsesIDs)]
 
 
 class CrlOcspRef(core.Sequence):
@@ -51,9 +67,13 @@ class CrlOcspRef(core.Sequence):
                ("otherRev", core.Any, {"explicit": 2, "optional": True})]
 
 
+class CrlOcspRefs(core.SequenceOf):
+    _child_spec = CrlOcspRef
+
+
 class RevocationValues(core.Sequence):
-    _fields = [("crlVals", core.SequenceOf, {"explicit": 0, "optional": True, "spec": core.Any}),
-               ("ocspVals", core.SequenceOf, {"explicit": 1, "optional": True, "spec": core.Any}),
+    _fields = [("crlVals", AnyValues, {"explicit": 0, "optional": True}),
+               ("ocspVals", AnyValues, {"explicit": 1, "optional": True}),
                ("otherRevVals", core.Any, {"explicit": 2, "optional": True})]
 
 
@@ -92,7 +112,7 @@ def main(message_path, out_dir):
             continue
         raw = {a["type"].dotted: a for a in signer["unsigned_attrs"]}
         value = lambda oid: raw[oid]["values"][0].dump()
-        certs = [c.dump() for c in core.SequenceOf.load(value(CERT_VALUES), spec=core.Any)]
+        certs = [c.dump() for c in AnyValues.load(value(CERT_VALUES))]
         all_certs += [c for c in certs if c not in all_certs]
         revocation = RevocationValues.load(value(REV_VALUES))
         crls = [c.dump() for c in revocation["crlVals"]] if present(revocation["crlVals"]) else []
@@ -110,10 +130,10 @@ def main(message_path, out_dir):
         if len(own) != 1 or digest(alg, own[0]) != ess_id[1].native:
             faults.append("signer %d: signing-certificate-v2 does not name the signer" % n)
 
-        cert_refs = core.SequenceOf.load(value(CERT_REFS), spec=OtherCertID)
+        cert_refs = OtherCertIDs.load(value(CERT_REFS))
         for i, ref in enumerate(cert_refs):
             check_hash(ref["otherCertHash"], certs, "signer %d certificate ref %d" % (n, i), faults)
-        rev_refs = core.SequenceOf.load(value(REV_REFS), spec=CrlOcspRef)
+        rev_refs = CrlOcspRefs.load(value(REV_REFS))
         if len(rev_refs) != len(cert_refs) + 1 or rev_refs[len(rev_refs) - 1].dump() != b"\x30\x00":
             faults.append("signer %d: %d revocation refs for %d certificate refs, anchor's not empty" %
                           (n, len(rev_refs), len(cert_refs)))

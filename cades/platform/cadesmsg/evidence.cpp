@@ -93,7 +93,7 @@ void load_trust_material(TrustMaterial& out) {
   }
 }
 
-bool prove_path(X509* cert, const std::vector<X509*>& extra, const TrustMaterial& trust, ProvenPath& out) {
+bool build_path(X509* cert, const std::vector<X509*>& extra, time_t at, std::vector<UniquePtr<X509>>& path) {
   const std::string der = der_of(cert, i2d_X509);
   bv::platform::CertContext context(CertCreateCertificateContext(
       X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()), static_cast<DWORD>(der.size())));
@@ -105,25 +105,32 @@ bool prove_path(X509* cert, const std::vector<X509*>& extra, const TrustMaterial
                                      reinterpret_cast<const BYTE*>(other_der.data()),
                                      static_cast<DWORD>(other_der.size()), CERT_STORE_ADD_USE_EXISTING, nullptr);
   }
+  FILETIME when{};
+  UniquePtr<ASN1_STRING> asn1_time(at != 0 ? ASN1_TIME_set(nullptr, at) : nullptr);
+  if (at != 0 && (!asn1_time || !bv::platform::filetime_from_asn1(asn1_time.get(), when))) return fail(CERT_E_EXPIRED);
   CERT_CHAIN_PARA para{};
   para.cbSize = sizeof para;
   PCCERT_CHAIN_CONTEXT chain_context = nullptr;
-  if (!CertGetCertificateChain(nullptr, context.get(), nullptr, extra_store.get(), &para, 0, nullptr,
+  if (!CertGetCertificateChain(nullptr, context.get(), at != 0 ? &when : nullptr, extra_store.get(), &para, 0, nullptr,
                                &chain_context))
     return false;
   std::unique_ptr<const CERT_CHAIN_CONTEXT, ChainFreer> chain(chain_context);
   if (chain->TrustStatus.dwErrorStatus != CERT_TRUST_NO_ERROR || chain->cChain == 0)
     return fail(path_error(chain->TrustStatus.dwErrorStatus));
-
   const CERT_SIMPLE_CHAIN& simple = *chain->rgpChain[0];
-  out.certificates.clear();
-  out.revocations.clear();
+  path.clear();
   for (DWORD i = 0; i < simple.cElement; ++i) {
     X509* element = bv::platform::certificate_x509(simple.rgpElement[i]->pCertContext);
     if (element == nullptr) return false;
     X509_up_ref(element);
-    out.certificates.emplace_back(element);
+    path.emplace_back(element);
   }
+  return true;
+}
+
+bool prove_path(X509* cert, const std::vector<X509*>& extra, const TrustMaterial& trust, ProvenPath& out) {
+  out.revocations.clear();
+  if (!build_path(cert, extra, 0, out.certificates)) return false;
 
   bv::platform::revocation::Options options;
   options.timeout = bv::platform::revocation::default_timeout();

@@ -3,6 +3,7 @@
 // the anchor the CRL or OCSP response that found it not revoked.
 #pragma once
 
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,8 +31,12 @@ struct ProvenPath {
   std::vector<bv::platform::revocation::Result> revocations;
 };
 
-// Builds the path of `cert` with the platform's chain engine (with `extra`
-// as additional certificates) and proves each certificate not revoked.
+// The path of `cert` at `at` (0: now) from the platform's chain engine, with
+// `extra` as additional certificates, end certificate first; no revocation
+// checks.  False with CERT_E_UNTRUSTEDROOT, CERT_E_EXPIRED or CERT_E_CHAINING.
+bool build_path(X509* cert, const std::vector<X509*>& extra, time_t at, std::vector<UniquePtr<X509>>& path);
+
+// Builds the path of `cert` now and proves each certificate not revoked.
 // False with the last error: CERT_E_UNTRUSTEDROOT, CERT_E_CHAINING,
 // CERT_E_EXPIRED, CRYPT_E_REVOKED, CRYPT_E_NO_REVOCATION_CHECK or
 // CRYPT_E_REVOCATION_OFFLINE.
@@ -48,16 +53,7 @@ UniquePtr<X509> find_signer_certificate(CMS_SignerInfo* signer, const std::vecto
 bool type1_input(std::string_view signature, const std::vector<const X509_ATTRIBUTE*>& time_stamps,
                  const X509_ATTRIBUTE* certificate_refs, const X509_ATTRIBUTE* revocation_refs, std::string& out);
 
-// DER of an OpenSSL object (i2d_*), empty on failure.
-template <typename Object, typename Encode>
-std::string der_of(const Object* object, Encode encode) {
-  unsigned char* der = nullptr;
-  const int length = encode(object, &der);
-  std::string out;
-  if (length > 0) out.assign(reinterpret_cast<char*>(der), static_cast<size_t>(length));
-  OPENSSL_free(der);
-  return out;
-}
+using bv::ossl::der_of;
 
 // The hash of `data` with `md`, empty on failure.
 std::string digest_of(const EVP_MD* md, std::string_view data);

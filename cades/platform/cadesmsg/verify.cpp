@@ -30,10 +30,6 @@ constexpr int kEscTimeStamp = NID_id_smime_aa_ets_escTimeStamp;
 constexpr int kCertificateValues = NID_id_smime_aa_ets_certValues;
 constexpr int kRevocationValues = NID_id_smime_aa_ets_revocationValues;
 
-struct ChainFreer {
-  void operator()(const CERT_CHAIN_CONTEXT* chain) const noexcept { CertFreeCertificateChain(chain); }
-};
-
 std::string_view bytes_of(const ASN1_STRING* value) {
   return {reinterpret_cast<const char*>(ASN1_STRING_get0_data(value)), static_cast<size_t>(ASN1_STRING_length(value))};
 }
@@ -52,7 +48,7 @@ UniquePtr<T> decode(const std::string& der, Decode d2i) {
   return UniquePtr<T>(der.empty() ? nullptr : d2i(nullptr, &cursor, static_cast<long>(der.size())));
 }
 
-bool to_filetime(time_t time, FILETIME& out) {
+bool to_filetime(time_t time, FILETIME& out) {  // for the verification info
   UniquePtr<ASN1_STRING> asn1(ASN1_TIME_set(nullptr, time));
   return asn1 && bv::platform::filetime_from_asn1(asn1.get(), out);
 }
@@ -64,39 +60,6 @@ bool hash_matches(const OtherHash* hash, std::string_view data) {
     return digest_of(EVP_sha1(), data) == bytes_of(hash->d.sha1Hash);
   const EVP_MD* md = bv::ossl::digest_by_nid(OBJ_obj2nid(hash->d.otherHash->hashAlgorithm->algorithm));
   return md != nullptr && digest_of(md, data) == bytes_of(hash->d.otherHash->hashValue);
-}
-
-// The path of `cert` at `at` from the chain engine, without revocation.
-bool build_path(X509* cert, const std::vector<X509*>& extra, time_t at, std::vector<UniquePtr<X509>>& path) {
-  const std::string der = der_of(cert, i2d_X509);
-  bv::platform::CertContext context(CertCreateCertificateContext(
-      X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()), static_cast<DWORD>(der.size())));
-  bv::platform::CertStore extra_store(CertOpenStore(CERT_STORE_PROV_MEMORY, 0, 0, 0, nullptr));
-  if (!context || !extra_store) return false;
-  for (X509* other : extra) {
-    const std::string other_der = der_of(other, i2d_X509);
-    CertAddEncodedCertificateToStore(extra_store.get(), X509_ASN_ENCODING,
-                                     reinterpret_cast<const BYTE*>(other_der.data()),
-                                     static_cast<DWORD>(other_der.size()), CERT_STORE_ADD_USE_EXISTING, nullptr);
-  }
-  FILETIME when{};
-  if (!to_filetime(at, when)) return false;
-  CERT_CHAIN_PARA para{};
-  para.cbSize = sizeof para;
-  PCCERT_CHAIN_CONTEXT chain_context = nullptr;
-  if (!CertGetCertificateChain(nullptr, context.get(), &when, extra_store.get(), &para, 0, nullptr, &chain_context))
-    return false;
-  std::unique_ptr<const CERT_CHAIN_CONTEXT, ChainFreer> chain(chain_context);
-  if (chain->TrustStatus.dwErrorStatus != CERT_TRUST_NO_ERROR || chain->cChain == 0) return fail(CERT_E_CHAINING);
-  const CERT_SIMPLE_CHAIN& simple = *chain->rgpChain[0];
-  path.clear();
-  for (DWORD i = 0; i < simple.cElement; ++i) {
-    X509* element = bv::platform::certificate_x509(simple.rgpElement[i]->pCertContext);
-    if (element == nullptr) return false;
-    X509_up_ref(element);
-    path.emplace_back(element);
-  }
-  return true;
 }
 
 UniquePtr<CertificateValues> decode_certificate_values(CMS_SignerInfo* signer) {

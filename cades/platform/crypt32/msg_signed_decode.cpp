@@ -24,15 +24,7 @@ std::string oid_text(const ASN1_OBJECT* oid) {
   return length > 0 && length < static_cast<int>(sizeof text) ? std::string(text) : std::string();
 }
 
-template <typename Object, typename Encode>
-std::string der_text(const Object* object, Encode encode) {
-  unsigned char* der = nullptr;
-  const int length = encode(object, &der);
-  std::string out;
-  if (length > 0) out.assign(reinterpret_cast<char*>(der), static_cast<size_t>(length));
-  OPENSSL_free(der);
-  return out;
-}
+using bv::ossl::der_of;
 
 // A blob field of the record at `field` filled with `bytes`.
 void put_blob(FlatRecord& record, size_t field, const std::string& bytes) {
@@ -50,13 +42,13 @@ void put_algorithm(FlatRecord& record, size_t field, const X509_ALGOR* algorithm
   if (parameter_type != V_ASN1_UNDEF) {
     UniquePtr<ASN1_TYPE> value(ASN1_TYPE_new());
     if (value && ASN1_TYPE_set1(value.get(), parameter_type, parameter))
-      put_blob(record, field + offsetof(CRYPT_ALGORITHM_IDENTIFIER, Parameters), der_text(value.get(), i2d_ASN1_TYPE));
+      put_blob(record, field + offsetof(CRYPT_ALGORITHM_IDENTIFIER, Parameters), der_of(value.get(), i2d_ASN1_TYPE));
   }
 }
 
 // CryptoAPI keeps serial numbers little-endian.
 std::string little_endian_serial(const ASN1_INTEGER* serial) {
-  std::string bytes = der_text(serial, i2d_ASN1_INTEGER);
+  std::string bytes = der_of(serial, i2d_ASN1_INTEGER);
   // Tag and length go: the content octets, big-endian with their sign byte.
   const auto* cursor = reinterpret_cast<const unsigned char*>(bytes.data());
   long length = 0;
@@ -83,7 +75,7 @@ void put_attributes(FlatRecord& record, size_t field, CMS_SignerInfo* signer, bo
     record.point(at + offsetof(CRYPT_ATTRIBUTE, rgValue), blobs);
     for (int v = 0; v < values; ++v)
       put_blob(record, blobs + static_cast<size_t>(v) * sizeof(CRYPT_ATTR_BLOB),
-               der_text(X509_ATTRIBUTE_get0_type(attribute, v), i2d_ASN1_TYPE));
+               der_of(X509_ATTRIBUTE_get0_type(attribute, v), i2d_ASN1_TYPE));
   }
 }
 
@@ -95,7 +87,7 @@ bool signer_issuer_serial(CMS_SignerInfo* signer, std::string& issuer, std::stri
   ASN1_INTEGER* number = nullptr;
   if (CMS_SignerInfo_get0_signer_id(signer, &key_id, &name, &number) != 1 || name == nullptr || number == nullptr)
     return false;
-  issuer = der_text(name, i2d_X509_NAME);
+  issuer = der_of(name, i2d_X509_NAME);
   serial = little_endian_serial(number);
   return true;
 }

@@ -99,6 +99,17 @@ const EVP_CIPHER* cipher_by_nid(int nid);
 // the queue.  Empty if the queue was empty.
 std::string take_error_text();
 
+// DER of an OpenSSL object through its i2d function, empty on failure.
+template <typename Object, typename Encode>
+std::string der_of(const Object* object, Encode encode) {
+  unsigned char* der = nullptr;
+  const int length = encode(object, &der);
+  std::string out;
+  if (length > 0) out.assign(reinterpret_cast<char*>(der), static_cast<size_t>(length));
+  OPENSSL_free(der);
+  return out;
+}
+
 // Sets the thread's last error to `win_error` and empties OpenSSL's queue.
 // Returns false so call sites can write `return fail(NTE_BAD_SIGNATURE);`.
 bool fail(DWORD win_error);
