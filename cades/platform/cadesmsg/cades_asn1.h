@@ -9,9 +9,24 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
+#include <string_view>
+
 #include "openssl/ossl.h"
 
 namespace bv::cades {
+
+// The unsigned attributes of X Long Type 1, in the order they are made.
+constexpr int kSignatureTimeStamp = NID_id_smime_aa_timeStampToken;
+constexpr int kCertificateRefs = NID_id_smime_aa_ets_CertificateRefs;
+constexpr int kRevocationRefs = NID_id_smime_aa_ets_RevocationRefs;
+constexpr int kEscTimeStamp = NID_id_smime_aa_ets_escTimeStamp;
+constexpr int kCertificateValues = NID_id_smime_aa_ets_certValues;
+constexpr int kRevocationValues = NID_id_smime_aa_ets_revocationValues;
+
+// The octets of an OCTET STRING (or any string), borrowed.
+inline std::string_view bytes_of(const ASN1_STRING* value) {
+  return {reinterpret_cast<const char*>(ASN1_STRING_get0_data(value)), static_cast<size_t>(ASN1_STRING_length(value))};
+}
 
 // OtherHashAlgAndValue ::= SEQUENCE {
 //   hashAlgorithm AlgorithmIdentifier,

@@ -21,18 +21,6 @@ using bv::platform::revocation::Source;
 
 using bv::ossl::fail;
 
-// The unsigned attributes of X Long Type 1, in the order they are made.
-constexpr int kSignatureTimeStamp = NID_id_smime_aa_timeStampToken;
-constexpr int kCertificateRefs = NID_id_smime_aa_ets_CertificateRefs;
-constexpr int kRevocationRefs = NID_id_smime_aa_ets_RevocationRefs;
-constexpr int kEscTimeStamp = NID_id_smime_aa_ets_escTimeStamp;
-constexpr int kCertificateValues = NID_id_smime_aa_ets_certValues;
-constexpr int kRevocationValues = NID_id_smime_aa_ets_revocationValues;
-
-std::string_view bytes_of(const ASN1_STRING* value) {
-  return {reinterpret_cast<const char*>(ASN1_STRING_get0_data(value)), static_cast<size_t>(ASN1_STRING_length(value))};
-}
-
 // An attribute with one value given as its DER.
 UniquePtr<X509_ATTRIBUTE> attribute_of(int nid, const std::string& value) {
   if (value.empty()) return nullptr;

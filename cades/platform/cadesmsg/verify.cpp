@@ -23,17 +23,6 @@ namespace {
 using bv::ossl::fail;
 using bv::platform::revocation::Verdict;
 
-constexpr int kSignatureTimeStamp = NID_id_smime_aa_timeStampToken;
-constexpr int kCertificateRefs = NID_id_smime_aa_ets_CertificateRefs;
-constexpr int kRevocationRefs = NID_id_smime_aa_ets_RevocationRefs;
-constexpr int kEscTimeStamp = NID_id_smime_aa_ets_escTimeStamp;
-constexpr int kCertificateValues = NID_id_smime_aa_ets_certValues;
-constexpr int kRevocationValues = NID_id_smime_aa_ets_revocationValues;
-
-std::string_view bytes_of(const ASN1_STRING* value) {
-  return {reinterpret_cast<const char*>(ASN1_STRING_get0_data(value)), static_cast<size_t>(ASN1_STRING_length(value))};
-}
-
 // The DER of the first value of an unsigned attribute, empty without one.
 std::string unsigned_value(CMS_SignerInfo* signer, int nid) {
   const int index = CMS_unsigned_get_attr_by_NID(signer, nid, -1);
@@ -375,12 +364,11 @@ BOOL CadesMsgIsType(HCRYPTMSG hCryptMsg, DWORD dwSignerIndex, DWORD dwCadesType,
   std::vector<int> signed_nids, unsigned_nids;
   switch (dwCadesType) {
     case CADES_X_LONG_TYPE_1:
-      unsigned_nids = {NID_id_smime_aa_ets_CertificateRefs, NID_id_smime_aa_ets_RevocationRefs,
-                       NID_id_smime_aa_ets_escTimeStamp, NID_id_smime_aa_ets_certValues,
-                       NID_id_smime_aa_ets_revocationValues};
+      unsigned_nids = {bv::cades::kCertificateRefs, bv::cades::kRevocationRefs, bv::cades::kEscTimeStamp,
+                       bv::cades::kCertificateValues, bv::cades::kRevocationValues};
       [[fallthrough]];
     case CADES_T:
-      unsigned_nids.push_back(NID_id_smime_aa_timeStampToken);
+      unsigned_nids.push_back(bv::cades::kSignatureTimeStamp);
       [[fallthrough]];
     case CADES_BES:
       signed_nids = {NID_pkcs9_contentType, NID_pkcs9_messageDigest, NID_id_smime_aa_signingCertificateV2};
