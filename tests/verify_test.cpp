@@ -2,6 +2,7 @@
 // cms, good and damaged: the code, the content and every signer's record.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -173,21 +174,28 @@ std::string without_signers(const std::string& data) {
 }
 
 // Trust and faults around the verifiers: a chain the policy refuses gets
-// the CAdES verifier's second try; a CAdES fault is UNDEFINED; no signer is
-// code 5 with the content.
+// the CAdES verifier's second try, whose pass counts only when no signer
+// follows; a CAdES fault is UNDEFINED; no signer is code 5 with the content.
 TEST(Verify, SecondTryAndFaults) {
   const SigningWorld& w = SigningWorld::get();
   TempDir dir, nowhere;
   TimeStampServer tsa(dir.path(), w.tsa.cert_pem, w.dir / "pki/tsa.key");
   const std::string data = "data to be signed";
-  const SignerSpec alice{"CN=Alice", "", "1111"};
+  const SignerSpec alice{"CN=Alice", "", "1111"}, bob{"CN=Bob", "", "2222"};
   const std::string one = signed_by_library("CADES", false, true, {alice}, tsa.url());
+  const std::string two = signed_by_library("CADES", false, true, {alice, bob}, tsa.url());
   const std::string plain = signed_by_library("PKCS7", false, true, {alice});
   // The content-type attribute's value, pkcs7-data, turned into another type.
   std::string wrong_type = one;
   const std::string data_oid("\x06\x09\x2a\x86\x48\x86\xf7\x0d\x01\x07\x01", 11);
   wrong_type[wrong_type.find(data_oid, wrong_type.find(data_oid) + 1) + 10] = 0x02;
 
+  // The stores without the root's CRL: the chain policy can't learn the
+  // signers' status and refuses them; the CAdES verifier judges them by the
+  // CRL the message carries.
+  std::filesystem::copy(w.local(), dir / "local", std::filesystem::copy_options::recursive);
+  std::filesystem::remove(dir / "local/Brelvantec/Certificates/Root/root.crl");
+  const auto without_crl = w.env({{"BV_PLATFORM_LOCAL_APPDATA", dir / "local"}});
   const std::map<std::string, std::string> untrusting = {{"BV_PLATFORM_LOCAL_APPDATA", nowhere / "local"},
                                                          {"BV_PLATFORM_COMMON_APPDATA", nowhere / "common"}};
   struct Case {
@@ -198,6 +206,8 @@ TEST(Verify, SecondTryAndFaults) {
     std::vector<int32_t> results;
   };
   const Case cases[] = {
+      {"second try passes, last signer", without_crl, "PKCS7", one, SSF_OK, {0}},
+      {"second try passes, a signer behind it", without_crl, "PKCS7", two, SSF_ERR_SIGNER, {0, 0}},
       {"untrusted root, second try fails", untrusting, "PKCS7", plain, SSF_ERR_SIGNER, {22}},
       {"content type disagrees", w.env(), "CADES", wrong_type, SSF_ERR_SIGNER, {28}},
       {"no signer", w.env(), "PKCS7", without_signers(data), SSF_ERR_SIGNER, {}},
