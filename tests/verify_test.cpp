@@ -90,16 +90,28 @@ std::string signed_by_library(const std::string& format, bool detached, bool cer
   return outcome.signed_data;
 }
 
-std::string signed_by_openssl(const TestCert& signer, const std::string& key_file, const std::string& data,
+// `openssl cms -sign` with each (certificate PEM file, key) as a signer.
+std::string signed_by_openssl(const std::vector<std::pair<std::string, EVP_PKEY*>>& signers, const std::string& data,
                               const std::string& options) {
   TempDir dir;
   write_file(dir / "data", data);
-  write_file(dir / "key.pem", read_file(key_file));
   write_file(dir / "engine.cnf", kGostEngineConfig);
-  run_checked("OPENSSL_CONF='" + (dir / "engine.cnf") + "' openssl cms -sign -binary -outform DER -in '" +
-              (dir / "data") + "' -signer '" + signer.cert_pem + "' -inkey '" + (dir / "key.pem") + "' " + options +
-              " -out '" + (dir / "m.der") + "'");
+  std::string command = "OPENSSL_CONF='" + (dir / "engine.cnf") + "' openssl cms -sign -binary -outform DER -in '" +
+                        (dir / "data") + "' " + options + " -out '" + (dir / "m.der") + "'";
+  for (size_t i = 0; i < signers.size(); ++i) {
+    const std::string key = dir / ("key" + std::to_string(i) + ".pem");
+    write_file(key, pem_of(signers[i].second));
+    command += " -signer '" + signers[i].first + "' -inkey '" + key + "'";
+  }
+  run_checked(command);
   return read_file(dir / "m.der");
+}
+
+// The stores of the test world copied into `folder`, to be changed there.
+std::map<std::string, std::string> copied_stores(const std::string& folder) {
+  const SigningWorld& w = SigningWorld::get();
+  std::filesystem::copy(w.local(), folder, std::filesystem::copy_options::recursive);
+  return w.env({{"BV_PLATFORM_LOCAL_APPDATA", folder}});
 }
 
 std::string flip_byte(std::string message, const std::string& inside) {
@@ -117,8 +129,32 @@ TEST(Verify, MessagesAndTheirRecords) {
   const std::string detached = signed_by_library("PKCS7", true, true, {carol});
   const std::string bare = signed_by_library("PKCS7", false, false, {alice});
   const std::string cades = signed_by_library("CADES", false, false, {bob}, tsa.url());
-  const std::string by_openssl = signed_by_openssl(w.carol, w.my("03-carol.key"), data, "-noattr -nodetach");
-  const std::string by_openssl_cades = signed_by_openssl(w.carol, w.my("03-carol.key"), data, "-cades -nodetach");
+  const auto carol_signs = std::vector<std::pair<std::string, EVP_PKEY*>>{{w.carol.cert_pem, w.carol.key.get()}};
+  const std::string by_openssl = signed_by_openssl(carol_signs, data, "-noattr -nodetach");
+  const std::string by_openssl_cades = signed_by_openssl(carol_signs, data, "-cades -nodetach");
+  const std::string by_openssl_two =
+      signed_by_openssl({{w.bob.cert_pem, w.bob.key.get()}, {w.alice.cert_pem, w.alice.key.get()}}, data, "-nodetach");
+  const std::string by_openssl_detached = signed_by_openssl({{w.bob.cert_pem, w.bob.key.get()}}, data, "");
+  const std::string by_openssl_nocerts = signed_by_openssl(carol_signs, data, "-nodetach -nocerts");
+  // Alice's key under a certificate that expired yesterday.
+  write_file(dir / "expired.pem", pem_of(issue_certificate({.subject = {{"CN", "Expired"}}, .serial = 77,
+                                                            .not_before = -10 * kDay, .not_after = -kDay},
+                                                           w.alice.key.get(), w.root.cert.get(), w.root.key.get())
+                                             .get()));
+  const std::string by_expired = signed_by_openssl({{dir / "expired.pem", w.alice.key.get()}}, data, "-nodetach");
+  // A signed attribute changed: a digit of the signing time.
+  const std::string signing_time_oid("\x06\x09\x2a\x86\x48\x86\xf7\x0d\x01\x09\x05", 11);
+  std::string changed_attribute = by_openssl_cades;
+  changed_attribute[changed_attribute.find(signing_time_oid) + 11 + 4 + 2] ^= 0x01;
+
+  const auto plain_env = w.env();
+  const auto with_addressbook = copied_stores(dir / "book");
+  write_file(dir / "book/Brelvantec/Certificates/Addressbook/carol.cer", der_of(w.carol.cert.get()));
+  const auto alice_revoked = copied_stores(dir / "revoked");
+  write_file(dir / "revoked/Brelvantec/Certificates/Root/root.crl",
+             der_of(issue_crl(w.root.cert.get(), w.root.key.get(),
+                              {ASN1_INTEGER_get(X509_get0_serialNumber(w.alice.cert.get()))})
+                        .get()));
 
   struct Case {
     const char* name;
@@ -128,6 +164,7 @@ TEST(Verify, MessagesAndTheirRecords) {
     uint32_t rc;
     std::vector<int32_t> results;
     const char* id_part;  // in the first record's identifier
+    const std::map<std::string, std::string>* env = nullptr;  // the test world's when null
   };
   const std::string other = "other data";
   const Case cases[] = {
@@ -143,10 +180,18 @@ TEST(Verify, MessagesAndTheirRecords) {
       {"CAdES found by PKCS7_ANY", "PKCS7_ANY", cades, nullptr, "", SSF_OK, {0}, "CN=Bob"},
       {"openssl, no attributes", "PKCS7", by_openssl, nullptr, "", SSF_OK, {0}, "CN=Carol"},
       {"openssl, CAdES-BES", "PKCS7", by_openssl_cades, nullptr, "", SSF_OK, {0}, "CN=Carol"},
+      {"openssl, two signers", "PKCS7", by_openssl_two, nullptr, "", SSF_OK, {0, 0}, "O=Test Bank"},
+      {"openssl, detached", "PKCS7_ANY", by_openssl_detached, &data, "", SSF_OK, {0}, "CN=Bob"},
+      {"openssl, certificate nowhere", "PKCS7", by_openssl_nocerts, nullptr, "", SSF_ERR_SIGNER, {26}, "Noserialnumber"},
+      {"openssl, certificate in Addressbook", "PKCS7", by_openssl_nocerts, nullptr, "", SSF_OK, {0}, "CN=Carol",
+       &with_addressbook},
+      {"openssl, signed attribute changed", "PKCS7", changed_attribute, nullptr, "", SSF_ERR_SIGNER, {27}, "CN=Carol"},
+      {"openssl, signer expired", "PKCS7", by_expired, nullptr, "", SSF_ERR_SIGNER, {22}, "CN=Expired"},
+      {"signer revoked by CRL", "PKCS7", pkcs7, nullptr, "", SSF_ERR_SIGNER, {22, 0}, "CN=Alice", &alice_revoked},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const Verified v = verify_through_export(w.env(), c.format, c.message, c.input, c.pab);
+    const Verified v = verify_through_export(c.env != nullptr ? *c.env : plain_env, c.format, c.message, c.input, c.pab);
     EXPECT_EQ(v.rc, c.rc);
     std::vector<int32_t> results;
     for (const Record& r : v.records) results.push_back(r.result);
