@@ -268,6 +268,46 @@ TEST(Verify, SecondTryAndFaults) {
   }
 }
 
+// The trace tells each signer's path in order.
+TEST(Verify, TraceLines) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir dir;
+  TimeStampServer tsa(dir.path(), w.tsa.cert_pem, w.dir / "pki/tsa.key");
+  const std::string data = "data to be signed";
+  const std::string cades = signed_by_library("CADES", false, true, {{"CN=Alice", "", "1111"}}, tsa.url());
+  const std::string bare = signed_by_library("PKCS7", false, false, {{"CN=Alice", "", "1111"}});
+  const std::string other = "other data";
+  struct Case {
+    const char* name;
+    std::string format, message;
+    const std::string* input;
+    std::vector<std::string> in_order;
+  };
+  const Case cases[] = {
+      {"CAdES found by PKCS7_ANY", "PKCS7_ANY", cades, nullptr,
+       {"#info#: accept isCades='0'", "#info#: Pab undefined!!!", "#info#: Checking for PKCS7_ANY format. isCades = 1",
+        "#trace#: Check signer # 0", "#info#: signer's signature # 0 - OK with CertID=", "#success#"}},
+      {"no certificate", "PKCS7", bare, nullptr,
+       {"#trace#: Check signer # 0", "Certificate not found", "#error#: 80092004",
+        "#error#: Failed to verify signature # 0 with CertID=issuer-name/Noserialnumber", "#error#!!!"}},
+      {"input differs", "CADES", cades, &other,
+       {"#info#: signer's signature # 0 - OK", "#error#: Input data is different from content data", "#error#!!!"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir traced;
+    auto env = trace_env(traced);
+    env["BV_PLATFORM_LOCAL_APPDATA"] = w.local();
+    verify_through_export(env, c.format, c.message, c.input);
+    const std::string log = trace_log(traced);
+    size_t at = 0;
+    for (const std::string& line : c.in_order) {
+      at = log.find(line, at);
+      ASSERT_NE(at, std::string::npos) << line << "\n" << log;
+    }
+  }
+}
+
 // A CAdES record carries both times: the signing time, then behind a zero
 // byte the time stamp's.
 TEST(Verify, CadesRecordTellsBothTimes) {
