@@ -43,7 +43,8 @@ class FlatRecord {
 
   // The two-call size pattern with the pointers placed.
   bool copy_out(void* out, DWORD* outLength) const {
-    if (!prepare_output_space(out, outLength, static_cast<DWORD>(bytes_.size()))) return out == nullptr;
+    if (!prepare_output_space(out, outLength, static_cast<DWORD>(bytes_.size())))
+      return out == nullptr && outLength != nullptr;
     auto* base = static_cast<BYTE*>(out);
     std::memcpy(base, bytes_.data(), bytes_.size());
     for (size_t field : pointers_) {

@@ -200,7 +200,7 @@ class SignedDecoder final : public MessageKind, public DecodedSigned {
   static bool copy_der(Object* object, Encode encode, void* data, DWORD* size) {
     const int needed = encode(object, nullptr);
     if (needed <= 0) return fail(CRYPT_E_ASN1_ERROR);
-    if (!prepare_output_space(data, size, static_cast<DWORD>(needed))) return data == nullptr;
+    if (!prepare_output_space(data, size, static_cast<DWORD>(needed))) return data == nullptr && size != nullptr;
     auto* out = static_cast<unsigned char*>(data);
     return encode(object, &out) == needed || fail(CRYPT_E_ASN1_ERROR);
   }

@@ -114,38 +114,57 @@ constexpr uint64_t kEpochDifference = 116444736000000000ULL;
 
 uint64_t to_u64(const FILETIME& t) { return (uint64_t{t.dwHighDateTime} << 32) | t.dwLowDateTime; }
 FILETIME from_u64(uint64_t v) { return FILETIME{static_cast<DWORD>(v), static_cast<DWORD>(v >> 32)}; }
+
+// Whole seconds since 1970 and the 100-ns rest of a FILETIME below 2^63,
+// rounded down so that times before 1970 keep a positive rest.
+struct UnixTime {
+  time_t seconds;
+  int64_t rest;
+};
+UnixTime unix_time_of(uint64_t ticks) {
+  const int64_t since_epoch = static_cast<int64_t>(ticks) - static_cast<int64_t>(kEpochDifference);
+  UnixTime t{static_cast<time_t>(since_epoch / 10000000), since_epoch % 10000000};
+  if (t.rest < 0) {
+    t.rest += 10000000;
+    --t.seconds;
+  }
+  return t;
+}
+
+// FILETIME counts are signed on the platform: the top bit set is no time.
+bool convertible(const FILETIME* time) { return time != nullptr && (time->dwHighDateTime & 0x80000000u) == 0; }
 }  // namespace
 
+// The zone's offset at that instant, as the C library knows it; TZ is only
+// read.  A shift that leaves the FILETIME range fails.
 BOOL FileTimeToLocalFileTime(const FILETIME* utc, FILETIME* local) {
-  if (utc == nullptr || local == nullptr) {
+  tm local_tm{};
+  int64_t shifted = 0;
+  if (!convertible(utc) || local == nullptr) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
   }
   const uint64_t ticks = to_u64(*utc);
-  const time_t seconds = static_cast<time_t>((static_cast<int64_t>(ticks) - static_cast<int64_t>(kEpochDifference)) / 10000000);
-  tm local_tm{};
-  localtime_r(&seconds, &local_tm);
-  *local = from_u64(ticks + static_cast<int64_t>(local_tm.tm_gmtoff) * 10000000);
+  const time_t seconds = unix_time_of(ticks).seconds;
+  if (localtime_r(&seconds, &local_tm) == nullptr ||
+      __builtin_add_overflow(static_cast<int64_t>(ticks), static_cast<int64_t>(local_tm.tm_gmtoff) * 10000000, &shifted) ||
+      shifted < 0) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  *local = from_u64(static_cast<uint64_t>(shifted));
   return TRUE;
 }
 
 BOOL FileTimeToSystemTime(const FILETIME* time, SYSTEMTIME* system) {
-  if (time == nullptr || system == nullptr || (time->dwHighDateTime & 0x80000000u) != 0) {
+  if (!convertible(time) || system == nullptr) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
   }
-  const uint64_t ticks = to_u64(*time);
-  const int64_t since_epoch = static_cast<int64_t>(ticks) - static_cast<int64_t>(kEpochDifference);
-  int64_t seconds = since_epoch / 10000000;
-  int64_t rest = since_epoch % 10000000;
-  if (rest < 0) {
-    rest += 10000000;
-    --seconds;
-  }
-  const time_t t = static_cast<time_t>(seconds);
+  const UnixTime t = unix_time_of(to_u64(*time));
   tm utc{};
-  gmtime_r(&t, &utc);
-  *system = system_time_of(utc, static_cast<WORD>(rest / 10000));
+  gmtime_r(&t.seconds, &utc);
+  *system = system_time_of(utc, static_cast<WORD>(t.rest / 10000));
   return TRUE;
 }
 

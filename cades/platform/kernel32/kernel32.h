@@ -45,6 +45,8 @@ struct FILETIME {
 };
 
 void GetLocalTime(SYSTEMTIME* time);
+// Both refuse counts of 2^63 and above (ERROR_INVALID_PARAMETER); local time
+// takes the zone's offset at that instant.
 BOOL FileTimeToLocalFileTime(const FILETIME* utc, FILETIME* local);
 BOOL FileTimeToSystemTime(const FILETIME* time, SYSTEMTIME* system);
 
