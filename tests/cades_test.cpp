@@ -342,6 +342,10 @@ TEST(CadesVerify, StatusesFromRealFaults) {
          X509_ATTRIBUTE* a = CMS_signed_get_attr(s, CMS_signed_get_attr_by_NID(s, NID_pkcs9_contentType, -1));
          X509_ATTRIBUTE_get0_type(a, 0)->value.object = OBJ_nid2obj(NID_id_smime_ct_TSTInfo);
        }), CADES_VERIFY_INVALID_CONTENT_TYPE},
+      {"signing-certificate-v2 names another certificate", tampered(good, [](CMS_SignerInfo* s, CMS_ContentInfo*) {
+         X509_ATTRIBUTE* a = CMS_signed_get_attr(s, CMS_signed_get_attr_by_NID(s, NID_id_smime_aa_signingCertificateV2, -1));
+         flip_last_byte(X509_ATTRIBUTE_get0_type(a, 0)->value.sequence);
+       }), CADES_VERIFY_SIGNER_NOT_FOUND},
       {"signature time stamp", tampered(good, flip_unsigned(NID_id_smime_aa_timeStampToken)),
        CADES_VERIFY_INVALID_SIGNATURE_TIMESTAMP},
       {"Type 1 time stamp", tampered(good, flip_unsigned(NID_id_smime_aa_ets_escTimeStamp)),
