@@ -12,6 +12,8 @@
 #include "certs.h"
 #include "cadesmsg/cadesmsg.h"
 #include "crypt32/msg.h"
+#include "crypt32/revocation.h"
+#include "crypt32/store.h"
 #include "http/http.h"
 #include "signing.h"
 
@@ -356,6 +358,38 @@ TEST(CadesVerify, StatusesFromRealFaults) {
          X509_ATTRIBUTE_free(CMS_unsigned_delete_attr(s, CMS_unsigned_get_attr_by_NID(s, NID_id_smime_aa_ets_revocationValues, -1)));
        }), CADES_VERIFY_INVALID_REFS_AND_VALUES},
   };
+  // A plain message judged by the CAdES verifier: with no Root store (no
+  // path, 5), and with a CRL in the stores that revokes Alice (6).
+  request.format = "PKCS7";
+  request.include_certs = true;
+  const std::string plain = sign_through_export(w.env(), request).signed_data;
+  const std::string stores = dir / "stores";
+  std::filesystem::copy(w.local(), stores, std::filesystem::copy_options::recursive);
+  write_file(stores + "/Brelvantec/Certificates/Root/root.crl",
+             der_of(issue_crl(w.root.cert.get(), w.root.key.get(),
+                              {ASN1_INTEGER_get(X509_get0_serialNumber(w.alice.cert.get()))})
+                        .get()));
+  struct Elsewhere {
+    const char* name;
+    std::string local;
+    DWORD status;
+  };
+  const Elsewhere elsewhere[] = {{"no anchor", dir / "nowhere", CADES_VERIFY_NO_CHAIN},
+                                 {"signer revoked", stores, CADES_VERIFY_END_CERT_REVOCATION}};
+  for (const Elsewhere& e : elsewhere) {
+    SCOPED_TRACE(e.name);
+    w.apply_environment();
+    setenv("BV_PLATFORM_LOCAL_APPDATA", e.local.c_str(), 1);
+    bv::platform::forget_cached_stores();
+    bv::platform::revocation::clear_cache();
+    bv::platform::MessageHandle message(CryptMsgOpenToDecode(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0, 0, 0, nullptr, nullptr));
+    ASSERT_TRUE(CryptMsgUpdate(message.get(), reinterpret_cast<const BYTE*>(plain.data()), static_cast<DWORD>(plain.size()), TRUE));
+    CadesVerificationInfo* info = nullptr;
+    EXPECT_FALSE(CadesMsgVerifySignature(message.get(), 0, nullptr, &info));
+    EXPECT_EQ(info->dwStatus, e.status);
+    CadesFreeVerificationInfo(info);
+  }
+
   w.apply_environment();
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

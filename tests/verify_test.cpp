@@ -2,6 +2,7 @@
 // cms, good and damaged: the code, the content and every signer's record.
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -148,6 +149,11 @@ TEST(Verify, MessagesAndTheirRecords) {
   changed_attribute[changed_attribute.find(signing_time_oid) + 11 + 4 + 2] ^= 0x01;
 
   const auto plain_env = w.env();
+  const auto by_hash = w.env({{"BV_SSF_USERID", "CERT_HASH"}});
+  std::string alice_hash;  // lower-case pairs with one blank between them
+  for (size_t i = 0; i < w.alice.sha1_hex.size(); i += 2)
+    alice_hash += (i == 0 ? "" : " ") + std::string{static_cast<char>(std::tolower(w.alice.sha1_hex[i])),
+                                                   static_cast<char>(std::tolower(w.alice.sha1_hex[i + 1]))};
   const auto with_addressbook = copied_stores(dir / "book");
   write_file(dir / "book/Brelvantec/Certificates/Addressbook/carol.cer", der_of(w.carol.cert.get()));
   const auto alice_revoked = copied_stores(dir / "revoked");
@@ -187,6 +193,7 @@ TEST(Verify, MessagesAndTheirRecords) {
        &with_addressbook},
       {"openssl, signed attribute changed", "PKCS7", changed_attribute, nullptr, "", SSF_ERR_SIGNER, {27}, "CN=Carol"},
       {"openssl, signer expired", "PKCS7", by_expired, nullptr, "", SSF_ERR_SIGNER, {22}, "CN=Expired"},
+      {"identifier as the certificate's hash", "PKCS7", bare, nullptr, "My", SSF_OK, {0}, alice_hash.c_str(), &by_hash},
       {"signer revoked by CRL", "PKCS7", pkcs7, nullptr, "", SSF_ERR_SIGNER, {22, 0}, "CN=Alice", &alice_revoked},
   };
   for (const Case& c : cases) {
