@@ -74,6 +74,12 @@ struct HeldCertificate {
   ~HeldCertificate() { reset(); }
 };
 
+// A record's identifier as a text (the record's fields are counted, not
+// terminated).
+std::string id_of(const SsfInfo* record) {
+  return std::string(record->strSigRcpId, record->strSigRcpIdL > 0 ? static_cast<size_t>(record->strSigRcpIdL) : 0);
+}
+
 struct HeldInfo {
   CadesVerificationInfo* info = nullptr;
   ~HeldInfo() { CadesFreeVerificationInfo(info); }
@@ -246,7 +252,7 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
             signerOk = 1;
             if (record != nullptr && record->strSigRcpIdL > 0)
               BV_TRACE(TRACE_NORMAL, "#info#: signer's signature # %d - OK with CertID=%s\n", static_cast<int>(index),
-                       record->strSigRcpId);
+                       id_of(record).c_str());
             continue;
           }
           print_status_text(info.dwStatus);
@@ -254,7 +260,7 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
                                                   info.pSignatureTimeStampTime, result_of_status(info.dwStatus));
           if (record != nullptr && record->strSigRcpIdL > 0)
             BV_TRACE(TRACE_NORMAL, "#error#: Failed to verify signature # %d with CertID=%s\n", static_cast<int>(index),
-                     record->strSigRcpId);
+                     id_of(record).c_str());
           if (error != 0) {
             SetLastError(error);
             BV_TRACE_LAST_ERROR();
@@ -320,7 +326,7 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
           SsfInfo* record = addToSignerResultList(signerList, signer_cert.context, 0, signing_time, nullptr, result);
           if (record != nullptr && record->strSigRcpIdL > 0)
             BV_TRACE(TRACE_NORMAL, "#error#: Failed to verify signature # %d with CertID=%s\n", static_cast<int>(index),
-                     record->strSigRcpId);
+                     id_of(record).c_str());
           continue;
         }
 
@@ -334,7 +340,7 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
           SsfInfo* record = addToSignerResultList(signerList, signer_cert.context, 0, signing_time, nullptr, SSF_RES_OK);
           if (record != nullptr && record->strSigRcpIdL > 0)
             BV_TRACE(TRACE_NORMAL, "#info#: Successed to verify Certificate (CertID=%s) for signature # %d\n",
-                     record->strSigRcpId, static_cast<int>(index));
+                     id_of(record).c_str(), static_cast<int>(index));
           signerOk = 1;
           continue;
         }
@@ -361,7 +367,7 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
                                                 info.pSignatureTimeStampTime, result);
         if (result != SSF_RES_OK && record != nullptr && record->strSigRcpIdL > 0)
           BV_TRACE(TRACE_NORMAL, "#error#: Failed to verify Certificate (CertID=%s) for signature # %d\n",
-                   record->strSigRcpId, static_cast<int>(index));
+                   id_of(record).c_str(), static_cast<int>(index));
       }
 
       // 29, 30. The end; given input must equal the content.
