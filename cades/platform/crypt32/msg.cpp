@@ -1,4 +1,5 @@
 #include "crypt32/msg.h"
+#include "crypt32/msg_internal.h"
 
 #include <new>
 
@@ -65,6 +66,10 @@ HCRYPTMSG CryptMsgOpenToEncode(DWORD dwMsgEncodingType, DWORD dwFlags, DWORD dwM
       case CMSG_SIGNED:
         kind = bv::platform::open_signed_encoder(
             dwFlags, *static_cast<const CMSG_SIGNED_ENCODE_INFO*>(pvMsgEncodeInfo), pszInnerContentObjID);
+        break;
+      case CMSG_ENVELOPED:
+        kind = bv::platform::open_enveloped_encoder(dwFlags,
+                                                    *static_cast<const CMSG_ENVELOPED_ENCODE_INFO*>(pvMsgEncodeInfo));
         break;
       default:
         SetLastError(CRYPT_E_INVALID_MSG_TYPE);

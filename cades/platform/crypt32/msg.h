@@ -106,6 +106,28 @@ static_assert(sizeof(CMSG_HASHED_ENCODE_INFO) == 48);
 
 struct CERT_INFO;
 
+// An enveloped message (msg_enveloped.cpp): the content encrypted once with
+// a fresh key, that key transported to each recipient by its public key.
+struct CMSG_ENVELOPED_ENCODE_INFO {
+  DWORD cbSize;
+  HCRYPTPROV_LEGACY hCryptProv;  // 0: the platform's choice
+  CRYPT_ALGORITHM_IDENTIFIER ContentEncryptionAlgorithm;  // "1.2.643.2.2.21": GOST 28147-89
+  void* pvEncryptionAuxInfo;  // null
+  DWORD cRecipients;
+  CERT_INFO** rgpRecipients;
+};
+static_assert(sizeof(CMSG_ENVELOPED_ENCODE_INFO) == 64);
+
+// CMSG_CTRL_DECRYPT: recipient `dwRecipientIndex` opens the content key
+// with the private key the provider handle holds.
+struct CMSG_CTRL_DECRYPT_PARA {
+  DWORD cbSize;
+  HCRYPTPROV hCryptProv;
+  DWORD dwKeySpec;
+  DWORD dwRecipientIndex;
+};
+static_assert(sizeof(CMSG_CTRL_DECRYPT_PARA) == 24);
+
 // The certificates and CRLs a signed message carries, each DER-encoded.
 using CERT_BLOB = CRYPT_INTEGER_BLOB;
 using CRL_BLOB = CRYPT_INTEGER_BLOB;

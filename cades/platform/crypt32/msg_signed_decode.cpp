@@ -153,12 +153,7 @@ class SignedDecoder final : public MessageKind, public DecodedSigned {
         std::string issuer, serial;
         if (signer == nullptr) return false;
         if (!signer_issuer_serial(signer, issuer, serial)) return fail(CRYPT_E_ISSUER_SERIALNUMBER);
-        if (param == CMSG_SIGNER_CERT_INFO_PARAM) {
-          FlatRecord record(sizeof(CERT_INFO));
-          put_blob(record, offsetof(CERT_INFO, Issuer), issuer);
-          put_blob(record, offsetof(CERT_INFO, SerialNumber), serial);
-          return record.copy_out(data, size);
-        }
+        if (param == CMSG_SIGNER_CERT_INFO_PARAM) return copy_issuer_serial(issuer, serial, data, size);
         FlatRecord record(sizeof(CMSG_SIGNER_INFO));
         X509_ALGOR *digest = nullptr, *signature = nullptr;
         CMS_SignerInfo_get0_algs(signer, nullptr, nullptr, &digest, &signature);
@@ -222,6 +217,15 @@ class SignedDecoder final : public MessageKind, public DecodedSigned {
 };
 
 }  // namespace
+
+std::string little_endian_serial_of(const ASN1_INTEGER* serial) { return little_endian_serial(serial); }
+
+bool copy_issuer_serial(const std::string& issuer, const std::string& serial, void* data, DWORD* size) {
+  FlatRecord record(sizeof(CERT_INFO));
+  put_blob(record, offsetof(CERT_INFO, Issuer), issuer);
+  put_blob(record, offsetof(CERT_INFO, SerialNumber), serial);
+  return record.copy_out(data, size);
+}
 
 bool verify_signer(DecodedSigned& message, CMS_SignerInfo* signer, X509* cert) {
   bv::ossl::gost_engine();
