@@ -26,12 +26,6 @@ constexpr DWORD kCurrentUser = 0x10000;    // CERT_SYSTEM_STORE_CURRENT_USER
 constexpr DWORD kOpenExisting = 0x4000;    // CERT_STORE_OPEN_EXISTING_FLAG
 constexpr DWORD kDeferClose = 0x4;         // CERT_STORE_DEFER_CLOSE_UNTIL_LAST_FREE_FLAG
 
-// The next certificate of a search; the one it is handed goes back to the store.
-bool find_next(HCERTSTORE store, DWORD find_type, const void* find_para, bv::platform::CertContext& cert) {
-  cert.reset(CertFindCertificateInStore(store, kEncoding, 0, find_type, find_para, cert.release()));
-  return static_cast<bool>(cert);
-}
-
 bool all_digits(const char* text, size_t count) {
   for (size_t i = 0; i < count; ++i)
     if (!isdigit_l(static_cast<unsigned char>(text[i]), bv::platform::ansi_locale())) return false;
@@ -68,6 +62,44 @@ bv::platform::CertStore open_profile_store(const char* name, int32_t nameL, Prof
   DWORD flags = location | kOpenExisting;
   if (use == ProfileStoreUse::Sign) flags |= kDeferClose;
   return bv::platform::CertStore(CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, flags, wide.data()));
+}
+
+bool IdentityMatches::read(const char* strSigRcpId, int32_t strSigRcpIdL, CRYPT_HASH_BLOB* hash) {
+  wanted_.clear();
+  if (is_hash_id(strSigRcpId, strSigRcpIdL)) {
+    find_type_ = kFindSha1Hash;
+    find_para_ = hash;
+    return parse_CertHashID(strSigRcpId, strSigRcpIdL, hash);
+  }
+  find_type_ = kFindAny;
+  find_para_ = nullptr;
+  return parse_dn_string(strSigRcpId, strSigRcpIdL, wanted_) == 0;
+}
+
+bool IdentityMatches::next(HCERTSTORE store, const char* trace_function, SsfInfo* info,
+                           bv::platform::CertContext& cert) {
+  for (;;) {
+    cert.reset(CertFindCertificateInStore(store, kEncoding, 0, find_type_, find_para_, cert.release()));
+    if (!cert) return false;
+    if (find_type_ != kFindAny) return true;
+    // Rendered into the kept buffer; only a subject that may not have fitted
+    // is measured and rendered again.
+    if (subject_.empty()) subject_.resize(kUsualSubjectLength);
+    CERT_NAME_BLOB* name = &cert.get()->pCertInfo->Subject;
+    DWORD subject_length = CertNameToStrA(kEncoding, name, kOidNameStr, subject_.data(), static_cast<DWORD>(subject_.size()));
+    if (subject_length >= subject_.size()) {
+      subject_length = CertNameToStrA(kEncoding, name, kOidNameStr, nullptr, 0);
+      subject_.assign(subject_length > 0 ? subject_length : 1, '\0');
+      CertNameToStrA(kEncoding, name, kOidNameStr, subject_.data(), subject_length);
+    }
+    RdnList have;
+    if (parse_dn_string(subject_.data(), static_cast<int32_t>(subject_length), have) != 0) {
+      BV_TRACE(TRACE_NORMAL, "#error#: Invalid certificate DN\n");
+      info->Result = SSF_RES_NOT_OK;
+      continue;
+    }
+    if (dn_contains_all(wanted_, have)) return true;
+  }
 }
 
 SearchStep search_signer_certificate(const char* trace_function, SsfInfo* info, int index,
@@ -107,18 +139,8 @@ SearchStep search_signer_certificate(const char* trace_function, SsfInfo* info, 
   const std::string identity(info->strSigRcpId, static_cast<size_t>(info->strSigRcpIdL));
   BV_TRACE(TRACE_NORMAL, "#info#: Searched userID (%s)\n", identity.c_str());
 
-  DWORD find_type = kFindAny;
-  const void* find_para = nullptr;
-  RdnList wanted;
-  bool identity_read = false;
-  if (is_hash_id(info->strSigRcpId, info->strSigRcpIdL)) {
-    find_type = kFindSha1Hash;
-    find_para = &search.hash;
-    identity_read = parse_CertHashID(info->strSigRcpId, info->strSigRcpIdL, &search.hash);
-  } else {
-    identity_read = parse_dn_string(info->strSigRcpId, info->strSigRcpIdL, wanted) == 0;
-  }
-  if (!identity_read) {
+  IdentityMatches matches;
+  if (!matches.read(info->strSigRcpId, info->strSigRcpIdL, &search.hash)) {
     BV_TRACE(TRACE_NORMAL, "#error#: Invalid user's ID (%s)\n", identity.c_str());
     info->Result = SSF_RES_UNKNOWN;
     ++search.failures;
@@ -128,27 +150,7 @@ SearchStep search_signer_certificate(const char* trace_function, SsfInfo* info, 
   BV_TRACE(TRACE_DETAIL, "#trace# Search Signer's certificate.\n");
   SearchStep step = SearchStep::NotFound;
   bv::platform::CertContext cert;
-  // Rendered once into this buffer; only a subject that may not have fitted
-  // is measured and rendered again.
-  std::vector<char> subject(kUsualSubjectLength, '\0');
-  while (find_next(store.get(), find_type, find_para, cert)) {
-    if (find_type == kFindAny) {
-      DWORD subject_length = CertNameToStrA(kEncoding, &cert.get()->pCertInfo->Subject, kOidNameStr, subject.data(),
-                                            static_cast<DWORD>(subject.size()));
-      if (subject_length >= subject.size()) {
-        subject_length = CertNameToStrA(kEncoding, &cert.get()->pCertInfo->Subject, kOidNameStr, nullptr, 0);
-        subject.assign(subject_length > 0 ? subject_length : 1, '\0');
-        CertNameToStrA(kEncoding, &cert.get()->pCertInfo->Subject, kOidNameStr, subject.data(), subject_length);
-      }
-      RdnList have;
-      if (parse_dn_string(subject.data(), static_cast<int32_t>(subject_length), have) != 0) {
-        BV_TRACE(TRACE_NORMAL, "#error#: Invalid certificate DN\n");
-        info->Result = SSF_RES_NOT_OK;
-        continue;
-      }
-      if (!dn_contains_all(wanted, have)) continue;
-    }
-
+  while (matches.next(store.get(), trace_function, info, cert)) {
     if (config.VerifyCertOnSign != 0) {
       DWORD status = 0;
       const int32_t verified = VerifyCertificate(cert.get(), config.VerifyCertFlagsOnSelect, &status);

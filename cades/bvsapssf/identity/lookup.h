@@ -4,10 +4,12 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "bvsapssf_api.h"
 #include "crypt32/cert.h"
 #include "crypt32/msg.h"
+#include "identity/identity.h"
 #include "identity/signer_key.h"
 
 // Which operation opens the store: the default name and the flags differ.
@@ -18,6 +20,27 @@ enum class ProfileStoreUse { Sign, AddSign, Develope, Envelope, Verify };
 // or less opens the operation's default.  Empty with the last error set when
 // the store can't be opened.
 bv::platform::CertStore open_profile_store(const char* name, int32_t nameL, ProfileStoreUse use);
+
+// An identity read for a store search: by hash (CERT_FIND_SHA1_HASH with
+// the blob) or by DN (every certificate, each subject held against the
+// wanted items).
+class IdentityMatches {
+ public:
+  // Reads the record's identity; `hash` is the call's shared blob (reused,
+  // freed by the caller).  False when the identity can't be read.
+  bool read(const char* strSigRcpId, int32_t strSigRcpIdL, CRYPT_HASH_BLOB* hash);
+
+  // Moves `cert` to the next certificate of `store` the identity names; the
+  // previous one goes back to the store.  A subject that can't be read is
+  // traced, sets the record's Result to 27 and is passed over.
+  bool next(HCERTSTORE store, const char* trace_function, SsfInfo* info, bv::platform::CertContext& cert);
+
+ private:
+  DWORD find_type_ = 0;
+  const void* find_para_ = nullptr;
+  RdnList wanted_;
+  std::vector<char> subject_;  // rendered subjects, reused between candidates
+};
 
 // State one signing call shares between its signers.
 struct SignerSearch {

@@ -36,16 +36,13 @@ int32_t IsPinExplicit(const SsfInfo& info) {
   return 1;
 }
 
-SearchStep acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo* info,
-                        CMSG_SIGNER_ENCODE_INFO* encode, SignerCertList& certs) {
-  const int32_t pin_explicit = IsPinExplicit(*info);
-  BV_TRACE(TRACE_DETAIL, "#trace# Explicit pin code? IsPinExplicit = %d.\n", pin_explicit);
-
+KeyOpen open_certificate_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo* info, int32_t pin_explicit,
+                             HCRYPTPROV* provider, DWORD* key_spec) {
   DWORD prov_info_size = 0;
   if (!CertGetCertificateContextProperty(cert, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &prov_info_size)) {
     BV_TRACE(TRACE_DETAIL,
              "#trace# Can not CertGetCertificateContextProperty. Trying to search another certificate.\n");
-    return SearchStep::NotFound;
+    return KeyOpen::NoKeyHere;
   }
   // Aligned for the record the property holds.
   auto prov_info_buffer = std::make_unique<uint64_t[]>(prov_info_size / sizeof(uint64_t) + 1);
@@ -53,12 +50,12 @@ SearchStep acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, S
                                          &prov_info_size)) {
     BV_TRACE(TRACE_DETAIL,
              "#trace# Can not CertGetCertificateContextProperty. Trying to search another certificate.\n");
-    return SearchStep::NotFound;
+    return KeyOpen::NoKeyHere;
   }
 
   // A negative length is a PIN no text can have: the call ends here.
   const int32_t pin_length = bv::frame::field_length(info->Password, info->PasswordL);
-  if (pin_length < 0) return SearchStep::CallEnds;
+  if (pin_length < 0) return KeyOpen::CallEnds;
   const std::string pin = pin_length == 0 ? std::string() : std::string(info->Password, static_cast<size_t>(pin_length));
   CRYPT_KEY_PROV_PARAM pin_param{};
   pin_param.dwParam = kKeyExchangePinParam;
@@ -75,31 +72,48 @@ SearchStep acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, S
     BV_TRACE(TRACE_DETAIL,
              "#trace# Can not CertSetCertificateContextProperty. Trying to search another certificate. %08x\n",
              GetLastError());
-    return SearchStep::NotFound;
+    return KeyOpen::NoKeyHere;
   }
 
   const DWORD acquire_flags = pin_explicit == 1 ? kAcquireExplicitPin : kAcquireProviderMayAsk;
   BOOL caller_free = FALSE;
-  if (!CryptAcquireCertificatePrivateKey(cert, acquire_flags, nullptr, &encode->hCryptProv, &encode->dwKeySpec,
-                                         &caller_free)) {
+  if (!CryptAcquireCertificatePrivateKey(cert, acquire_flags, nullptr, provider, key_spec, &caller_free)) {
     info->Result = SSF_RES_INVALID_PROFILE;
-    BV_TRACE(TRACE_DETAIL,
-             "#trace# Can not AcquireCertificatePrivateKey. Trying to search another certificate. %08x\n",
-             GetLastError());
-    return SearchStep::NotFound;
+    return KeyOpen::NotAcquired;
   }
 
   // The acquisition alone doesn't prove the PIN: only an opened container
   // answers this parameter.
   BYTE opened[8];
   DWORD opened_size = sizeof(opened);
-  if (!CryptGetProvParam(encode->hCryptProv, kKeyOpenedParam, opened, &opened_size, 0)) {
+  if (!CryptGetProvParam(*provider, kKeyOpenedParam, opened, &opened_size, 0)) {
     info->Result = SSF_RES_INVALID_PASSWORD;
     BV_TRACE(TRACE_DETAIL,
              "#trace# Can not Acquire Private Key with supplied pin code. Trying to search another certificate. "
              "%08x\n",
              GetLastError());
-    return SearchStep::NotFound;
+    return KeyOpen::PinRefused;
+  }
+  return KeyOpen::Opened;
+}
+
+SearchStep acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo* info,
+                        CMSG_SIGNER_ENCODE_INFO* encode, SignerCertList& certs) {
+  const int32_t pin_explicit = IsPinExplicit(*info);
+  BV_TRACE(TRACE_DETAIL, "#trace# Explicit pin code? IsPinExplicit = %d.\n", pin_explicit);
+  switch (open_certificate_key(trace_function, cert, info, pin_explicit, &encode->hCryptProv, &encode->dwKeySpec)) {
+    case KeyOpen::Opened:
+      break;
+    case KeyOpen::CallEnds:
+      return SearchStep::CallEnds;
+    case KeyOpen::NotAcquired:
+      BV_TRACE(TRACE_DETAIL,
+               "#trace# Can not AcquireCertificatePrivateKey. Trying to search another certificate. %08x\n",
+               GetLastError());
+      return SearchStep::NotFound;
+    case KeyOpen::NoKeyHere:
+    case KeyOpen::PinRefused:
+      return SearchStep::NotFound;
   }
   BV_TRACE(TRACE_DETAIL, "#trace# Private Key successfully acquired.\n");
 

@@ -27,6 +27,20 @@ int32_t IsPinExplicit(const SsfInfo& info);
 // an unexpected failure ends it (13), without a further signer.
 enum class SearchStep { Found, NotFound, CallEnds };
 
+// How opening a certificate's private key ends.  NoKeyHere: the
+// certificate has no key on this machine, or its key property can't be
+// set.  NotAcquired: the provider refused the key (Result 24; the last
+// error is left for the caller).  PinRefused: the key is there but the PIN
+// does not open it (Result 25).  CallEnds: see SearchStep.
+enum class KeyOpen { Opened, NoKeyHere, NotAcquired, PinRefused, CallEnds };
+
+// The record's PIN handed to the provider through the certificate's key
+// property (in memory only), the key acquired with the cache flag (it then
+// goes with the context) and proven.  Traces the lines signing and opening
+// an envelope share.
+KeyOpen open_certificate_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo* info, int32_t pin_explicit,
+                             HCRYPTPROV* provider, DWORD* key_spec);
+
 // Found: fills hCryptProv, dwKeySpec, HashAlgorithm, pCertInfo and the
 // attribute counts of `encode`, and appends `cert` to `certs`, which from
 // then on owns it.  NotFound: writes the record's Result as the cause
