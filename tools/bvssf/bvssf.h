@@ -35,6 +35,20 @@ std::string rc_name(SSF_RC rc);
 std::string read_file(const std::string& path);  // exits with a message if unreadable
 void write_file(const std::string& path, const unsigned char* data, uint32_t length);
 
+// A record as the commands take it: ID[:PROFILE[:PIN]].  The PIN is the
+// rest after the second colon, so it may hold colons itself.
+struct RecordArgument {
+  std::string id, profile, pin;
+};
+RecordArgument parse_record(const std::string& text);
+
+// A new record for `argument` appended to `list` (which frees it); the
+// library's code when it refuses.
+SSF_RC add_record(const RecordArgument& argument, SsfInfoNode** list, SsfInfo** record);
+
+// "OK", "UNKNOWN", ... for a record's Result.
+const char* result_name(int32_t result);
+
 // Prints the code by name and returns the process exit status for it.
 int report(SSF_RC rc);
 

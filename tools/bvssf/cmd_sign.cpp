@@ -9,44 +9,13 @@
 
 namespace {
 
-struct SignerArgument {
-  std::string id, profile, pin;
-};
-
-// The PIN is the rest after the second colon, so it may hold colons itself.
-SignerArgument parse_signer(const std::string& text) {
-  SignerArgument signer;
-  const size_t first = text.find(':');
-  signer.id = text.substr(0, first);
-  if (first == std::string::npos) return signer;
-  const size_t second = text.find(':', first + 1);
-  signer.profile = text.substr(first + 1, second == std::string::npos ? std::string::npos : second - first - 1);
-  if (second != std::string::npos) signer.pin = text.substr(second + 1);
-  return signer;
-}
-
-const char* result_name(int32_t result) {
-  switch (result) {
-    case 0: return "OK";
-    case 21: return "INVALID_NAMESPACE";
-    case 22: return "UNKNOWN";
-    case 23: return "UNKNOWN_PROFILE";
-    case 24: return "INVALID_PROFILE";
-    case 25: return "INVALID_PASSWORD";
-    case 26: return "NOCERTIFICATE";
-    case 27: return "NOT_OK";
-    case 28: return "UNDEFINED";
-    default: return "?";
-  }
-}
-
 int sign(const std::vector<std::string>& args) {
   std::vector<std::string> positional;
-  std::vector<SignerArgument> signer_args;
+  std::vector<bvssf::RecordArgument> signer_args;
   bool detached = false, include_certs = false;
   for (size_t i = 0; i < args.size(); ++i) {
     if (args[i] == "--signer" && i + 1 < args.size()) {
-      signer_args.push_back(parse_signer(args[++i]));
+      signer_args.push_back(bvssf::parse_record(args[++i]));
     } else if (args[i] == "--detached") {
       detached = true;
     } else if (args[i] == "--certs") {
@@ -65,16 +34,13 @@ int sign(const std::vector<std::string>& args) {
 
   SsfInfoNode* list = nullptr;
   std::vector<SsfInfo*> records;
-  for (const SignerArgument& s : signer_args) {
+  for (const bvssf::RecordArgument& s : signer_args) {
     SsfInfo* info = nullptr;
-    const SSF_RC rc = lib.SsfNEWSigRcpSsfInfo(s.id.data(), static_cast<int32_t>(s.id.size()), nullptr, 0,
-                                              s.profile.data(), static_cast<int32_t>(s.profile.size()),
-                                              s.pin.data(), static_cast<int32_t>(s.pin.size()), 0, &info);
+    const SSF_RC rc = bvssf::add_record(s, &list, &info);
     if (rc != SSF_OK) {
-      lib.SsfDELSigRcpSsfInfoList(&list);
+      if (list != nullptr) lib.SsfDELSigRcpSsfInfoList(&list);
       return bvssf::report(rc);
     }
-    lib.SsfINSSigRcpSsfInfo(info, &list);
     records.push_back(info);
   }
 
@@ -85,7 +51,7 @@ int sign(const std::vector<std::string>& args) {
                                 reinterpret_cast<const unsigned char*>(input.data()),
                                 static_cast<int32_t>(input.size()), list, &signed_data, &signed_length);
   for (size_t i = 0; i < records.size(); ++i)
-    std::printf("signer %zu: %s (%d)\n", i + 1, result_name(records[i]->Result), records[i]->Result);
+    std::printf("signer %zu: %s (%d)\n", i + 1, bvssf::result_name(records[i]->Result), records[i]->Result);
   if (rc == SSF_OK) {
     bvssf::write_file(positional[2], signed_data, signed_length);
     std::printf("%u bytes written to %s\n", signed_length, positional[2].c_str());
@@ -126,7 +92,7 @@ int verify(const std::vector<std::string>& args) {
   size_t index = 0;
   for (SsfInfoNode* node = list; node != nullptr; node = node->next) {
     const SsfInfo& info = *node->info;
-    std::printf("signer %zu: %s (%d)\n  id: %.*s\n", ++index, result_name(info.Result), info.Result,
+    std::printf("signer %zu: %s (%d)\n  id: %.*s\n", ++index, bvssf::result_name(info.Result), info.Result,
                 info.strSigRcpIdL, info.strSigRcpId);
     const std::string times(info.Profile != nullptr ? info.Profile : "", info.ProfileL > 0 ? info.ProfileL : 0);
     for (size_t at = 0; at < times.size();) {

@@ -101,6 +101,49 @@ int report(SSF_RC rc) {
   return rc == SSF_OK ? 0 : 1;
 }
 
+RecordArgument parse_record(const std::string& text) {
+  RecordArgument record;
+  const size_t first = text.find(':');
+  record.id = text.substr(0, first);
+  if (first == std::string::npos) return record;
+  const size_t second = text.find(':', first + 1);
+  record.profile = text.substr(first + 1, second == std::string::npos ? std::string::npos : second - first - 1);
+  if (second != std::string::npos) record.pin = text.substr(second + 1);
+  return record;
+}
+
+SSF_RC add_record(const RecordArgument& argument, SsfInfoNode** list, SsfInfo** record) {
+  const auto& lib = library();
+  SsfInfo* info = nullptr;
+  SSF_RC rc = lib.SsfNEWSigRcpSsfInfo(argument.id.data(), static_cast<int32_t>(argument.id.size()), nullptr, 0,
+                                      argument.profile.data(), static_cast<int32_t>(argument.profile.size()),
+                                      argument.pin.data(), static_cast<int32_t>(argument.pin.size()),
+                                      SSF_RES_UNDEFINED, &info);
+  if (rc != SSF_OK) return rc;
+  rc = lib.SsfINSSigRcpSsfInfo(info, list);
+  if (rc != SSF_OK) {
+    lib.SsfDELSigRcpSsfInfo(&info);
+    return rc;
+  }
+  if (record != nullptr) *record = info;
+  return SSF_OK;
+}
+
+const char* result_name(int32_t result) {
+  switch (result) {
+    case 0: return "OK";
+    case 21: return "INVALID_NAMESPACE";
+    case 22: return "UNKNOWN";
+    case 23: return "UNKNOWN_PROFILE";
+    case 24: return "INVALID_PROFILE";
+    case 25: return "INVALID_PASSWORD";
+    case 26: return "NOCERTIFICATE";
+    case 27: return "NOT_OK";
+    case 28: return "UNDEFINED";
+    default: return "?";
+  }
+}
+
 bool add_command(const Command& command) {
   commands()[command.name] = command;
   return true;

@@ -1,4 +1,4 @@
-// Operations whose bodies have not landed yet: each answers with its banners
+// The operation whose body has not landed yet: it answers with its banners
 // and SSF_ERR_INTERNAL, after refusing a null place for its answer as the
 // finished operations do.
 #include "bvsapssf_api.h"
@@ -30,17 +30,6 @@ bool clear_output(unsigned char** data, uint32_t* length) {
 }  // namespace
 
 extern "C" {
-
-SSF_RC SsfEnvelope(const char*, int32_t, const char*, int32_t, const unsigned char*, int32_t, const char*, int32_t,
-                   const char*, int32_t, SsfInfoNode*, unsigned char** ostrEnvelopedData,
-                   uint32_t* ostrEnvelopedDataL) {
-  return not_yet("SsfEnvelope", ostrEnvelopedData != nullptr && ostrEnvelopedDataL != nullptr);
-}
-
-SSF_RC SsfDevelope(const char*, int32_t, const unsigned char*, int32_t, SsfInfo*, unsigned char** ostrOutputData,
-                   uint32_t* ostrOutputDataL) {
-  return not_yet("SsfDevelope", clear_output(ostrOutputData, ostrOutputDataL));
-}
 
 SSF_RC SsfAddSign(const char*, int32_t, const char*, int32_t, SSF_BOOL, const unsigned char*, int32_t,
                   const unsigned char*, int32_t, SsfInfo*, unsigned char** ostrSignedDataOut,
