@@ -6,7 +6,6 @@
 #include <cstring>
 #include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 
 #include "bvssf.h"
@@ -81,12 +80,16 @@ std::string rc_name(SSF_RC rc) {
   }
 }
 
+// Read straight into a string of the file's size: a large input is held
+// once, not twice as a stream's buffer and its copy.
 std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
   if (!in) die("cannot read " + path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
+  const std::streamoff size = in.tellg();
+  std::string text(size > 0 ? static_cast<size_t>(size) : 0, '\0');
+  in.seekg(0);
+  if (!in.read(text.data(), static_cast<std::streamsize>(text.size()))) die("cannot read " + path);
+  return text;
 }
 
 void write_file(const std::string& path, const unsigned char* data, uint32_t length) {

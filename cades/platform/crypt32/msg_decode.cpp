@@ -19,20 +19,24 @@ class UndecidedMessage final : public MessageKind {
 
   bool update(const BYTE* data, DWORD size, bool final) override {
     if (decided_) return decided_->update(data, size, final);
-    if (size != 0) pending_.insert(pending_.end(), data, data + size);
+    // The whole message in one final update (the usual case) is parsed where
+    // it lies; pieces are collected first.
+    const bool in_one_piece = final && pending_.empty();
+    if (size != 0 && !in_one_piece) pending_.insert(pending_.end(), data, data + size);
     if (!final) return true;
     // GOST public keys of the message's certificates are decoded as they are
     // parsed, so the engine comes first.
     bv::ossl::gost_engine();
     DecodedContent content;
-    const unsigned char* cursor = pending_.data();
-    content.cms.reset(d2i_CMS_ContentInfo(nullptr, &cursor, static_cast<long>(pending_.size())));
+    const unsigned char* cursor = in_one_piece ? data : pending_.data();
+    const long length = static_cast<long>(in_one_piece ? size : pending_.size());
+    content.cms.reset(cursor != nullptr ? d2i_CMS_ContentInfo(nullptr, &cursor, length) : nullptr);
     ERR_clear_error();
+    std::vector<BYTE>().swap(pending_);
     if (!content.cms) {
       SetLastError(CRYPT_E_ASN1_BADTAG);
       return false;
     }
-    content.der = std::move(pending_);
     const int content_type = OBJ_obj2nid(CMS_get0_type(content.cms.get()));
     const DWORD type = content_type == NID_pkcs7_signed ? CMSG_SIGNED
                        : content_type == NID_pkcs7_enveloped ? CMSG_ENVELOPED

@@ -66,34 +66,56 @@ class EnvelopedEncoder final : public MessageKind {
   DWORD type() const override { return CMSG_ENVELOPED; }
 
   bool update(const BYTE* data, DWORD size, bool final) override {
-    if (!encoded_.empty()) return fail(CRYPT_E_MSG_ERROR);
-    if (size != 0) content_.insert(content_.end(), data, data + size);
+    if (finished_) return fail(CRYPT_E_MSG_ERROR);
+    // The whole content in one final update (the usual case) is encrypted
+    // where it lies; pieces are collected first.
+    const bool in_one_piece = final && content_.empty();
+    if (size != 0 && !in_one_piece) content_.insert(content_.end(), data, data + size);
     if (!final) return true;
-    UniquePtr<BIO> in(BIO_new_mem_buf(content_.empty() ? "" : static_cast<const void*>(content_.data()),
-                                      static_cast<int>(content_.size())));
-    if (!in || !CMS_final(cms_.get(), in.get(), nullptr, CMS_BINARY)) return fail(NTE_BAD_KEY);
-    encoded_ = der_of(cms_.get(), i2d_CMS_ContentInfo);
+    const void* bytes = in_one_piece ? static_cast<const void*>(data) : content_.data();
+    const int length = static_cast<int>(in_one_piece ? size : content_.size());
+    UniquePtr<BIO> in(BIO_new_mem_buf(bytes != nullptr ? bytes : "", length));
+    const bool encrypted = in && CMS_final(cms_.get(), in.get(), nullptr, CMS_BINARY) == 1;
     OPENSSL_cleanse(content_.data(), content_.size());
-    content_.clear();
-    if (encoded_.empty()) return fail(CRYPT_E_ASN1_ERROR);
+    std::vector<BYTE>().swap(content_);
+    if (!encrypted) return fail(NTE_BAD_KEY);
+    encoded_length_ = i2d_CMS_ContentInfo(cms_.get(), nullptr);
+    if (encoded_length_ <= 0) return fail(CRYPT_E_ASN1_ERROR);
+    finished_ = true;
     ERR_clear_error();
     return true;
   }
 
+  // The DER is written straight into the caller's buffer: a large message
+  // is never held twice here.
   bool get_param(DWORD param, DWORD, void* data, DWORD* size) override {
     if (param == CMSG_TYPE_PARAM) {
       const DWORD type = CMSG_ENVELOPED;
       return copy_output(&type, sizeof type, data, size);
     }
     if (param != CMSG_CONTENT_PARAM) return fail(CRYPT_E_INVALID_MSG_TYPE);
-    if (encoded_.empty()) return fail(CRYPT_E_MSG_ERROR);
-    return copy_output(encoded_.data(), static_cast<DWORD>(encoded_.size()), data, size);
+    if (!finished_) return fail(CRYPT_E_MSG_ERROR);
+    if (size == nullptr) return fail(static_cast<DWORD>(E_INVALIDARG));
+    const DWORD needed = static_cast<DWORD>(encoded_length_);
+    if (data == nullptr) {
+      *size = needed;
+      return true;
+    }
+    if (*size < needed) {
+      *size = needed;
+      return fail(ERROR_MORE_DATA);
+    }
+    auto* cursor = static_cast<unsigned char*>(data);
+    if (i2d_CMS_ContentInfo(cms_.get(), &cursor) != encoded_length_) return fail(CRYPT_E_ASN1_ERROR);
+    *size = needed;
+    return true;
   }
 
  private:
   UniquePtr<CMS_ContentInfo> cms_;
   std::vector<BYTE> content_;
-  std::string encoded_;
+  bool finished_ = false;
+  int encoded_length_ = 0;
 };
 
 class EnvelopedDecoder final : public MessageKind {
@@ -125,9 +147,12 @@ class EnvelopedDecoder final : public MessageKind {
           return fail(CRYPT_E_RECIPIENT_NOT_FOUND);
         return copy_issuer_serial(der_of(issuer, i2d_X509_NAME), little_endian_serial_of(serial), data, size);
       }
-      case CMSG_CONTENT_PARAM:
+      case CMSG_CONTENT_PARAM: {
         if (!decrypted_) return fail(CRYPT_E_NOT_DECRYPTED);
-        return copy_output(plaintext_.data(), static_cast<DWORD>(plaintext_.size()), data, size);
+        const char* bytes = nullptr;
+        const long length = BIO_get_mem_data(plaintext_.get(), &bytes);
+        return copy_output(bytes, static_cast<DWORD>(length > 0 ? length : 0), data, size);
+      }
       default:
         return fail(CRYPT_E_INVALID_MSG_TYPE);
     }
@@ -154,20 +179,33 @@ class EnvelopedDecoder final : public MessageKind {
     const bool opened = CMS_RecipientInfo_decrypt(content_.cms.get(), recipient) == 1;
     CMS_RecipientInfo_set0_pkey(recipient, nullptr);
     if (!opened) return fail(NTE_BAD_DATA);
+    // The plaintext is as long as the ciphertext (CFB): its buffer is had
+    // at once, so it never grows by copies.
+    ASN1_OCTET_STRING** encrypted = CMS_get0_content(content_.cms.get());
+    const int expected = encrypted != nullptr && *encrypted != nullptr ? ASN1_STRING_length(*encrypted) : 0;
+    UniquePtr<BUF_MEM> buffer(BUF_MEM_new());
+    if (!buffer || (expected > 0 && BUF_MEM_grow(buffer.get(), static_cast<size_t>(expected)) == 0))
+      return fail(NTE_NO_MEMORY);
+    buffer->length = 0;  // room kept, nothing written yet
     UniquePtr<BIO> out(BIO_new(BIO_s_mem()));
-    if (!out || CMS_decrypt(content_.cms.get(), nullptr, nullptr, nullptr, out.get(), CMS_BINARY) != 1)
+    if (!out) return fail(NTE_NO_MEMORY);
+    BIO_set_mem_buf(out.get(), buffer.release(), BIO_CLOSE);
+    if (CMS_decrypt(content_.cms.get(), nullptr, nullptr, nullptr, out.get(), CMS_BINARY) != 1)
       return fail(NTE_BAD_DATA);
-    const char* bytes = nullptr;
-    const long length = BIO_get_mem_data(out.get(), &bytes);
-    plaintext_.assign(bytes, bytes + (length > 0 ? length : 0));
+    plaintext_ = std::move(out);
     decrypted_ = true;
+    // The ciphertext has served: a large message is not held twice.
+    if (encrypted != nullptr) {
+      ASN1_OCTET_STRING_free(*encrypted);
+      *encrypted = nullptr;
+    }
     ERR_clear_error();
     return true;
   }
 
  private:
   DecodedContent content_;
-  std::vector<BYTE> plaintext_;
+  UniquePtr<BIO> plaintext_;
   bool decrypted_ = false;
 };
 

@@ -13,7 +13,6 @@ namespace bv::platform {
 
 // A whole message as it came in, parsed once.
 struct DecodedContent {
-  std::vector<BYTE> der;
   bv::ossl::UniquePtr<CMS_ContentInfo> cms;
 };
 
