@@ -203,7 +203,9 @@ TEST(Verify, MessagesAndTheirRecords) {
     std::vector<int32_t> results;
     for (const Record& r : v.records) results.push_back(r.result);
     EXPECT_EQ(results, c.results);
-    if (!v.records.empty()) EXPECT_NE(v.records[0].id.find(c.id_part), std::string::npos) << v.records[0].id;
+    if (!v.records.empty()) {
+      EXPECT_NE(v.records[0].id.find(c.id_part), std::string::npos) << v.records[0].id;
+    }
     if (c.rc == SSF_OK) {
       EXPECT_EQ(v.content, data);
       EXPECT_GT(v.records[0].certificate_length, 0u);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <vector>
 
 #include "bvsapssf_api.h"
@@ -20,6 +21,16 @@ enum class ProfileStoreUse { Sign, AddSign, Develope, Envelope, Verify };
 // or less opens the operation's default.  Empty with the last error set when
 // the store can't be opened.
 bv::platform::CertStore open_profile_store(const char* name, int32_t nameL, ProfileStoreUse use);
+
+// The hash blob a call's identities share (parse_CertHashID reuses its
+// buffer): one buffer at most, freed when the call ends.
+struct SharedHash {
+  CRYPT_HASH_BLOB blob{0, nullptr};
+  SharedHash() = default;
+  SharedHash(const SharedHash&) = delete;
+  SharedHash& operator=(const SharedHash&) = delete;
+  ~SharedHash() { std::free(blob.pbData); }
+};
 
 // An identity read for a store search: by hash (CERT_FIND_SHA1_HASH with
 // the blob) or by DN (every certificate, each subject held against the

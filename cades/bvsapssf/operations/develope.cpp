@@ -21,17 +21,12 @@ constexpr const char* trace_file = "ssfxxmain";
 constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 constexpr DWORD kNoRecipient = 0xFFFFFFFF;
 
-struct SharedHash {
-  CRYPT_HASH_BLOB blob{0, nullptr};
-  ~SharedHash() { std::free(blob.pbData); }
-};
-
 // How the search for the recipient's key ends.
 enum class KeySearch { Chosen, NotFound, CallEnds };
 
 // The first certificate the identity names whose key opens with the
 // record's PIN; every candidate is tried, and the record's Result tells of
-// the last one that set it.  The key's handle and specification go into
+// the last one that set it.  The key's handle and key spec go into
 // `decrypt`, and the handle stays with the chosen context.
 KeySearch choose_recipient_key(const char* trace_function, HCERTSTORE store, IdentityMatches& matches, SsfInfo* info,
                                CMSG_CTRL_DECRYPT_PARA* decrypt, bv::platform::CertContext& chosen) {

@@ -24,12 +24,6 @@ constexpr const char* kEnvelopeCreated =
     "\xC7\xE0\xF8\xE8\xF4\xF0\xEE\xE2\xE0\xED\xED\xEE\xE5 \xF1\xEE\xEE\xE1\xF9\xE5\xED\xE8\xE5 "
     "\xF3\xF1\xEF\xE5\xF8\xED\xEE \xF1\xEE\xE7\xE4\xE0\xED\xEE.\n";
 
-// The hash blob the recipients share: one buffer at most, freed at the end.
-struct SharedHash {
-  CRYPT_HASH_BLOB blob{0, nullptr};
-  ~SharedHash() { std::free(blob.pbData); }
-};
-
 // Finds the certificate of one recipient in the PAB store: the first the
 // identity names, in the store's order.  No key, chain or validity is
 // looked at: anyone with a certificate may receive.  Writes the record's
