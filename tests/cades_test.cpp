@@ -20,8 +20,6 @@
 namespace bv::test {
 namespace {
 
-std::string quoted(const std::string& text) { return "'" + text + "'"; }
-
 // The checks of tests/tools/cades_check.py, then `openssl ts -verify` of
 // each signer's signature time stamp over its signature value and of its
 // Type 1 time stamp over the input the checker computed.
@@ -317,7 +315,7 @@ std::function<void(CMS_SignerInfo*, CMS_ContentInfo*)> flip_unsigned(int nid) {
 }
 
 // Every status the test PKI can produce, each from a real fault, through
-// the CAdES verifier on a decoded message.
+// the CAdES verifier on a decoded message and through SsfVerify.
 TEST(CadesVerify, StatusesFromRealFaults) {
   const SigningWorld& w = SigningWorld::get();
   TempDir dir;
@@ -333,32 +331,34 @@ TEST(CadesVerify, StatusesFromRealFaults) {
     const char* name;
     std::string message;
     DWORD status;
+    int32_t result;  // the signer's record after SsfVerify
+    bool plain_under_any = false;  // no longer X Long Type 1: PKCS7_ANY verifies it as a plain signature
   };
   const Case cases[] = {
-      {"as signed", good, CADES_VERIFY_SUCCESS},
+      {"as signed", good, CADES_VERIFY_SUCCESS, 0},
       {"signature value", tampered(good, [](CMS_SignerInfo* s, CMS_ContentInfo*) {
          flip_last_byte(CMS_SignerInfo_get0_signature(s));
-       }), CADES_VERIFY_INVALID_SIGNATURE},
+       }), CADES_VERIFY_INVALID_SIGNATURE, 27},
       {"content", tampered(good, [](CMS_SignerInfo*, CMS_ContentInfo* cms) {
          flip_last_byte(*CMS_get0_content(cms));
-       }), CADES_VERIFY_INVALID_SIGNATURE},
+       }), CADES_VERIFY_INVALID_SIGNATURE, 27},
       {"content-type attribute", tampered(good, [](CMS_SignerInfo* s, CMS_ContentInfo*) {
          X509_ATTRIBUTE* a = CMS_signed_get_attr(s, CMS_signed_get_attr_by_NID(s, NID_pkcs9_contentType, -1));
          X509_ATTRIBUTE_get0_type(a, 0)->value.object = OBJ_nid2obj(NID_id_smime_ct_TSTInfo);
-       }), CADES_VERIFY_INVALID_CONTENT_TYPE},
+       }), CADES_VERIFY_INVALID_CONTENT_TYPE, 28},
       {"signing-certificate-v2 names another certificate", tampered(good, [](CMS_SignerInfo* s, CMS_ContentInfo*) {
          X509_ATTRIBUTE* a = CMS_signed_get_attr(s, CMS_signed_get_attr_by_NID(s, NID_id_smime_aa_signingCertificateV2, -1));
          flip_last_byte(X509_ATTRIBUTE_get0_type(a, 0)->value.sequence);
-       }), CADES_VERIFY_SIGNER_NOT_FOUND},
+       }), CADES_VERIFY_SIGNER_NOT_FOUND, 26},
       {"signature time stamp", tampered(good, flip_unsigned(NID_id_smime_aa_timeStampToken)),
-       CADES_VERIFY_INVALID_SIGNATURE_TIMESTAMP},
+       CADES_VERIFY_INVALID_SIGNATURE_TIMESTAMP, 28},
       {"Type 1 time stamp", tampered(good, flip_unsigned(NID_id_smime_aa_ets_escTimeStamp)),
-       CADES_VERIFY_INVALID_CADES_C_TIMESTAMP},
+       CADES_VERIFY_INVALID_CADES_C_TIMESTAMP, 28},
       {"a CRL among the values", tampered(good, flip_unsigned(NID_id_smime_aa_ets_revocationValues)),
-       CADES_VERIFY_REFS_AND_VALUES_NO_MATCH},
+       CADES_VERIFY_REFS_AND_VALUES_NO_MATCH, 28},
       {"revocation values gone", tampered(good, [](CMS_SignerInfo* s, CMS_ContentInfo*) {
          X509_ATTRIBUTE_free(CMS_unsigned_delete_attr(s, CMS_unsigned_get_attr_by_NID(s, NID_id_smime_aa_ets_revocationValues, -1)));
-       }), CADES_VERIFY_INVALID_REFS_AND_VALUES},
+       }), CADES_VERIFY_INVALID_REFS_AND_VALUES, 28, true},
   };
   // A plain message judged by the CAdES verifier: with no Root store (no
   // path, 5), and with a CRL in the stores that revokes Alice (6).
@@ -416,6 +416,14 @@ TEST(CadesVerify, StatusesFromRealFaults) {
       CadesFreeBlobArray(values);
     }
     CadesFreeVerificationInfo(info);
+    // The same through SsfVerify, by either name that finds CAdES.
+    for (const char* format : {"CADES", "PKCS7_ANY"}) {
+      const Verified v = verify_through_export(w.env(), format, c.message, nullptr);
+      ASSERT_EQ(v.records.size(), 1u) << format;
+      const bool plain = c.plain_under_any && std::string(format) == "PKCS7_ANY";
+      EXPECT_EQ(v.records[0].result, plain ? 0 : c.result) << format;
+      EXPECT_EQ(v.rc, plain || c.status == CADES_VERIFY_SUCCESS ? SSF_OK : SSF_ERR_SIGNER) << format;
+    }
   }
 }
 

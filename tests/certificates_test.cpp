@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -559,40 +558,6 @@ TEST(CertCompareIntegerBlob, ReducesAsTheTableSays) {
   }
 }
 
-std::string render_blob(const CERT_NAME_BLOB& blob) {
-  std::vector<BYTE> der(blob.pbData, blob.pbData + blob.cbData);
-  return render(der, CERT_X500_NAME_STR);
-}
-
-TEST(CertificateContext, FieldsOfACertificate) {
-  const std::string file = SigningWorld::get().my("01-alice.cer");
-  const std::string der = read_file(file);
-  PCCERT_CONTEXT context =
-      CertCreateCertificateContext(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, reinterpret_cast<const BYTE*>(der.data()),
-                                   static_cast<DWORD>(der.size()));
-  ASSERT_NE(context, nullptr) << std::hex << GetLastError();
-  const CERT_INFO* info = context->pCertInfo;
-  EXPECT_EQ(context->cbCertEncoded, der.size());
-  EXPECT_EQ(info->dwVersion, 2u);
-  EXPECT_STREQ(info->SignatureAlgorithm.pszObjId, "1.2.643.7.1.1.3.2");
-  EXPECT_STREQ(info->SubjectPublicKeyInfo.Algorithm.pszObjId, "1.2.643.7.1.1.1.1");
-  EXPECT_NE(context->hCertStore, nullptr);
-  ASSERT_EQ(info->SerialNumber.cbData, 1u);
-  EXPECT_EQ(info->SerialNumber.pbData[0], 2);
-  EXPECT_EQ(render_blob(info->Issuer), "O=Test PKI, CN=Test Root, C=RU");
-
-  // Validity as openssl prints it.
-  SYSTEMTIME until{};
-  ASSERT_TRUE(FileTimeToSystemTime(&info->NotAfter, &until));
-  const std::string end = run_command("openssl x509 -inform DER -noout -enddate -in " + file);
-  static const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-  char expected[48];
-  std::snprintf(expected, sizeof expected, "notAfter=%s %2u %02u:%02u:%02u %04u GMT", months[until.wMonth - 1],
-                until.wDay, until.wHour, until.wMinute, until.wSecond, until.wYear);
-  EXPECT_EQ(end, std::string(expected) + "\n");
-  EXPECT_TRUE(CertFreeCertificateContext(context));
-}
-
 TEST(CryptDecodeObject, SigningTimeInBothTimeForms) {
   // Seconds since 1970 (date -u +%s -d ...), 11644473600 more since 1601, in 100 ns.
   auto ticks = [](uint64_t unix_seconds) { return (unix_seconds + 11644473600ULL) * 10000000ULL; };
@@ -615,41 +580,6 @@ TEST(CryptDecodeObject, SigningTimeInBothTimeForms) {
               c.ticks != 0);
     if (c.ticks != 0) { EXPECT_EQ((static_cast<uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime, c.ticks); }
   }
-}
-
-// The OID table holds together: lookups by OID, ALG_ID and signature pair
-// are exercised by every signature and digest the other tests check.
-std::vector<PCCRYPT_OID_INFO> group_records(DWORD group) {
-  std::vector<PCCRYPT_OID_INFO> records;
-  CryptEnumOIDInfo(group, 0, &records, [](PCCRYPT_OID_INFO info, void* arg) -> BOOL {
-    static_cast<std::vector<PCCRYPT_OID_INFO>*>(arg)->push_back(info);
-    return TRUE;
-  });
-  return records;
-}
-
-// Every GOST public key is a signature key, and every signature record
-// names a hash and a public key that the table itself knows.
-TEST(OidTable, GroupsHoldTogether) {
-  for (PCCRYPT_OID_INFO key : group_records(CRYPT_PUBKEY_ALG_OID_GROUP_ID)) {
-    SCOPED_TRACE(key->pszOID);
-    if (std::strncmp(key->pszOID, "1.2.643.", 8) == 0) { EXPECT_EQ(key->Algid & 0xE000, ALG_CLASS_SIGNATURE); }
-  }
-  for (PCCRYPT_OID_INFO signature : group_records(CRYPT_SIGN_ALG_OID_GROUP_ID)) {
-    SCOPED_TRACE(signature->pszOID);
-    ALG_ID hash = signature->Algid;
-    EXPECT_NE(CryptFindOIDInfo(CRYPT_OID_INFO_ALGID_KEY, &hash, CRYPT_HASH_ALG_OID_GROUP_ID), nullptr);
-    ASSERT_GE(signature->ExtraInfo.cbData, sizeof(DWORD));
-    DWORD key = 0;
-    std::memcpy(&key, signature->ExtraInfo.pbData, sizeof key);
-    EXPECT_EQ(key & 0xE000, ALG_CLASS_SIGNATURE);
-  }
-  // The enumeration stops when the callback says so.
-  int calls = 0;
-  EXPECT_FALSE(CryptEnumOIDInfo(0, 0, &calls, [](PCCRYPT_OID_INFO, void* arg) -> BOOL {
-    return ++*static_cast<int*>(arg) < 3;
-  }));
-  EXPECT_EQ(calls, 3);
 }
 
 }  // namespace

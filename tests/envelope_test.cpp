@@ -21,8 +21,6 @@ namespace {
 
 constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 
-std::string quoted(const std::string& text) { return "'" + text + "'"; }
-
 struct EnvelopeRequest {
   std::string format = "PKCS7", algorithm = "GOST28147";
   std::string data = "Payment order 42, 1000.00 RUB";

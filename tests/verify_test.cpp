@@ -15,68 +15,6 @@
 namespace bv::test {
 namespace {
 
-struct Record {
-  int32_t result = -1;
-  std::string id, times;
-  size_t certificate_length = 0;
-};
-
-struct Verified {
-  uint32_t rc = 99;
-  std::string content;
-  std::vector<Record> records;
-};
-
-// SsfVerify in a child with `env`; the records come back through a file.
-Verified verify_through_export(const std::map<std::string, std::string>& env, const std::string& format,
-                               const std::string& message, const std::string* input, const std::string& pab = "") {
-  TempDir exchange;
-  const ChildResult child = run_isolated(env, [&] {
-    const SsfApi& api = SsfApi::get();
-    SsfInfoNode* list = nullptr;
-    unsigned char* out = nullptr;
-    uint32_t out_length = 0;
-    const SSF_RC rc = api.SsfVerify(
-        format.data(), static_cast<int32_t>(format.size()), 0, reinterpret_cast<const unsigned char*>(message.data()),
-        static_cast<int32_t>(message.size()),
-        input != nullptr ? reinterpret_cast<const unsigned char*>(input->data()) : nullptr,
-        input != nullptr ? static_cast<int32_t>(input->size()) : 0, pab.empty() ? nullptr : pab.data(),
-        static_cast<int32_t>(pab.size()), nullptr, 0, &list, &out, &out_length);
-    std::ostringstream text;
-    text << rc << "\n";
-    for (SsfInfoNode* node = list; node != nullptr; node = node->next) {
-      const SsfInfo& info = *node->info;
-      std::string times(info.Profile != nullptr ? info.Profile : "", static_cast<size_t>(info.ProfileL));
-      for (char& c : times)
-        if (c == '\0') c = '|';
-      text << info.Result << "\t" << std::string(info.strSigRcpId, static_cast<size_t>(info.strSigRcpIdL)) << "\t"
-           << times << "\t" << info.PasswordL << "\n";
-    }
-    write_file(exchange / "records", text.str());
-    write_file(exchange / "content", std::string(reinterpret_cast<char*>(out), out != nullptr ? out_length : 0));
-    api.SsfDELSsfOctetstring(&out, &out_length);
-    api.SsfDELSigRcpSsfInfoList(&list);
-  });
-  EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
-  Verified verified;
-  std::istringstream lines(read_file(exchange / "records"));
-  std::string line;
-  if (std::getline(lines, line)) verified.rc = static_cast<uint32_t>(std::stoul(line));
-  while (std::getline(lines, line)) {
-    std::istringstream fields(line);
-    Record record;
-    std::string result, length;
-    std::getline(fields, result, '\t');
-    std::getline(fields, record.id, '\t');
-    std::getline(fields, record.times, '\t');
-    std::getline(fields, length, '\t');
-    record.result = std::stoi(result);
-    record.certificate_length = std::stoul(length);
-    verified.records.push_back(record);
-  }
-  verified.content = read_file(exchange / "content");
-  return verified;
-}
 
 std::string signed_by_library(const std::string& format, bool detached, bool certs,
                               const std::vector<SignerSpec>& signers, const std::string& tsa_url = "") {
@@ -201,7 +139,7 @@ TEST(Verify, MessagesAndTheirRecords) {
     const Verified v = verify_through_export(c.env != nullptr ? *c.env : plain_env, c.format, c.message, c.input, c.pab);
     EXPECT_EQ(v.rc, c.rc);
     std::vector<int32_t> results;
-    for (const Record& r : v.records) results.push_back(r.result);
+    for (const SignerRecord& r : v.records) results.push_back(r.result);
     EXPECT_EQ(results, c.results);
     if (!v.records.empty()) {
       EXPECT_NE(v.records[0].id.find(c.id_part), std::string::npos) << v.records[0].id;
@@ -271,7 +209,7 @@ TEST(Verify, SecondTryAndFaults) {
     const Verified v = verify_through_export(c.env, c.format, c.message, nullptr);
     EXPECT_EQ(v.rc, c.rc);
     std::vector<int32_t> results;
-    for (const Record& r : v.records) results.push_back(r.result);
+    for (const SignerRecord& r : v.records) results.push_back(r.result);
     EXPECT_EQ(results, c.results);
     EXPECT_EQ(v.content, data);
   }

@@ -132,6 +132,9 @@ inline bool contains(const std::string& text, const std::string& part) { return 
 std::string hex_of(const std::string& bytes, char separator = '\0');
 std::string bytes_of_hex(const std::string& hex);
 
+// A path or argument in single quotes, for a shell command.
+inline std::string quoted(const std::string& text) { return "'" + text + "'"; }
+
 // Runs a shell command and returns its standard output; exit code in *status.
 std::string run_command(const std::string& command, int* status = nullptr);
 // The same; a non-zero exit fails the calling test.

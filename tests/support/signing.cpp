@@ -110,8 +110,6 @@ const SigningWorld& SigningWorld::get() {
 
 namespace {
 
-std::string quoted(const std::string& text) { return "'" + text + "'"; }
-
 // The host's side of one SsfSign call, in the process that runs it; what
 // came back goes to two files for the test's process.
 void sign_here(const SignRequest& request, const std::string& outcome_path, const std::string& signed_path) {
@@ -191,6 +189,56 @@ SignOutcome sign_through_export(const std::map<std::string, std::string>& env, c
   SignOutcome outcome = read_outcome(exchange / "outcome", exchange / "signed");
   outcome.child_stderr = child.stderr_text;
   return outcome;
+}
+
+Verified verify_through_export(const std::map<std::string, std::string>& env, const std::string& format,
+                               const std::string& message, const std::string* input, const std::string& pab) {
+  TempDir exchange;
+  const ChildResult child = run_isolated(env, [&] {
+    const SsfApi& api = SsfApi::get();
+    SsfInfoNode* list = nullptr;
+    unsigned char* out = nullptr;
+    uint32_t out_length = 0;
+    const SSF_RC rc = api.SsfVerify(
+        format.data(), static_cast<int32_t>(format.size()), 0, reinterpret_cast<const unsigned char*>(message.data()),
+        static_cast<int32_t>(message.size()),
+        input != nullptr ? reinterpret_cast<const unsigned char*>(input->data()) : nullptr,
+        input != nullptr ? static_cast<int32_t>(input->size()) : 0, pab.empty() ? nullptr : pab.data(),
+        static_cast<int32_t>(pab.size()), nullptr, 0, &list, &out, &out_length);
+    std::ostringstream text;
+    text << rc << "\n";
+    for (SsfInfoNode* node = list; node != nullptr; node = node->next) {
+      const SsfInfo& info = *node->info;
+      std::string times(info.Profile != nullptr ? info.Profile : "", static_cast<size_t>(info.ProfileL));
+      for (char& c : times)
+        if (c == '\0') c = '|';
+      text << info.Result << "\t" << std::string(info.strSigRcpId, static_cast<size_t>(info.strSigRcpIdL)) << "\t"
+           << times << "\t" << info.PasswordL << "\n";
+    }
+    write_file(exchange / "records", text.str());
+    write_file(exchange / "content", std::string(reinterpret_cast<char*>(out), out != nullptr ? out_length : 0));
+    api.SsfDELSsfOctetstring(&out, &out_length);
+    api.SsfDELSigRcpSsfInfoList(&list);
+  });
+  EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
+  Verified verified;
+  std::istringstream lines(read_file(exchange / "records"));
+  std::string line;
+  if (std::getline(lines, line)) verified.rc = static_cast<uint32_t>(std::stoul(line));
+  while (std::getline(lines, line)) {
+    std::istringstream fields(line);
+    SignerRecord record;
+    std::string result, length;
+    std::getline(fields, result, '\t');
+    std::getline(fields, record.id, '\t');
+    std::getline(fields, record.times, '\t');
+    std::getline(fields, length, '\t');
+    record.result = std::stoi(result);
+    record.certificate_length = std::stoul(length);
+    verified.records.push_back(record);
+  }
+  verified.content = read_file(exchange / "content");
+  return verified;
 }
 
 int openssl_cms_verify(const std::string& message, const std::string& ca_file, const std::string& signer_certs,

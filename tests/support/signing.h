@@ -80,6 +80,24 @@ struct SignOutcome {
 // Loads the library in a child process with `env` and runs SsfSign there.
 SignOutcome sign_through_export(const std::map<std::string, std::string>& env, const SignRequest& request);
 
+// What SsfVerify left in one signer's record: the Profile's time texts with
+// "|" for their terminators, and the certificate's length.
+struct SignerRecord {
+  int32_t result = -1;
+  std::string id, times;
+  size_t certificate_length = 0;
+};
+
+struct Verified {
+  uint32_t rc = 99;
+  std::string content;
+  std::vector<SignerRecord> records;
+};
+
+// SsfVerify in a child with `env`; the records come back through a file.
+Verified verify_through_export(const std::map<std::string, std::string>& env, const std::string& format,
+                               const std::string& message, const std::string* input, const std::string& pab = "");
+
 // `openssl cms -verify` of a DER message against `ca_file`; `signer_certs`
 // (PEM, may be empty) for messages without certificates, `content` for
 // detached ones.  Returns the exit status; the content that came out is
