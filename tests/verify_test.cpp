@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "certs.h"
@@ -81,6 +82,23 @@ TEST(Verify, MessagesAndTheirRecords) {
                                                            w.alice.key.get(), w.root.cert.get(), w.root.key.get())
                                              .get()));
   const std::string by_expired = signed_by_openssl({{dir / "expired.pem", w.alice.key.get()}}, data, "-nodetach");
+  // Alice's key under a certificate whose OCSP responder says revoked; the
+  // stores hold no CRL, which would be asked first.
+  // The same key under a twin that the responder calls good shows it is the
+  // answer that decides, not a missing one.
+  const auto ocsp_issued = [&](const char* name, long serial, const std::string& url) {
+    return issue_certificate({.subject = {{"CN", name}}, .serial = serial, .ocsp_url = url}, w.alice.key.get(),
+                             w.root.cert.get(), w.root.key.get());
+  };
+  OcspResponder responder(dir / "ocsp", w.root.cert.get(), w.root.key.get(),
+                          {{ocsp_issued("Revoked by OCSP", 78, "").get(), true}, {ocsp_issued("Good by OCSP", 79, "").get(), false}});
+  std::string by_ocsp[2];
+  for (const auto& [i, name, serial] : {std::tuple{0, "Revoked by OCSP", 78L}, std::tuple{1, "Good by OCSP", 79L}}) {
+    write_file(dir / "ocsp.pem", pem_of(ocsp_issued(name, serial, responder.url()).get()));
+    by_ocsp[i] = signed_by_openssl({{dir / "ocsp.pem", w.alice.key.get()}}, data, "-nodetach");
+  }
+  const auto without_store_crl = copied_stores(dir / "no-crl");
+  std::filesystem::remove(dir / "no-crl/Brelvantec/Certificates/Root/root.crl");
   // A signed attribute changed: a digit of the signing time.
   const std::string signing_time_oid("\x06\x09\x2a\x86\x48\x86\xf7\x0d\x01\x09\x05", 11);
   std::string changed_attribute = by_openssl_cades;
@@ -133,6 +151,8 @@ TEST(Verify, MessagesAndTheirRecords) {
       {"openssl, signer expired", "PKCS7", by_expired, nullptr, "", SSF_ERR_SIGNER, {22}, "CN=Expired"},
       {"identifier as the certificate's hash", "PKCS7", bare, nullptr, "My", SSF_OK, {0}, alice_hash.c_str(), &by_hash},
       {"signer revoked by CRL", "PKCS7", pkcs7, nullptr, "", SSF_ERR_SIGNER, {22, 0}, "CN=Alice", &alice_revoked},
+      {"signer revoked by OCSP", "PKCS7", by_ocsp[0], nullptr, "", SSF_ERR_SIGNER, {22}, "CN=Revoked", &without_store_crl},
+      {"signer good by OCSP", "PKCS7", by_ocsp[1], nullptr, "", SSF_OK, {0}, "CN=Good", &without_store_crl},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
