@@ -26,7 +26,7 @@ enum class KeySearch { Chosen, NotFound, CallEnds };
 
 // The first certificate the identity names whose key opens with the
 // record's PIN; every candidate is tried, and the record's Result tells of
-// the last one that set it.  The key's handle and key spec go into
+// the last one that set it.  The key's handle and its kind go into
 // `decrypt`, and the handle stays with the chosen context.
 KeySearch choose_recipient_key(const char* trace_function, HCERTSTORE store, IdentityMatches& matches, SsfInfo* info,
                                CMSG_CTRL_DECRYPT_PARA* decrypt, bv::platform::CertContext& chosen) {
