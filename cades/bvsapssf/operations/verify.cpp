@@ -53,27 +53,6 @@ void print_status_text(DWORD status) {
   if (status != 0) print_catalogue_text(700 + static_cast<int32_t>(status));
 }
 
-// Closes the message on every path that leaves it open.
-struct OpenMessage {
-  HCRYPTMSG handle = nullptr;
-  void close() {
-    CryptMsgClose(handle);
-    handle = nullptr;
-  }
-  ~OpenMessage() {
-    if (handle != nullptr) CryptMsgClose(handle);
-  }
-};
-
-struct HeldCertificate {
-  PCCERT_CONTEXT context = nullptr;
-  void reset(PCCERT_CONTEXT next = nullptr) {
-    if (context != nullptr) CertFreeCertificateContext(context);
-    context = next;
-  }
-  ~HeldCertificate() { reset(); }
-};
-
 // A record's identifier as a text (the record's fields are counted, not
 // terminated).
 std::string id_of(const SsfInfo* record) {
@@ -132,17 +111,17 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
       SSFAPICheckLicense();
 
       // 8, 9. Decode the message.
-      OpenMessage message;
-      message.handle = CryptMsgOpenToDecode(kEncoding, 0, 0, 0, nullptr, nullptr);
-      if (message.handle == nullptr) {
+      bv::platform::MessageHandle message;
+      message.reset(CryptMsgOpenToDecode(kEncoding, 0, 0, 0, nullptr, nullptr));
+      if (!message) {
         BV_TRACE_LAST_ERROR();
         BV_TRACE_FAILURE();
         return SSF_ERR_INTERNAL;
       }
-      if (!CryptMsgUpdate(message.handle, ostrSignedData, static_cast<DWORD>(ostrSignedDataL), TRUE)) {
+      if (!CryptMsgUpdate(message.get(), ostrSignedData, static_cast<DWORD>(ostrSignedDataL), TRUE)) {
         BV_TRACE(TRACE_NORMAL, "#error#: Invalid message format?.\n");
         BV_TRACE_LAST_ERROR();
-        message.close();
+        message.reset();
         BV_TRACE_FAILURE();
         return SSF_ERR_DECODE;
       }
@@ -150,26 +129,26 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
       // 10. "PKCS7_ANY": the first signer's form decides for all.
       if (isCades == 0 && strFormatL == 9 && std::memcmp(strFormat, "PKCS7_ANY", 9) == 0) {
         BOOL is_x_long = FALSE;
-        if (CadesMsgIsType(message.handle, 0, CADES_X_LONG_TYPE_1, &is_x_long) && is_x_long) isCades = 1;
+        if (CadesMsgIsType(message.get(), 0, CADES_X_LONG_TYPE_1, &is_x_long) && is_x_long) isCades = 1;
         BV_TRACE(TRACE_INFO, "#info#: Checking for PKCS7_ANY format. isCades = %d\n", isCades);
       }
 
       // 11, 12. The content the message carries.
       bool detached = false;
       DWORD content_length = 0;
-      CryptMsgGetParam(message.handle, CMSG_CONTENT_PARAM, 0, nullptr, &content_length);
+      CryptMsgGetParam(message.get(), CMSG_CONTENT_PARAM, 0, nullptr, &content_length);
       if (content_length > 0) {
         *ostrOutputData = static_cast<unsigned char*>(std::malloc(content_length));
         if (*ostrOutputData == nullptr) {
           BV_TRACE_LAST_ERROR();
-          message.close();
+          message.reset();
           BV_TRACE_FAILURE();
           return SSF_ERR_NOMEMORY;
         }
-        if (!CryptMsgGetParam(message.handle, CMSG_CONTENT_PARAM, 0, *ostrOutputData, &content_length)) {
+        if (!CryptMsgGetParam(message.get(), CMSG_CONTENT_PARAM, 0, *ostrOutputData, &content_length)) {
           BV_TRACE(TRACE_NORMAL, "#error#: failed to extract content from signed message!\n");
           BV_TRACE_LAST_ERROR();
-          message.close();
+          message.reset();
           BV_TRACE_FAILURE();
           return SSF_ERR_DECODE;
         }
@@ -179,7 +158,7 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
         detached = true;
         BV_TRACE(TRACE_INFO, "#info#: Detached dignature!\n");
         if (ostrInputDataL == 0 || ostrInputData == nullptr) {
-          message.close();
+          message.reset();
           BV_TRACE(TRACE_NORMAL, "#error#: No input data while verifying detached signature\n");
           BV_TRACE_FAILURE();
           return SSF_ERR_INPUT;
@@ -191,19 +170,19 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
           if (input_length != 0) std::memcpy(*ostrOutputData, ostrInputData, input_length);
           *ostrOutputDataL = static_cast<uint32_t>(input_length);
         }
-        message.close();
-        message.handle = CryptMsgOpenToDecode(kEncoding, CMSG_DETACHED_FLAG, 0, 0, nullptr, nullptr);
-        if (!CryptMsgUpdate(message.handle, ostrSignedData, static_cast<DWORD>(ostrSignedDataL), TRUE)) {
+        message.reset();
+        message.reset(CryptMsgOpenToDecode(kEncoding, CMSG_DETACHED_FLAG, 0, 0, nullptr, nullptr));
+        if (!CryptMsgUpdate(message.get(), ostrSignedData, static_cast<DWORD>(ostrSignedDataL), TRUE)) {
           BV_TRACE(TRACE_NORMAL, "#error#: failed to decode Detached dignature!\n");
           BV_TRACE_LAST_ERROR();
-          message.close();
+          message.reset();
           BV_TRACE_FAILURE();
           return SSF_ERR_DECODE;
         }
-        if (!CryptMsgUpdate(message.handle, ostrInputData, static_cast<DWORD>(input_length), TRUE)) {
+        if (!CryptMsgUpdate(message.get(), ostrInputData, static_cast<DWORD>(input_length), TRUE)) {
           BV_TRACE(TRACE_NORMAL, "#error#: failed to encode source data for Detached dignature!\n");
           BV_TRACE_LAST_ERROR();
-          message.close();
+          message.reset();
           BV_TRACE_FAILURE();
           return SSF_ERR_DECODE;
         }
@@ -212,10 +191,10 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
       // 14, 15. The signers.
       DWORD signer_count = 0;
       DWORD count_size = sizeof signer_count;
-      if (!CryptMsgGetParam(message.handle, CMSG_SIGNER_COUNT_PARAM, 0, &signer_count, &count_size)) {
+      if (!CryptMsgGetParam(message.get(), CMSG_SIGNER_COUNT_PARAM, 0, &signer_count, &count_size)) {
         BV_TRACE(TRACE_NORMAL, "#error#: failed to get signer count from message!\n");
         BV_TRACE_LAST_ERROR();
-        message.close();
+        message.reset();
         BV_TRACE_FAILURE();
         return SSF_ERR_FORMAT;
       }
@@ -223,7 +202,7 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
         BV_TRACE(TRACE_NORMAL, "#error#: Signers not found in message!\n");
         BV_TRACE(TRACE_NORMAL, "#error#: %08x\n", GetLastError());
         print_catalogue_text(504);
-        message.close();
+        message.reset();
         BV_TRACE_FAILURE();
         return SSF_ERR_SIGNER;
       }
@@ -232,7 +211,7 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
       // signer's flag only at the next signer's head, so a second try that
       // passes counts only for the last signer.
       int overallOk = 1, signerOk = 1;
-      HeldCertificate signer_cert;
+      bv::platform::CertContext signer_cert;
       for (DWORD index = 0; index < signer_count; ++index) {
         if (signerOk == 0) overallOk = 0;
         signerOk = 0;
@@ -242,12 +221,12 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
         if (isCades != 0) {
           // 17 to 19. The CAdES library judges everything.
           HeldInfo verified;
-          const BOOL ok = CadesMsgVerifySignature(message.handle, index, nullptr, &verified.info);
+          const BOOL ok = CadesMsgVerifySignature(message.get(), index, nullptr, &verified.info);
           const DWORD error = GetLastError();
           const CadesVerificationInfo& info = *verified.info;
           if (ok && info.dwStatus == CADES_VERIFY_SUCCESS) {
             signer_cert.reset(CertDuplicateCertificateContext(info.pSignerCert));
-            SsfInfo* record = addToSignerResultList(signerList, signer_cert.context, 0, info.pSigningTime,
+            SsfInfo* record = addToSignerResultList(signerList, signer_cert.get(), 0, info.pSigningTime,
                                                     info.pSignatureTimeStampTime, SSF_RES_OK);
             signerOk = 1;
             if (record != nullptr && record->strSigRcpIdL > 0)
@@ -271,21 +250,21 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
 
         // 20. A plain signer's time comes from its signed attribute.
         FILETIME signing_time_value{};
-        const FILETIME* signing_time = getSigningTime(message.handle, index, &signing_time_value);
+        const FILETIME* signing_time = getSigningTime(message.get(), index, &signing_time_value);
 
         // 21, 22. Its certificate information.
         DWORD cert_info_size = 0;
         std::string cert_info_buffer;
-        if (!CryptMsgGetParam(message.handle, CMSG_SIGNER_CERT_INFO_PARAM, index, nullptr, &cert_info_size) ||
+        if (!CryptMsgGetParam(message.get(), CMSG_SIGNER_CERT_INFO_PARAM, index, nullptr, &cert_info_size) ||
             (cert_info_buffer.assign(cert_info_size, '\0'),
-             !CryptMsgGetParam(message.handle, CMSG_SIGNER_CERT_INFO_PARAM, index, cert_info_buffer.data(),
+             !CryptMsgGetParam(message.get(), CMSG_SIGNER_CERT_INFO_PARAM, index, cert_info_buffer.data(),
                                &cert_info_size))) {
           BV_TRACE(TRACE_NORMAL,
                    "#error#: signer's signature # %d - Failed. Can not get Certificate Info from signature\n",
                    static_cast<int>(index));
           BV_TRACE_LAST_ERROR();
           if (addToSignerResultList(signerList, nullptr, 2, signing_time, nullptr, SSF_RES_OK) == nullptr) {
-            message.close();
+            message.reset();
             BV_TRACE_FAILURE();
             return SSF_ERR_SIGNERINFO;
           }
@@ -295,16 +274,16 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
         const auto* signer_id = reinterpret_cast<const CERT_INFO*>(cert_info_buffer.data());
 
         // 23. The certificate, and the signature proved with it.
-        signer_cert.reset(CryptGetSignerCertificateCallback(0, signer_id, message.handle, strPab, strPabL));
+        signer_cert.reset(CryptGetSignerCertificateCallback(0, signer_id, message.get(), strPab, strPabL));
         BOOL signature_ok = FALSE;
         DWORD error = 0;
-        if (signer_cert.context != nullptr) {
+        if (signer_cert.get() != nullptr) {
           CMSG_CTRL_VERIFY_SIGNATURE_EX_PARA para{};
           para.cbSize = sizeof para;
           para.dwSignerIndex = index;
           para.dwSignerType = CMSG_VERIFY_SIGNER_CERT;
-          para.pvSigner = const_cast<CERT_CONTEXT*>(signer_cert.context);
-          signature_ok = CryptMsgControl(message.handle, 0, CMSG_CTRL_VERIFY_SIGNATURE_EX, &para);
+          para.pvSigner = const_cast<CERT_CONTEXT*>(signer_cert.get());
+          signature_ok = CryptMsgControl(message.get(), 0, CMSG_CTRL_VERIFY_SIGNATURE_EX, &para);
           error = GetLastError();
         } else {
           BV_TRACE(TRACE_NORMAL, "Certificate not found\n");
@@ -312,7 +291,7 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
         }
 
         // 24. A bad signature or no certificate.
-        if (!signature_ok || signer_cert.context == nullptr) {
+        if (!signature_ok || signer_cert.get() == nullptr) {
           overallOk = 0;
           SetLastError(error);
           BV_TRACE_LAST_ERROR();
@@ -323,7 +302,7 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
           } else if (error == NTE_BAD_SIGNATURE || error == CRYPT_E_HASH_VALUE) {
             result = SSF_RES_NOT_OK;
           }
-          SsfInfo* record = addToSignerResultList(signerList, signer_cert.context, 0, signing_time, nullptr, result);
+          SsfInfo* record = addToSignerResultList(signerList, signer_cert.get(), 0, signing_time, nullptr, result);
           if (record != nullptr && record->strSigRcpIdL > 0)
             BV_TRACE(TRACE_NORMAL, "#error#: Failed to verify signature # %d with CertID=%s\n", static_cast<int>(index),
                      id_of(record).c_str());
@@ -334,10 +313,10 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
         BV_TRACE(TRACE_INFO, "#info#: Signer's signature # %d - OK. Verifying Signer's certificate...\n",
                  static_cast<int>(index));
         DWORD chain_status = 0;
-        const int32_t verified = VerifyCertificate(signer_cert.context, config.VerifyCertFlags, &chain_status);
+        const int32_t verified = VerifyCertificate(signer_cert.get(), config.VerifyCertFlags, &chain_status);
         if (certificate_status_acceptable(verified, chain_status)) {
           print_catalogue_text(141);  // " Подпись проверена.\n"
-          SsfInfo* record = addToSignerResultList(signerList, signer_cert.context, 0, signing_time, nullptr, SSF_RES_OK);
+          SsfInfo* record = addToSignerResultList(signerList, signer_cert.get(), 0, signing_time, nullptr, SSF_RES_OK);
           if (record != nullptr && record->strSigRcpIdL > 0)
             BV_TRACE(TRACE_NORMAL, "#info#: Successed to verify Certificate (CertID=%s) for signature # %d\n",
                      id_of(record).c_str(), static_cast<int>(index));
@@ -351,7 +330,7 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
                  "message...\n",
                  static_cast<int>(index), chain_status);
         HeldInfo second;
-        const BOOL second_ok = CadesMsgVerifySignature(message.handle, index, nullptr, &second.info);
+        const BOOL second_ok = CadesMsgVerifySignature(message.get(), index, nullptr, &second.info);
         const CadesVerificationInfo& info = *second.info;
         if (info.pSigningTime != nullptr) signing_time = info.pSigningTime;
         int32_t result = SSF_RES_OK;
@@ -363,7 +342,7 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
           print_status_text(info.dwStatus);
           result = SSF_RES_UNKNOWN;
         }
-        SsfInfo* record = addToSignerResultList(signerList, signer_cert.context, 0, signing_time,
+        SsfInfo* record = addToSignerResultList(signerList, signer_cert.get(), 0, signing_time,
                                                 info.pSignatureTimeStampTime, result);
         if (result != SSF_RES_OK && record != nullptr && record->strSigRcpIdL > 0)
           BV_TRACE(TRACE_NORMAL, "#error#: Failed to verify Certificate (CertID=%s) for signature # %d\n",
@@ -371,7 +350,7 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
       }
 
       // 29, 30. The end; given input must equal the content.
-      message.close();
+      message.reset();
       signer_cert.reset();
       if (!detached && ostrInputDataL != 0) {
         const bool same = ostrInputData != nullptr && ostrInputDataL > 0 &&
