@@ -294,11 +294,7 @@ std::string tampered(const std::string& message, const std::function<void(CMS_Si
   const auto* cursor = reinterpret_cast<const unsigned char*>(message.data());
   UniquePtr<CMS_ContentInfo> cms(d2i_CMS_ContentInfo(nullptr, &cursor, static_cast<long>(message.size())));
   change(sk_CMS_SignerInfo_value(CMS_get0_SignerInfos(cms.get()), 0), cms.get());
-  unsigned char* der = nullptr;
-  const int length = i2d_CMS_ContentInfo(cms.get(), &der);
-  std::string out(reinterpret_cast<char*>(der), static_cast<size_t>(length));
-  OPENSSL_free(der);
-  return out;
+  return der_of(cms.get());
 }
 
 void flip_last_byte(ASN1_STRING* value) {
@@ -360,24 +356,41 @@ TEST(CadesVerify, StatusesFromRealFaults) {
          X509_ATTRIBUTE_free(CMS_unsigned_delete_attr(s, CMS_unsigned_get_attr_by_NID(s, NID_id_smime_aa_ets_revocationValues, -1)));
        }), CADES_VERIFY_INVALID_REFS_AND_VALUES, 28, true},
   };
-  // A plain message judged by the CAdES verifier: with no Root store (no
-  // path, 5), and with a CRL in the stores that revokes Alice (6).
+  // Plain messages judged by the CAdES verifier: with no Root store (no
+  // path, 5), with a CRL in the stores that revokes Alice (6), and from a
+  // signer under an intermediate CA the root has revoked (7).
   request.format = "PKCS7";
   request.include_certs = true;
   const std::string plain = sign_through_export(w.env(), request).signed_data;
   const std::string stores = dir / "stores";
   std::filesystem::copy(w.local(), stores, std::filesystem::copy_options::recursive);
-  write_file(stores + "/Brelvantec/Certificates/Root/root.crl",
-             der_of(issue_crl(w.root.cert.get(), w.root.key.get(),
-                              {ASN1_INTEGER_get(X509_get0_serialNumber(w.alice.cert.get()))})
-                        .get()));
+  const std::string root_crl = stores + "/Brelvantec/Certificates/Root/root.crl";
+  write_file(root_crl, der_of(issue_crl(w.root.cert.get(), w.root.key.get(),
+                                        {ASN1_INTEGER_get(X509_get0_serialNumber(w.alice.cert.get())), 0x700})
+                                  .get()));
+  UniquePtr<EVP_PKEY> ca_key = generate_key(), leaf_key = generate_key();
+  UniquePtr<X509> ca = issue_certificate({.subject = {{"CN", "Revoked CA"}}, .serial = 0x700, .ca = true},
+                                         ca_key.get(), w.root.cert.get(), w.root.key.get());
+  UniquePtr<X509> leaf =
+      issue_certificate({.subject = {{"CN", "Under Revoked CA"}}, .serial = 2}, leaf_key.get(), ca.get(), ca_key.get());
+  write_file(stores + "/Brelvantec/Certificates/CA/revoked-ca.crl", der_of(issue_crl(ca.get(), ca_key.get(), {}).get()));
+  STACK_OF(X509)* chain = sk_X509_new_null();
+  sk_X509_push(chain, ca.get());
+  UniquePtr<BIO> content(BIO_new_mem_buf(request.data.data(), static_cast<int>(request.data.size())));
+  UniquePtr<CMS_ContentInfo> under_ca(
+      CMS_sign(leaf.get(), leaf_key.get(), chain, content.get(), CMS_BINARY | CMS_NOATTR));
+  sk_X509_free(chain);
+  ASSERT_NE(under_ca, nullptr);
+  const std::string plain_under_ca = der_of(under_ca.get());
   struct Elsewhere {
     const char* name;
+    const std::string& message;
     std::string local;
     DWORD status;
   };
-  const Elsewhere elsewhere[] = {{"no anchor", dir / "nowhere", CADES_VERIFY_NO_CHAIN},
-                                 {"signer revoked", stores, CADES_VERIFY_END_CERT_REVOCATION}};
+  const Elsewhere elsewhere[] = {{"no anchor", plain, dir / "nowhere", CADES_VERIFY_NO_CHAIN},
+                                 {"signer revoked", plain, stores, CADES_VERIFY_END_CERT_REVOCATION},
+                                 {"intermediate revoked", plain_under_ca, stores, CADES_VERIFY_CHAIN_CERT_REVOCATION}};
   for (const Elsewhere& e : elsewhere) {
     SCOPED_TRACE(e.name);
     w.apply_environment();
@@ -385,7 +398,8 @@ TEST(CadesVerify, StatusesFromRealFaults) {
     bv::platform::forget_cached_stores();
     bv::platform::revocation::clear_cache();
     bv::platform::MessageHandle message(CryptMsgOpenToDecode(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0, 0, 0, nullptr, nullptr));
-    ASSERT_TRUE(CryptMsgUpdate(message.get(), reinterpret_cast<const BYTE*>(plain.data()), static_cast<DWORD>(plain.size()), TRUE));
+    ASSERT_TRUE(CryptMsgUpdate(message.get(), reinterpret_cast<const BYTE*>(e.message.data()),
+                               static_cast<DWORD>(e.message.size()), TRUE));
     CadesVerificationInfo* info = nullptr;
     EXPECT_FALSE(CadesMsgVerifySignature(message.get(), 0, nullptr, &info));
     EXPECT_EQ(info->dwStatus, e.status);

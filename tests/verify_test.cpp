@@ -77,10 +77,10 @@ TEST(Verify, MessagesAndTheirRecords) {
   const std::string by_openssl_detached = signed_by_openssl({{w.bob.cert_pem, w.bob.key.get()}}, data, "");
   const std::string by_openssl_nocerts = signed_by_openssl(carol_signs, data, "-nodetach -nocerts");
   // Alice's key under a certificate that expired yesterday.
-  write_file(dir / "expired.pem", pem_of(issue_certificate({.subject = {{"CN", "Expired"}}, .serial = 77,
-                                                            .not_before = -10 * kDay, .not_after = -kDay},
-                                                           w.alice.key.get(), w.root.cert.get(), w.root.key.get())
-                                             .get()));
+  const UniquePtr<X509> expired = issue_certificate(
+      {.subject = {{"CN", "Expired"}}, .serial = 77, .not_before = -10 * kDay, .not_after = -kDay}, w.alice.key.get(),
+      w.root.cert.get(), w.root.key.get());
+  write_file(dir / "expired.pem", pem_of(expired.get()));
   const std::string by_expired = signed_by_openssl({{dir / "expired.pem", w.alice.key.get()}}, data, "-nodetach");
   // Alice's key under a certificate whose OCSP responder says revoked; the
   // stores hold no CRL, which would be asked first.
@@ -93,8 +93,10 @@ TEST(Verify, MessagesAndTheirRecords) {
   OcspResponder responder(dir / "ocsp", w.root.cert.get(), w.root.key.get(),
                           {{ocsp_issued("Revoked by OCSP", 78, "").get(), true}, {ocsp_issued("Good by OCSP", 79, "").get(), false}});
   std::string by_ocsp[2];
+  UniquePtr<X509> ocsp_signer[2];
   for (const auto& [i, name, serial] : {std::tuple{0, "Revoked by OCSP", 78L}, std::tuple{1, "Good by OCSP", 79L}}) {
-    write_file(dir / "ocsp.pem", pem_of(ocsp_issued(name, serial, responder.url()).get()));
+    ocsp_signer[i] = ocsp_issued(name, serial, responder.url());
+    write_file(dir / "ocsp.pem", pem_of(ocsp_signer[i].get()));
     by_ocsp[i] = signed_by_openssl({{dir / "ocsp.pem", w.alice.key.get()}}, data, "-nodetach");
   }
   const auto without_store_crl = copied_stores(dir / "no-crl");
@@ -126,33 +128,34 @@ TEST(Verify, MessagesAndTheirRecords) {
     uint32_t rc;
     std::vector<int32_t> results;
     const char* id_part;  // in the first record's identifier
+    X509* signer;  // the certificate in the first record
     const std::map<std::string, std::string>* env = nullptr;  // the test world's when null
   };
   const std::string other = "other data";
   const Case cases[] = {
-      {"two signers", "PKCS7", pkcs7, nullptr, "", SSF_OK, {0, 0}, "CN=Alice"},
-      {"detached with its content", "PKCS7", detached, &data, "", SSF_OK, {0}, "CN=Carol"},
-      {"detached without content", "PKCS7", detached, nullptr, "", SSF_ERR_INPUT, {}, ""},
-      {"no certificate anywhere", "PKCS7", bare, nullptr, "", SSF_ERR_SIGNER, {26}, "Noserialnumber"},
-      {"certificate in the named store", "PKCS7", bare, nullptr, "My", SSF_OK, {0}, "CN=Alice"},
-      {"content changed", "PKCS7", flip_byte(pkcs7, data), nullptr, "", SSF_ERR_SIGNER, {27, 27}, "CN=Alice"},
-      {"given input differs", "PKCS7", pkcs7, &other, "", SSF_ERR_INPUT, {0, 0}, "CN=Alice"},
-      {"not a message", "PKCS7", data, nullptr, "", SSF_ERR_DECODE, {}, ""},
-      {"CAdES", "CADES", cades, nullptr, "", SSF_OK, {0}, "CN=Bob"},
-      {"CAdES found by PKCS7_ANY", "PKCS7_ANY", cades, nullptr, "", SSF_OK, {0}, "CN=Bob"},
-      {"openssl, no attributes", "PKCS7", by_openssl, nullptr, "", SSF_OK, {0}, "CN=Carol"},
-      {"openssl, CAdES-BES", "PKCS7", by_openssl_cades, nullptr, "", SSF_OK, {0}, "CN=Carol"},
-      {"openssl, two signers", "PKCS7", by_openssl_two, nullptr, "", SSF_OK, {0, 0}, "O=Test Bank"},
-      {"openssl, detached", "PKCS7_ANY", by_openssl_detached, &data, "", SSF_OK, {0}, "CN=Bob"},
-      {"openssl, certificate nowhere", "PKCS7", by_openssl_nocerts, nullptr, "", SSF_ERR_SIGNER, {26}, "Noserialnumber"},
-      {"openssl, certificate in Addressbook", "PKCS7", by_openssl_nocerts, nullptr, "", SSF_OK, {0}, "CN=Carol",
+      {"two signers", "PKCS7", pkcs7, nullptr, "", SSF_OK, {0, 0}, "CN=Alice", w.alice.cert.get()},
+      {"detached with its content", "PKCS7", detached, &data, "", SSF_OK, {0}, "CN=Carol", w.carol.cert.get()},
+      {"detached without content", "PKCS7", detached, nullptr, "", SSF_ERR_INPUT, {}, "", nullptr},
+      {"no certificate anywhere", "PKCS7", bare, nullptr, "", SSF_ERR_SIGNER, {26}, "Noserialnumber", nullptr},
+      {"certificate in the named store", "PKCS7", bare, nullptr, "My", SSF_OK, {0}, "CN=Alice", w.alice.cert.get()},
+      {"content changed", "PKCS7", flip_byte(pkcs7, data), nullptr, "", SSF_ERR_SIGNER, {27, 27}, "CN=Alice", w.alice.cert.get()},
+      {"given input differs", "PKCS7", pkcs7, &other, "", SSF_ERR_INPUT, {0, 0}, "CN=Alice", w.alice.cert.get()},
+      {"not a message", "PKCS7", data, nullptr, "", SSF_ERR_DECODE, {}, "", nullptr},
+      {"CAdES", "CADES", cades, nullptr, "", SSF_OK, {0}, "CN=Bob", w.bob.cert.get()},
+      {"CAdES found by PKCS7_ANY", "PKCS7_ANY", cades, nullptr, "", SSF_OK, {0}, "CN=Bob", w.bob.cert.get()},
+      {"openssl, no attributes", "PKCS7", by_openssl, nullptr, "", SSF_OK, {0}, "CN=Carol", w.carol.cert.get()},
+      {"openssl, CAdES-BES", "PKCS7", by_openssl_cades, nullptr, "", SSF_OK, {0}, "CN=Carol", w.carol.cert.get()},
+      {"openssl, two signers", "PKCS7", by_openssl_two, nullptr, "", SSF_OK, {0, 0}, "CN=Alice", w.alice.cert.get()},
+      {"openssl, detached", "PKCS7_ANY", by_openssl_detached, &data, "", SSF_OK, {0}, "CN=Bob", w.bob.cert.get()},
+      {"openssl, certificate nowhere", "PKCS7", by_openssl_nocerts, nullptr, "", SSF_ERR_SIGNER, {26}, "Noserialnumber", nullptr},
+      {"openssl, certificate in Addressbook", "PKCS7", by_openssl_nocerts, nullptr, "", SSF_OK, {0}, "CN=Carol", w.carol.cert.get(),
        &with_addressbook},
-      {"openssl, signed attribute changed", "PKCS7", changed_attribute, nullptr, "", SSF_ERR_SIGNER, {27}, "CN=Carol"},
-      {"openssl, signer expired", "PKCS7", by_expired, nullptr, "", SSF_ERR_SIGNER, {22}, "CN=Expired"},
-      {"identifier as the certificate's hash", "PKCS7", bare, nullptr, "My", SSF_OK, {0}, alice_hash.c_str(), &by_hash},
-      {"signer revoked by CRL", "PKCS7", pkcs7, nullptr, "", SSF_ERR_SIGNER, {22, 0}, "CN=Alice", &alice_revoked},
-      {"signer revoked by OCSP", "PKCS7", by_ocsp[0], nullptr, "", SSF_ERR_SIGNER, {22}, "CN=Revoked", &without_store_crl},
-      {"signer good by OCSP", "PKCS7", by_ocsp[1], nullptr, "", SSF_OK, {0}, "CN=Good", &without_store_crl},
+      {"openssl, signed attribute changed", "PKCS7", changed_attribute, nullptr, "", SSF_ERR_SIGNER, {27}, "CN=Carol", w.carol.cert.get()},
+      {"openssl, signer expired", "PKCS7", by_expired, nullptr, "", SSF_ERR_SIGNER, {22}, "CN=Expired", expired.get()},
+      {"identifier as the certificate's hash", "PKCS7", bare, nullptr, "My", SSF_OK, {0}, alice_hash.c_str(), w.alice.cert.get(), &by_hash},
+      {"signer revoked by CRL", "PKCS7", pkcs7, nullptr, "", SSF_ERR_SIGNER, {22, 0}, "CN=Alice", w.alice.cert.get(), &alice_revoked},
+      {"signer revoked by OCSP", "PKCS7", by_ocsp[0], nullptr, "", SSF_ERR_SIGNER, {22}, "CN=Revoked", ocsp_signer[0].get(), &without_store_crl},
+      {"signer good by OCSP", "PKCS7", by_ocsp[1], nullptr, "", SSF_OK, {0}, "CN=Good", ocsp_signer[1].get(), &without_store_crl},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -163,11 +166,9 @@ TEST(Verify, MessagesAndTheirRecords) {
     EXPECT_EQ(results, c.results);
     if (!v.records.empty()) {
       EXPECT_NE(v.records[0].id.find(c.id_part), std::string::npos) << v.records[0].id;
+      EXPECT_EQ(v.records[0].certificate, c.signer != nullptr ? der_of(c.signer) : "");
     }
-    if (c.rc == SSF_OK) {
-      EXPECT_EQ(v.content, data);
-      EXPECT_GT(v.records[0].certificate_length, 0u);
-    }
+    if (c.rc == SSF_OK) { EXPECT_EQ(v.content, data); }
   }
 }
 
@@ -178,11 +179,7 @@ std::string without_signers(const std::string& data) {
   CMS_set_detached(cms.get(), 0);
   ASN1_OCTET_STRING_set(*CMS_get0_content(cms.get()), reinterpret_cast<const unsigned char*>(data.data()),
                         static_cast<int>(data.size()));
-  unsigned char* der = nullptr;
-  const int length = i2d_CMS_ContentInfo(cms.get(), &der);
-  std::string out(reinterpret_cast<char*>(der), static_cast<size_t>(length > 0 ? length : 0));
-  OPENSSL_free(der);
-  return out;
+  return der_of(cms.get());
 }
 
 // Trust and faults around the verifiers: a chain the policy refuses gets

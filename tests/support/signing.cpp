@@ -213,7 +213,9 @@ Verified verify_through_export(const std::map<std::string, std::string>& env, co
       for (char& c : times)
         if (c == '\0') c = '|';
       text << info.Result << "\t" << std::string(info.strSigRcpId, static_cast<size_t>(info.strSigRcpIdL)) << "\t"
-           << times << "\t" << info.PasswordL << "\n";
+           << times << "\t"
+           << hex_of(info.Password != nullptr ? std::string(info.Password, static_cast<size_t>(info.PasswordL)) : "")
+           << "\n";
     }
     write_file(exchange / "records", text.str());
     write_file(exchange / "content", std::string(reinterpret_cast<char*>(out), out != nullptr ? out_length : 0));
@@ -228,13 +230,13 @@ Verified verify_through_export(const std::map<std::string, std::string>& env, co
   while (std::getline(lines, line)) {
     std::istringstream fields(line);
     SignerRecord record;
-    std::string result, length;
+    std::string result, certificate;
     std::getline(fields, result, '\t');
     std::getline(fields, record.id, '\t');
     std::getline(fields, record.times, '\t');
-    std::getline(fields, length, '\t');
+    std::getline(fields, certificate, '\t');
     record.result = std::stoi(result);
-    record.certificate_length = std::stoul(length);
+    record.certificate = bytes_of_hex(certificate);
     verified.records.push_back(record);
   }
   verified.content = read_file(exchange / "content");

@@ -81,11 +81,10 @@ struct SignOutcome {
 SignOutcome sign_through_export(const std::map<std::string, std::string>& env, const SignRequest& request);
 
 // What SsfVerify left in one signer's record: the Profile's time texts with
-// "|" for their terminators, and the certificate's length.
+// "|" for their terminators, and the certificate the Password carries.
 struct SignerRecord {
   int32_t result = -1;
-  std::string id, times;
-  size_t certificate_length = 0;
+  std::string id, times, certificate;
 };
 
 struct Verified {

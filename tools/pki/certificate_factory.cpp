@@ -1,5 +1,6 @@
 #include "certificate_factory.h"
 
+#include <openssl/cms.h>
 #include <openssl/pem.h>
 
 #include <stdexcept>
@@ -162,6 +163,7 @@ std::vector<UniquePtr<X509>> certificates_of(const std::string& bytes) {
 
 std::string der_of(X509* certificate) { return encoded<X509>(certificate, i2d_X509); }
 std::string der_of(X509_CRL* crl) { return encoded<X509_CRL>(crl, i2d_X509_CRL); }
+std::string der_of(CMS_ContentInfo* message) { return encoded<CMS_ContentInfo>(message, i2d_CMS_ContentInfo); }
 std::string pem_of(X509* certificate) { return pem_with([&](BIO* b) { return PEM_write_bio_X509(b, certificate); }); }
 std::string pem_of(X509_CRL* crl) { return pem_with([&](BIO* b) { return PEM_write_bio_X509_CRL(b, crl); }); }
 

@@ -58,6 +58,7 @@ std::vector<UniquePtr<X509>> certificates_of(const std::string& bytes);
 
 std::string der_of(X509* certificate);
 std::string der_of(X509_CRL* crl);
+std::string der_of(CMS_ContentInfo* message);
 std::string pem_of(X509* certificate);
 std::string pem_of(X509_CRL* crl);
 // PKCS #8, encrypted under `pin` unless it is empty.
