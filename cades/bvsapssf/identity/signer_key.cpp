@@ -21,6 +21,14 @@ constexpr DWORD kAcquireExplicitPin = 0x45;       // cache, compare key, silent
 constexpr DWORD kAcquireProviderMayAsk = 0x05;    // cache, compare key
 constexpr DWORD kInhibitPersist = 0x40000000;     // CERT_SET_PROPERTY_INHIBIT_PERSIST_FLAG
 constexpr int32_t kUnknownSignatureAlgorithm = 0x200001F6;
+
+void trace_key_refused(const char* trace_function, KeyLines lines, const char* what) {
+  const DWORD error = GetLastError();
+  if (lines == KeyLines::Info)
+    BV_TRACE(TRACE_NORMAL, "#info# %s. Trying to search another certificate. %08x\n", what, error);
+  else
+    BV_TRACE(TRACE_DETAIL, "#trace# %s. Trying to search another certificate. %08x\n", what, error);
+}
 }  // namespace
 
 void free_signer_certs(SignerCertList& certs) {
@@ -37,7 +45,7 @@ int32_t IsPinExplicit(const SsfInfo& info) {
 }
 
 KeyOpen open_certificate_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo* info, int32_t pin_explicit,
-                             HCRYPTPROV* provider, DWORD* key_spec) {
+                             HCRYPTPROV* provider, DWORD* key_spec, KeyLines lines) {
   DWORD prov_info_size = 0;
   if (!CertGetCertificateContextProperty(cert, CERT_KEY_PROV_INFO_PROP_ID, nullptr, &prov_info_size)) {
     BV_TRACE(TRACE_DETAIL,
@@ -88,28 +96,24 @@ KeyOpen open_certificate_key(const char* trace_function, PCCERT_CONTEXT cert, Ss
   DWORD opened_size = sizeof(opened);
   if (!CryptGetProvParam(*provider, kKeyOpenedParam, opened, &opened_size, 0)) {
     info->Result = SSF_RES_INVALID_PASSWORD;
-    BV_TRACE(TRACE_DETAIL,
-             "#trace# Can not Acquire Private Key with supplied pin code. Trying to search another certificate. "
-             "%08x\n",
-             GetLastError());
+    trace_key_refused(trace_function, lines, "Can not Acquire Private Key with supplied pin code");
     return KeyOpen::PinRefused;
   }
   return KeyOpen::Opened;
 }
 
 SearchStep acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo* info,
-                        CMSG_SIGNER_ENCODE_INFO* encode, SignerCertList& certs) {
+                              CMSG_SIGNER_ENCODE_INFO* encode, SignerCertList& certs, KeyLines lines) {
   const int32_t pin_explicit = IsPinExplicit(*info);
   BV_TRACE(TRACE_DETAIL, "#trace# Explicit pin code? IsPinExplicit = %d.\n", pin_explicit);
-  switch (open_certificate_key(trace_function, cert, info, pin_explicit, &encode->hCryptProv, &encode->dwKeySpec)) {
+  switch (open_certificate_key(trace_function, cert, info, pin_explicit, &encode->hCryptProv, &encode->dwKeySpec,
+                               lines)) {
     case KeyOpen::Opened:
       break;
     case KeyOpen::CallEnds:
       return SearchStep::CallEnds;
     case KeyOpen::NotAcquired:
-      BV_TRACE(TRACE_DETAIL,
-               "#trace# Can not AcquireCertificatePrivateKey. Trying to search another certificate. %08x\n",
-               GetLastError());
+      trace_key_refused(trace_function, lines, "Can not AcquireCertificatePrivateKey");
       return SearchStep::NotFound;
     case KeyOpen::NoKeyHere:
     case KeyOpen::PinRefused:

@@ -34,12 +34,17 @@ enum class SearchStep { Found, NotFound, CallEnds };
 // does not open it (Result 25).  CallEnds: see SearchStep.
 enum class KeyOpen { Opened, NoKeyHere, NotAcquired, PinRefused, CallEnds };
 
+// How the two lines of a refused key stand: "#trace#" at level 4 when
+// signing and opening an envelope, "#info#" at level 2 when adding a
+// signature.
+enum class KeyLines { Trace, Info };
+
 // The record's PIN handed to the provider through the certificate's key
 // property (in memory only), the key acquired with the cache flag (it then
 // goes with the context) and proven.  Traces the lines signing and opening
 // an envelope share.
 KeyOpen open_certificate_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo* info, int32_t pin_explicit,
-                             HCRYPTPROV* provider, DWORD* key_spec);
+                             HCRYPTPROV* provider, DWORD* key_spec, KeyLines lines = KeyLines::Trace);
 
 // Found: fills hCryptProv, dwKeySpec, HashAlgorithm, pCertInfo and the
 // attribute counts of `encode`, and appends `cert` to `certs`, which from
@@ -47,4 +52,5 @@ KeyOpen open_certificate_key(const char* trace_function, PCCERT_CONTEXT cert, Ss
 // demands and leaves `cert` to the caller.  Trace lines carry
 // `trace_function`, the operation's name.
 SearchStep acquire_signer_key(const char* trace_function, PCCERT_CONTEXT cert, SsfInfo* info,
-                        CMSG_SIGNER_ENCODE_INFO* encode, SignerCertList& certs);
+                              CMSG_SIGNER_ENCODE_INFO* encode, SignerCertList& certs,
+                              KeyLines lines = KeyLines::Trace);

@@ -8,6 +8,18 @@
 #include "crypt32/msg.h"
 #include "kernel32/kernel32.h"
 
+void TspConnection::point(CadesSignPara& para, const char* tsp) {
+  if (tsp == nullptr) return;
+  connection_.dwSize = sizeof connection_;
+  const size_t length = std::strlen(tsp) + 1;
+  if (length <= 0x3FFFFFFF) {
+    address_.assign(length, 0);
+    MultiByteToWideChar(CP_THREAD_ACP, 0, tsp, static_cast<int>(length), address_.data(), static_cast<int>(length));
+    connection_.wszUri = address_.data();
+  }
+  para.pTspConnectionPara = &connection_;
+}
+
 DWORD cades_enhance_message(unsigned char** data, uint32_t* dataLen, const char* tsp) {
   // 1, 2. Decode the message as it stands.
   bv::platform::MessageHandle message(
@@ -19,18 +31,8 @@ DWORD cades_enhance_message(unsigned char** data, uint32_t* dataLen, const char*
   CadesSignPara sign_para{};
   sign_para.dwSize = sizeof sign_para;
   sign_para.dwCadesType = CADES_X_LONG_TYPE_1;
-  CadesServiceConnectionPara connection{};
-  connection.dwSize = sizeof connection;
-  std::vector<WCHAR> address;
-  if (tsp != nullptr) {
-    const size_t length = std::strlen(tsp) + 1;
-    if (length <= 0x3FFFFFFF) {
-      address.resize(length);
-      MultiByteToWideChar(CP_THREAD_ACP, 0, tsp, static_cast<int>(length), address.data(), static_cast<int>(length));
-      connection.wszUri = address.data();
-    }
-    sign_para.pTspConnectionPara = &connection;
-  }
+  TspConnection connection;
+  connection.point(sign_para, tsp);
 
   // 5. Every signature.  A failure that leaves no error behind counts as
   // done, with the message as it stood.

@@ -3,8 +3,22 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
+#include "cadesmsg/cadesmsg.h"
 #include "wintypes.h"
+
+// A time stamp service's address as the CAdES requests take it: a wide
+// text, converted with the calling thread's ANSI code page.
+class TspConnection {
+ public:
+  // Points `para` at the address `tsp`; null leaves it at the default.
+  void point(CadesSignPara& para, const char* tsp);
+
+ private:
+  std::vector<WCHAR> address_;
+  CadesServiceConnectionPara connection_{};
+};
 
 // `data`/`dataLen`: the message; on success they hold a new malloc block
 // (the old one is released) and its length.  `tsp` null: the CAdES library's

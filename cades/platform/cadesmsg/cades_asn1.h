@@ -23,10 +23,7 @@ constexpr int kEscTimeStamp = NID_id_smime_aa_ets_escTimeStamp;
 constexpr int kCertificateValues = NID_id_smime_aa_ets_certValues;
 constexpr int kRevocationValues = NID_id_smime_aa_ets_revocationValues;
 
-// The octets of an OCTET STRING (or any string), borrowed.
-inline std::string_view bytes_of(const ASN1_STRING* value) {
-  return {reinterpret_cast<const char*>(ASN1_STRING_get0_data(value)), static_cast<size_t>(ASN1_STRING_length(value))};
-}
+using bv::ossl::bytes_of;
 
 // OtherHashAlgAndValue ::= SEQUENCE {
 //   hashAlgorithm AlgorithmIdentifier,

@@ -54,6 +54,21 @@ HCRYPTMSG CadesMsgOpenToEncode(DWORD dwMsgEncodingType, DWORD dwFlags, const Cad
 // the message is unchanged and the last error says why.
 BOOL CadesMsgEnhanceSignatureAll(HCRYPTMSG hCryptMsg, const CadesSignPara* pSignPara);
 
+// One signer to add to a decoded message: as CryptMsgOpenToEncode takes it,
+// with the form and service it is to be raised to.
+struct CadesEnhancedSignerPara {
+  DWORD dwSize;  // 24
+  CMSG_SIGNER_ENCODE_INFO* pSignerEncodeInfo;
+  CadesSignPara* pCadesSignPara;
+};
+static_assert(sizeof(CadesEnhancedSignerPara) == 24);
+
+// Adds a signer with the CAdES-BES attributes to a message opened with
+// CryptMsgOpenToDecode (a detached one with its content given) and raises
+// that signer alone to the form of pCadesSignPara; the other signers stay as
+// they are.  On failure the message is unchanged and the last error says why.
+BOOL CadesMsgAddEnhancedSignature(HCRYPTMSG hCryptMsg, const CadesEnhancedSignerPara* pEnhancedSignerPara);
+
 // What CadesMsgVerifySignature found about one signer; released with
 // CadesFreeVerificationInfo.
 struct CadesVerificationInfo {

@@ -150,9 +150,11 @@ struct SignerWork {
 
 class Enhancer {
  public:
-  Enhancer(CMS_ContentInfo* cms, std::string service) : cms_(cms), service_(std::move(service)) {}
+  Enhancer(bv::platform::DecodedSigned& message, std::string service)
+      : message_(message), cms_(message.cms()), service_(std::move(service)) {}
 
-  bool run() {
+  // Every signer of the message, or only `only`.
+  bool run(CMS_SignerInfo* only = nullptr) {
     load_trust_material(trust_);
     message_certs_.reset(CMS_get1_certs(cms_));
     if (message_certs_)
@@ -160,14 +162,19 @@ class Enhancer {
     for (auto& cert : trust_.intermediates) extra_.push_back(cert.get());
 
     STACK_OF(CMS_SignerInfo)* signers = CMS_get0_SignerInfos(cms_);
-    std::vector<SignerWork> work(static_cast<size_t>(sk_CMS_SignerInfo_num(signers)));
-    for (size_t i = 0; i < work.size(); ++i) {
-      work[i].signer = sk_CMS_SignerInfo_value(signers, static_cast<int>(i));
-      if (!enhance(work[i])) return false;
+    std::vector<SignerWork> work;
+    for (int i = 0; i < sk_CMS_SignerInfo_num(signers); ++i) {
+      CMS_SignerInfo* signer = sk_CMS_SignerInfo_value(signers, i);
+      if (only != nullptr && signer != only) continue;
+      work.push_back(SignerWork{signer, {}});
+      if (!enhance(work.back())) return false;
     }
-    for (SignerWork& one : work)
+    for (SignerWork& one : work) {
+      if (one.additions.empty()) continue;
+      message_.mark_changed(one.signer);
       for (auto& attribute : one.additions)
         if (!CMS_unsigned_add1_attr(one.signer, attribute.get())) return fail(static_cast<DWORD>(E_OUTOFMEMORY));
+    }
     return true;
   }
 
@@ -301,6 +308,7 @@ class Enhancer {
            add(work, kRevocationValues, der_of(revocation_values.get(), i2d_RevocationValues));
   }
 
+  bv::platform::DecodedSigned& message_;
   CMS_ContentInfo* cms_;
   std::string service_;
   TrustMaterial trust_;
@@ -312,24 +320,55 @@ class Enhancer {
 }  // namespace
 }  // namespace bv::cades
 
+namespace {
+// The request's form and service, checked; empty with the last error set
+// when the request can't be served.
+bool read_sign_para(const CadesSignPara* para, std::string& service) {
+  if (para == nullptr || para->dwSize < sizeof(CadesSignPara)) return bv::ossl::fail(static_cast<DWORD>(E_INVALIDARG));
+  if (para->dwCadesType != CADES_X_LONG_TYPE_1) return bv::ossl::fail(ERROR_NOT_SUPPORTED);
+  const CadesServiceConnectionPara* connection = para->pTspConnectionPara;
+  service = connection != nullptr && connection->wszUri != nullptr ? bv::platform::utf8_of(connection->wszUri)
+                                                                   : bv::cades::default_time_stamp_service();
+  return true;
+}
+}  // namespace
+
 BOOL CadesMsgEnhanceSignatureAll(HCRYPTMSG hCryptMsg, const CadesSignPara* pSignPara) {
-  if (pSignPara == nullptr || pSignPara->dwSize < sizeof(CadesSignPara)) {
-    SetLastError(static_cast<DWORD>(E_INVALIDARG));
-    return FALSE;
-  }
-  if (pSignPara->dwCadesType != CADES_X_LONG_TYPE_1) {
-    SetLastError(ERROR_NOT_SUPPORTED);
-    return FALSE;
-  }
   try {
+    std::string service;
+    if (!read_sign_para(pSignPara, service)) return FALSE;
     bv::platform::DecodedSigned* message = bv::platform::decoded_signed(hCryptMsg);
     if (message == nullptr) return FALSE;
-    const CadesServiceConnectionPara* connection = pSignPara->pTspConnectionPara;
-    std::string service = connection != nullptr && connection->wszUri != nullptr
-                              ? bv::platform::utf8_of(connection->wszUri)
-                              : bv::cades::default_time_stamp_service();
     bv::ossl::gost_engine();
-    return bv::cades::Enhancer(message->cms(), std::move(service)).run() ? TRUE : FALSE;
+    return bv::cades::Enhancer(*message, std::move(service)).run() ? TRUE : FALSE;
+  } catch (const std::bad_alloc&) {
+    SetLastError(static_cast<DWORD>(E_OUTOFMEMORY));
+    return FALSE;
+  }
+}
+
+BOOL CadesMsgAddEnhancedSignature(HCRYPTMSG hCryptMsg, const CadesEnhancedSignerPara* pEnhancedSignerPara) {
+  try {
+    if (pEnhancedSignerPara == nullptr || pEnhancedSignerPara->dwSize < sizeof(CadesEnhancedSignerPara) ||
+        pEnhancedSignerPara->pSignerEncodeInfo == nullptr) {
+      SetLastError(static_cast<DWORD>(E_INVALIDARG));
+      return FALSE;
+    }
+    std::string service;
+    if (!read_sign_para(pEnhancedSignerPara->pCadesSignPara, service)) return FALSE;
+    bv::platform::DecodedSigned* message = bv::platform::decoded_signed(hCryptMsg);
+    if (message == nullptr) return FALSE;
+    CMS_SignerInfo* signer =
+        message->add_signed_signer(*pEnhancedSignerPara->pSignerEncodeInfo, bv::platform::SignedForm::cades_bes);
+    if (signer == nullptr) return FALSE;
+    // A signer that can't be raised goes again: the message stays as it was.
+    if (!bv::cades::Enhancer(*message, std::move(service)).run(signer)) {
+      const DWORD error = GetLastError();
+      message->remove_added_signer(signer);
+      SetLastError(error);
+      return FALSE;
+    }
+    return TRUE;
   } catch (const std::bad_alloc&) {
     SetLastError(static_cast<DWORD>(E_OUTOFMEMORY));
     return FALSE;

@@ -3,7 +3,9 @@
 // the kind that answers every later call (a detached message's content
 // included).
 #include <memory>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 #include "crypt32/msg_internal.h"
 #include "kernel32/kernel32.h"
@@ -28,11 +30,14 @@ class UndecidedMessage final : public MessageKind {
     // parsed, so the engine comes first.
     bv::ossl::gost_engine();
     DecodedContent content;
-    const unsigned char* cursor = in_one_piece ? data : pending_.data();
+    const unsigned char* start = in_one_piece ? data : pending_.data();
+    const unsigned char* cursor = start;
     const long length = static_cast<long>(in_one_piece ? size : pending_.size());
     content.cms.reset(cursor != nullptr ? d2i_CMS_ContentInfo(nullptr, &cursor, length) : nullptr);
     ERR_clear_error();
-    std::vector<BYTE>().swap(pending_);
+    // The collected pieces go once the kind has opened: it may read them.
+    const std::vector<BYTE> collected = std::move(pending_);
+    pending_.clear();
     if (!content.cms) {
       SetLastError(CRYPT_E_ASN1_BADTAG);
       return false;
@@ -45,6 +50,7 @@ class UndecidedMessage final : public MessageKind {
       SetLastError(type == 0 ? CRYPT_E_INVALID_MSG_TYPE : CRYPT_E_UNEXPECTED_MSG_TYPE);
       return false;
     }
+    content.der = std::string_view(reinterpret_cast<const char*>(start), static_cast<size_t>(cursor - start));
     std::unique_ptr<MessageKind> kind = type == CMSG_SIGNED ? open_signed_decoder(flags_, std::move(content))
                                                             : open_enveloped_decoder(flags_, std::move(content));
     if (!kind) return false;

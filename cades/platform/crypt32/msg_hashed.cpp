@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "advapi32/provider_internal.h"
+#include "crypt32/der.h"
 #include "crypt32/msg.h"
 #include "crypt32/oidinfo.h"
 #include "kernel32/kernel32.h"
@@ -36,37 +37,13 @@ constexpr char kIdData[] = "1.2.840.113549.1.7.1";
 // 06 09 2A 86 48 86 F7 0D 01 07 05: the OID id-digestedData, encoded.
 constexpr BYTE kIdDigestedData[] = {0x06, 0x09, 0x2A, 0x86, 0x48, 0x86, 0xF7, 0x0D, 0x01, 0x07, 0x05};
 
-constexpr BYTE kTagInteger = 0x02;
-constexpr BYTE kTagOctetString = 0x04;
-constexpr BYTE kTagSequence = 0x30;
-constexpr BYTE kTagExplicit0 = 0xA0;
-
-// Tag and length octets (DER, definite length) of a value of `length` bytes.
-size_t header_size(size_t length) {
-  if (length < 0x80) return 2;
-  size_t octets = 0;
-  for (size_t rest = length; rest != 0; rest >>= 8) ++octets;
-  return 2 + octets;
-}
-
-size_t tlv_size(size_t length) { return header_size(length) + length; }
-
-BYTE* put_header(BYTE* out, BYTE tag, size_t length) {
-  *out++ = tag;
-  if (length < 0x80) {
-    *out++ = static_cast<BYTE>(length);
-    return out;
-  }
-  const size_t octets = header_size(length) - 2;
-  *out++ = static_cast<BYTE>(0x80 | octets);
-  for (size_t i = octets; i > 0; --i) *out++ = static_cast<BYTE>(length >> (8 * (i - 1)));
-  return out;
-}
-
-BYTE* put_bytes(BYTE* out, const BYTE* data, size_t size) {
-  if (size != 0) std::memcpy(out, data, size);
-  return out + size;
-}
+using der::kTagExplicit0;
+using der::kTagInteger;
+using der::kTagOctetString;
+using der::kTagSequence;
+using der::put_bytes;
+using der::put_header;
+using der::tlv_size;
 
 std::vector<BYTE> encode_object(const ASN1_OBJECT* object) {
   std::vector<BYTE> der(static_cast<size_t>(i2d_ASN1_OBJECT(object, nullptr)));

@@ -4,16 +4,20 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "crypt32/der.h"
 #include "crypt32/msg.h"
 #include "openssl/ossl.h"
 
 namespace bv::platform {
 
-// A whole message as it came in, parsed once.
+// A whole message as it came in, parsed once.  `der` is the caller's
+// encoding, valid only while the decoder opens.
 struct DecodedContent {
   bv::ossl::UniquePtr<CMS_ContentInfo> cms;
+  std::string_view der;
 };
 
 // A CERT_INFO holding only an issuer (DER) and a serial number (CryptoAPI's
@@ -29,13 +33,30 @@ std::unique_ptr<MessageKind> open_signed_decoder(DWORD flags, DecodedContent con
 std::unique_ptr<MessageKind> open_enveloped_decoder(DWORD flags, DecodedContent content);
 std::unique_ptr<MessageKind> open_enveloped_encoder(DWORD flags, const CMSG_ENVELOPED_ENCODE_INFO& info);
 
+// For each signer of `signers`, in their order, the element of
+// `elements` (a signerInfos SET of `encoded`) that holds its signature.
+bool signer_elements_in_order(std::string_view encoded, const std::vector<der::Element>& elements,
+                              STACK_OF(CMS_SignerInfo) * signers, std::vector<std::string_view>* out);
+
+// Adds an unsigned SignerInfo for `signer` (its key from the provider
+// handle, its hash, its attributes; with the CAdES-BES attributes for
+// cades_bes) to `cms`; null with the last error set.
+CMS_SignerInfo* add_signer(CMS_ContentInfo* cms, const CMSG_SIGNER_ENCODE_INFO& signer, SignedForm form);
+
 // A decoded signed message as the CAdES layer reaches it: the parsed message,
 // which it may change before CMSG_ENCODED_MESSAGE encodes it again, and the
-// content of a detached message once given.
+// content of a detached message once given.  Whoever changes a signer says
+// so: a signer nobody changed is encoded with the bytes it came with.
 class DecodedSigned {
  public:
   virtual CMS_ContentInfo* cms() = 0;
   virtual const std::vector<BYTE>* detached_content() const = 0;
+  virtual void mark_changed(CMS_SignerInfo* signer) = 0;
+  // A new signer, signed over the content (a detached message's once
+  // given); null with the last error set.
+  virtual CMS_SignerInfo* add_signed_signer(const CMSG_SIGNER_ENCODE_INFO& signer, SignedForm form) = 0;
+  // Takes out a signer add_signed_signer added, as if it never was.
+  virtual void remove_added_signer(CMS_SignerInfo* signer) = 0;
 
  protected:
   ~DecodedSigned() = default;

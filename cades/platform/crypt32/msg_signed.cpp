@@ -10,7 +10,9 @@
 
 #include "advapi32/provider_handle.h"
 #include "crypt32/cert.h"
+#include "crypt32/der.h"
 #include "crypt32/msg.h"
+#include "crypt32/msg_internal.h"
 #include "kernel32/kernel32.h"
 #include "openssl/ossl.h"
 #include "output_space.h"
@@ -81,98 +83,41 @@ bool add_attributes(CMS_SignerInfo* signer, DWORD count, const CRYPT_ATTRIBUTE* 
 }
 
 
-// One element of a DER encoding: where its content starts and how long it is.
-struct DerElement {
-  size_t offset = 0;  // of the tag
-  size_t header = 0;
-  size_t length = 0;
-  int tag = 0;
-  int tag_class = 0;
-  size_t end() const { return offset + header + length; }
-  size_t content() const { return offset + header; }
-};
-
-// The elements inside the content of `parent` (definite lengths only, as DER
-// has them).
-bool der_children(const std::vector<BYTE>& der, const DerElement& parent, std::vector<DerElement>* children) {
-  children->clear();
-  for (size_t at = parent.content(); at < parent.end();) {
-    const unsigned char* cursor = der.data() + at;
-    long length = 0;
-    DerElement child;
-    const int kind = ASN1_get_object(&cursor, &length, &child.tag, &child.tag_class, static_cast<long>(parent.end() - at));
-    if ((kind & 0x80) != 0 || kind == 0x21) return false;
-    child.offset = at;
-    child.header = static_cast<size_t>(cursor - (der.data() + at));
-    child.length = static_cast<size_t>(length);
-    if (child.end() > parent.end()) return false;
-    children->push_back(child);
-    at = child.end();
-  }
-  return true;
-}
-
 // Rewrites the elements of a SET OF in `wanted` order.  A DER encoder sorts
 // them by their bytes; the platform's encoder keeps the order it was given,
 // so that signer i of the list is SignerInfo i of the message.  Sorting only
 // moves elements within the set, so the set keeps its place and size.
-bool reorder_set(std::vector<BYTE>& der, const DerElement& set, const std::vector<std::string_view>& wanted) {
+bool reorder_set(std::vector<BYTE>& encoded, const der::Element& set, const std::vector<std::string_view>& wanted) {
   std::string ordered;
   for (std::string_view element : wanted) ordered.append(element);
   if (ordered.size() != set.length) return false;
-  std::memcpy(der.data() + set.content(), ordered.data(), ordered.size());
+  std::memcpy(encoded.data() + set.content(), ordered.data(), ordered.size());
   return true;
 }
 
 // SignedData's signerInfos in the order the signers were added, and its
 // certificates in the order they were given.  `certificates` are the DER of
 // the certificates as added.
-bool keep_given_order(std::vector<BYTE>& der, CMS_ContentInfo* cms, const std::vector<std::string>& certificates) {
-  std::vector<DerElement> level;
-  DerElement whole{0, 0, der.size(), 0, 0};
-  // ContentInfo ::= SEQUENCE { contentType, [0] EXPLICIT SignedData }
-  if (!der_children(der, whole, &level) || level.size() != 1) return false;
-  const DerElement content_info = level[0];
-  if (!der_children(der, content_info, &level) || level.size() != 2) return false;
-  const DerElement explicit_content = level[1];
-  if (!der_children(der, explicit_content, &level) || level.size() != 1) return false;
-  // SignedData ::= SEQUENCE { version, digestAlgorithms, encapContentInfo,
-  //   certificates [0] IMPLICIT SET OF OPTIONAL, crls [1] IMPLICIT OPTIONAL,
-  //   signerInfos SET OF SignerInfo }
-  std::vector<DerElement> fields;
-  if (!der_children(der, level[0], &fields) || fields.size() < 4) return false;
-  const auto view = [&](const DerElement& e) {
-    return std::string_view(reinterpret_cast<const char*>(der.data()) + e.offset, e.end() - e.offset);
-  };
+bool keep_given_order(std::vector<BYTE>& encoded, CMS_ContentInfo* cms, const std::vector<std::string>& certificates) {
+  const std::string_view view(reinterpret_cast<const char*>(encoded.data()), encoded.size());
+  std::vector<der::Element> content_info, fields, elements;
+  if (!der::signed_data_fields(view, &content_info, &fields)) return false;
 
-  std::vector<DerElement> elements;
-  const DerElement signer_set = fields.back();
-  if (!der_children(der, signer_set, &elements)) return false;
-  STACK_OF(CMS_SignerInfo)* signers = CMS_get0_SignerInfos(cms);
-  if (elements.size() > 1 && static_cast<size_t>(sk_CMS_SignerInfo_num(signers)) == elements.size()) {
-    // A SignerInfo is known by its signature value, unique to it.
+  const der::Element signer_set = fields.back();
+  if (!der::children(view, signer_set, &elements)) return false;
+  if (elements.size() > 1) {
     std::vector<std::string_view> wanted;
-    std::vector<bool> taken(elements.size(), false);
-    for (int i = 0; i < sk_CMS_SignerInfo_num(signers); ++i) {
-      const ASN1_OCTET_STRING* signature = CMS_SignerInfo_get0_signature(sk_CMS_SignerInfo_value(signers, i));
-      const std::string_view value(reinterpret_cast<const char*>(ASN1_STRING_get0_data(signature)),
-                                   static_cast<size_t>(ASN1_STRING_length(signature)));
-      size_t match = elements.size();
-      for (size_t e = 0; e < elements.size() && match == elements.size(); ++e)
-        if (!taken[e] && view(elements[e]).find(value) != std::string_view::npos) match = e;
-      if (match == elements.size()) return false;
-      taken[match] = true;
-      wanted.push_back(view(elements[match]));
-    }
-    if (!reorder_set(der, signer_set, wanted)) return false;
+    if (!signer_elements_in_order(view, elements, CMS_get0_SignerInfos(cms), &wanted) ||
+        !reorder_set(encoded, signer_set, wanted))
+      return false;
   }
 
-  const auto certificate_set = std::find_if(fields.begin(), fields.end(), [](const DerElement& e) {
+  const auto certificate_set = std::find_if(fields.begin(), fields.end(), [](const der::Element& e) {
     return e.tag_class == V_ASN1_CONTEXT_SPECIFIC && e.tag == 0;
   });
   if (certificate_set != fields.end() && certificates.size() > 1) {
     std::vector<std::string_view> wanted(certificates.begin(), certificates.end());
-    if (!reorder_set(der, *certificate_set, wanted)) return false;
+    if (!reorder_set(encoded, *certificate_set, wanted)) return false;
   }
   return true;
 }
@@ -236,6 +181,70 @@ class SignedEncoder final : public MessageKind {
 
 }  // namespace
 
+bool signer_elements_in_order(std::string_view encoded, const std::vector<der::Element>& elements,
+                              STACK_OF(CMS_SignerInfo) * signers, std::vector<std::string_view>* out) {
+  out->clear();
+  if (static_cast<size_t>(sk_CMS_SignerInfo_num(signers)) != elements.size()) return false;
+  // A SignerInfo is known by its signature value, unique to it.
+  std::vector<bool> taken(elements.size(), false);
+  for (int i = 0; i < sk_CMS_SignerInfo_num(signers); ++i) {
+    const ASN1_OCTET_STRING* signature = CMS_SignerInfo_get0_signature(sk_CMS_SignerInfo_value(signers, i));
+    const std::string_view value(reinterpret_cast<const char*>(ASN1_STRING_get0_data(signature)),
+                                 static_cast<size_t>(ASN1_STRING_length(signature)));
+    size_t match = elements.size();
+    for (size_t e = 0; e < elements.size() && match == elements.size(); ++e)
+      if (!taken[e] && elements[e].in(encoded).find(value) != std::string_view::npos) match = e;
+    if (match == elements.size()) return false;
+    taken[match] = true;
+    out->push_back(elements[match].in(encoded));
+  }
+  return true;
+}
+
+CMS_SignerInfo* add_signer(CMS_ContentInfo* cms, const CMSG_SIGNER_ENCODE_INFO& signer, SignedForm form) {
+  const auto refuse = [](DWORD error) -> CMS_SignerInfo* {
+    fail(error);
+    return nullptr;
+  };
+  if (signer.cbSize < sizeof(CMSG_SIGNER_ENCODE_INFO) || signer.pCertInfo == nullptr)
+    return refuse(static_cast<DWORD>(E_INVALIDARG));
+  CryptProvider* provider = provider_from_handle(signer.hCryptProv);
+  if (provider == nullptr) return nullptr;
+  if (!provider->key) return refuse(NTE_NO_KEY);
+
+  UniquePtr<ASN1_OBJECT> hash_oid(
+      signer.HashAlgorithm.pszObjId != nullptr ? OBJ_txt2obj(signer.HashAlgorithm.pszObjId, 1) : nullptr);
+  const EVP_MD* digest = hash_oid ? bv::ossl::digest_by_nid(OBJ_obj2nid(hash_oid.get())) : nullptr;
+  if (digest == nullptr) return refuse(CRYPT_E_UNKNOWN_ALGO);
+
+  // CAdES names the signer's whole certificate by its hash, so it needs the
+  // certificate the key was acquired for; plain CMS only its issuer and
+  // serial number.
+  UniquePtr<X509> stand_in;
+  if (form == SignedForm::cades_bes) {
+    if (!provider->certificate || !matches_cert_info(provider->certificate.get(), *signer.pCertInfo))
+      return refuse(CRYPT_E_SIGNER_NOT_FOUND);
+    X509_up_ref(provider->certificate.get());
+    stand_in.reset(provider->certificate.get());
+  } else {
+    stand_in = signer_stand_in(*signer.pCertInfo, provider->key.get());
+  }
+  if (!stand_in) return refuse(CRYPT_E_ASN1_ERROR);
+
+  // Without authenticated attributes the signature covers the content
+  // itself, as the platform's encoder does for cAuthAttr 0.
+  const unsigned signer_flags =
+      form == SignedForm::cades_bes
+          ? CMS_NOCERTS | CMS_PARTIAL | CMS_NOSMIMECAP | CMS_CADES
+          : CMS_NOCERTS | CMS_PARTIAL | CMS_NOSMIMECAP | (signer.cAuthAttr == 0 ? CMS_NOATTR : 0u);
+  CMS_SignerInfo* signer_info = CMS_add1_signer(cms, stand_in.get(), provider->key.get(), digest, signer_flags);
+  if (signer_info == nullptr) return refuse(NTE_BAD_KEY);
+  if (!add_attributes(signer_info, signer.cAuthAttr, signer.rgAuthAttr, true) ||
+      !add_attributes(signer_info, signer.cUnauthAttr, signer.rgUnauthAttr, false))
+    return refuse(CRYPT_E_ASN1_ERROR);
+  return signer_info;
+}
+
 // The signers, certificates and CRLs are taken over at the open, so the
 // caller's encode information need not outlive it.
 std::unique_ptr<MessageKind> open_signed_encoder(DWORD flags, const CMSG_SIGNED_ENCODE_INFO& info,
@@ -258,46 +267,8 @@ std::unique_ptr<MessageKind> open_signed_encoder(DWORD flags, const CMSG_SIGNED_
     if (!CMS_set1_eContentType(cms.get(), content_type.get())) return refuse(CRYPT_E_ASN1_ERROR);
   }
 
-  for (DWORD i = 0; i < info.cSigners; ++i) {
-    const CMSG_SIGNER_ENCODE_INFO& signer = info.rgSigners[i];
-    if (signer.cbSize < sizeof(CMSG_SIGNER_ENCODE_INFO) || signer.pCertInfo == nullptr)
-      return refuse(static_cast<DWORD>(E_INVALIDARG));
-    CryptProvider* provider = provider_from_handle(signer.hCryptProv);
-    if (provider == nullptr) return nullptr;
-    if (!provider->key) return refuse(NTE_NO_KEY);
-
-    UniquePtr<ASN1_OBJECT> hash_oid(
-        signer.HashAlgorithm.pszObjId != nullptr ? OBJ_txt2obj(signer.HashAlgorithm.pszObjId, 1) : nullptr);
-    const EVP_MD* digest = hash_oid ? bv::ossl::digest_by_nid(OBJ_obj2nid(hash_oid.get())) : nullptr;
-    if (digest == nullptr) return refuse(CRYPT_E_UNKNOWN_ALGO);
-
-    // CAdES names the signer's whole certificate by its hash, so it needs the
-    // certificate the key was acquired for; plain CMS only its issuer and
-    // serial number.
-    UniquePtr<X509> stand_in;
-    if (form == SignedForm::cades_bes) {
-      if (!provider->certificate || !matches_cert_info(provider->certificate.get(), *signer.pCertInfo))
-        return refuse(CRYPT_E_SIGNER_NOT_FOUND);
-      X509_up_ref(provider->certificate.get());
-      stand_in.reset(provider->certificate.get());
-    } else {
-      stand_in = signer_stand_in(*signer.pCertInfo, provider->key.get());
-    }
-    if (!stand_in) return refuse(CRYPT_E_ASN1_ERROR);
-
-    // Without authenticated attributes the signature covers the content
-    // itself, as the platform's encoder does for cAuthAttr 0.
-    const unsigned signer_flags =
-        form == SignedForm::cades_bes
-            ? CMS_NOCERTS | CMS_PARTIAL | CMS_NOSMIMECAP | CMS_CADES
-            : CMS_NOCERTS | CMS_PARTIAL | CMS_NOSMIMECAP | (signer.cAuthAttr == 0 ? CMS_NOATTR : 0u);
-    CMS_SignerInfo* signer_info =
-        CMS_add1_signer(cms.get(), stand_in.get(), provider->key.get(), digest, signer_flags);
-    if (signer_info == nullptr) return refuse(NTE_BAD_KEY);
-    if (!add_attributes(signer_info, signer.cAuthAttr, signer.rgAuthAttr, true) ||
-        !add_attributes(signer_info, signer.cUnauthAttr, signer.rgUnauthAttr, false))
-      return refuse(CRYPT_E_ASN1_ERROR);
-  }
+  for (DWORD i = 0; i < info.cSigners; ++i)
+    if (add_signer(cms.get(), info.rgSigners[i], form) == nullptr) return nullptr;
 
   // A certificate given twice (two signers with one certificate) goes in
   // once, where it was first given.

@@ -16,6 +16,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "wintypes.h"
 
@@ -100,6 +101,11 @@ const EVP_CIPHER* cipher_by_nid(int nid);
 // The text of the first error on OpenSSL's queue (for trace lines), emptying
 // the queue.  Empty if the queue was empty.
 std::string take_error_text();
+
+// The octets of an OCTET STRING (or any string), borrowed.
+inline std::string_view bytes_of(const ASN1_STRING* value) {
+  return {reinterpret_cast<const char*>(ASN1_STRING_get0_data(value)), static_cast<size_t>(ASN1_STRING_length(value))};
+}
 
 // DER of an OpenSSL object through its i2d function, empty on failure.
 template <typename Object, typename Encode>
