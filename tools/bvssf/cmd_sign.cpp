@@ -111,6 +111,51 @@ int verify(const std::vector<std::string>& args) {
   return bvssf::report(rc);
 }
 
+int add_sign(const std::vector<std::string>& args) {
+  std::vector<std::string> positional;
+  std::string signer_arg, content_file;
+  bool include_certs = false;
+  for (size_t i = 0; i < args.size(); ++i) {
+    if (args[i] == "--signer" && i + 1 < args.size()) signer_arg = args[++i];
+    else if (args[i] == "--content" && i + 1 < args.size()) content_file = args[++i];
+    else if (args[i] == "--certs") include_certs = true;
+    else positional.push_back(args[i]);
+  }
+  if (positional.size() != 3 || signer_arg.empty()) {
+    std::fprintf(stderr,
+                 "bvssf add-sign: usage: bvssf add-sign FORMAT MSG OUT --signer ID[:PROFILE[:PIN]] [--content FILE] "
+                 "[--certs]\n");
+    return 2;
+  }
+  const auto& lib = bvssf::library();
+  const std::string& format = positional[0];
+  const std::string message = bvssf::read_file(positional[1]);
+  const std::string content = content_file.empty() ? std::string() : bvssf::read_file(content_file);
+  SsfInfoNode* list = nullptr;
+  SsfInfo* record = nullptr;
+  SSF_RC rc = bvssf::add_record(bvssf::parse_record(signer_arg), &list, &record);
+  if (rc != SSF_OK) return bvssf::report(rc);
+
+  unsigned char* signed_data = nullptr;
+  uint32_t signed_length = 0;
+  rc = lib.SsfAddSign(format.data(), static_cast<int32_t>(format.size()), nullptr, 0, include_certs ? 1 : 0,
+                      reinterpret_cast<const unsigned char*>(message.data()), static_cast<int32_t>(message.size()),
+                      content_file.empty() ? nullptr : reinterpret_cast<const unsigned char*>(content.data()),
+                      static_cast<int32_t>(content.size()), record, &signed_data, &signed_length);
+  std::printf("signer: %s (%d)\n", bvssf::result_name(record->Result), record->Result);
+  if (rc == SSF_OK) {
+    bvssf::write_file(positional[2], signed_data, signed_length);
+    std::printf("%u bytes written to %s\n", signed_length, positional[2].c_str());
+    lib.SsfDELSsfOctetstring(&signed_data, &signed_length);
+  }
+  lib.SsfDELSigRcpSsfInfoList(&list);
+  return bvssf::report(rc);
+}
+
+const bool registered_add_sign = bvssf::add_command(
+    {"add-sign", "FORMAT MSG OUT --signer ID[:PROFILE[:PIN]] [--content FILE] [--certs]",
+     "SsfAddSign: one more signer for a signed message (the content of a detached one from FILE)", add_sign});
+
 const bool registered_verify = bvssf::add_command(
     {"verify", "FORMAT MSG [--content FILE] [--pab STORE] [--out FILE]",
      "SsfVerify: each signer's identifier, result, signing and time stamp times", verify});
