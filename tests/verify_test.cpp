@@ -17,36 +17,6 @@ namespace bv::test {
 namespace {
 
 
-std::string signed_by_library(const std::string& format, bool detached, bool certs,
-                              const std::vector<SignerSpec>& signers, const std::string& tsa_url = "") {
-  const SigningWorld& w = SigningWorld::get();
-  SignRequest request;
-  request.format = format;
-  request.detached = detached;
-  request.include_certs = certs;
-  request.signers = signers;
-  const SignOutcome outcome = sign_through_export(w.env({{"BV_CADES_DEFAULT_TSP", tsa_url}}), request);
-  EXPECT_EQ(outcome.rc, 0u) << outcome.child_stderr;
-  return outcome.signed_data;
-}
-
-// `openssl cms -sign` with each (certificate PEM file, key) as a signer.
-std::string signed_by_openssl(const std::vector<std::pair<std::string, EVP_PKEY*>>& signers, const std::string& data,
-                              const std::string& options) {
-  TempDir dir;
-  write_file(dir / "data", data);
-  write_file(dir / "engine.cnf", kGostEngineConfig);
-  std::string command = "OPENSSL_CONF='" + (dir / "engine.cnf") + "' openssl cms -sign -binary -outform DER -in '" +
-                        (dir / "data") + "' " + options + " -out '" + (dir / "m.der") + "'";
-  for (size_t i = 0; i < signers.size(); ++i) {
-    const std::string key = dir / ("key" + std::to_string(i) + ".pem");
-    write_file(key, pem_of(signers[i].second));
-    command += " -signer '" + signers[i].first + "' -inkey '" + key + "'";
-  }
-  run_checked(command);
-  return read_file(dir / "m.der");
-}
-
 // The stores of the test world copied into `folder`, to be changed there.
 std::map<std::string, std::string> copied_stores(const std::string& folder) {
   const SigningWorld& w = SigningWorld::get();

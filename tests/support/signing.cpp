@@ -243,6 +243,67 @@ Verified verify_through_export(const std::map<std::string, std::string>& env, co
   return verified;
 }
 
+std::string signed_by_library(const std::string& format, bool detached, bool certs,
+                              const std::vector<SignerSpec>& signers, const std::string& tsa_url) {
+  const SigningWorld& w = SigningWorld::get();
+  SignRequest request;
+  request.format = format;
+  request.detached = detached;
+  request.include_certs = certs;
+  request.signers = signers;
+  const SignOutcome outcome = sign_through_export(w.env({{"BV_CADES_DEFAULT_TSP", tsa_url}}), request);
+  EXPECT_EQ(outcome.rc, 0u) << outcome.child_stderr;
+  return outcome.signed_data;
+}
+
+std::string signed_by_openssl(const std::vector<std::pair<std::string, EVP_PKEY*>>& signers, const std::string& data,
+                              const std::string& options) {
+  TempDir dir;
+  write_file(dir / "data", data);
+  write_file(dir / "engine.cnf", kGostEngineConfig);
+  std::string command = "OPENSSL_CONF='" + (dir / "engine.cnf") + "' openssl cms -sign -binary -outform DER -in '" +
+                        (dir / "data") + "' " + options + " -out '" + (dir / "m.der") + "'";
+  for (size_t i = 0; i < signers.size(); ++i) {
+    const std::string key = dir / ("key" + std::to_string(i) + ".pem");
+    write_file(key, pem_of(signers[i].second));
+    command += " -signer '" + signers[i].first + "' -inkey '" + key + "'";
+  }
+  run_checked(command);
+  return read_file(dir / "m.der");
+}
+
+AddSigned add_sign_through_export(const std::map<std::string, std::string>& env, const std::string& format,
+                                  const std::string& message, const std::string* input, const SignerSpec& signer,
+                                  bool include_certs) {
+  TempDir exchange;
+  const ChildResult child = run_isolated(env, [&] {
+    setsid();  // no terminal: nothing prompts
+    const SsfApi& api = SsfApi::get();
+    SsfInfo* info = nullptr;
+    ASSERT_EQ(api.SsfNEWSigRcpSsfInfo(signer.id.data(), static_cast<int32_t>(signer.id.size()), nullptr, 0,
+                                      signer.profile.data(), static_cast<int32_t>(signer.profile.size()),
+                                      signer.pin.data(), static_cast<int32_t>(signer.pin.size()), 99, &info),
+              SSF_OK);
+    unsigned char* out = nullptr;
+    uint32_t out_length = 0;
+    const SSF_RC rc = api.SsfAddSign(
+        format.data(), static_cast<int32_t>(format.size()), nullptr, 0, include_certs ? 1 : 0,
+        reinterpret_cast<const unsigned char*>(message.data()), static_cast<int32_t>(message.size()),
+        input != nullptr ? reinterpret_cast<const unsigned char*>(input->data()) : nullptr,
+        input != nullptr ? static_cast<int32_t>(input->size()) : 0, info, &out, &out_length);
+    write_file(exchange / "outcome", std::to_string(rc) + " " + std::to_string(info->Result) + "\n");
+    write_file(exchange / "message", std::string(reinterpret_cast<char*>(out), out != nullptr ? out_length : 0));
+    api.SsfDELSsfOctetstring(&out, &out_length);
+    info->PasswordL = static_cast<int32_t>(signer.pin.size());
+    api.SsfDELSigRcpSsfInfo(&info);
+  });
+  EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
+  AddSigned added;
+  std::istringstream(read_file(exchange / "outcome")) >> added.rc >> added.result;
+  added.message = read_file(exchange / "message");
+  return added;
+}
+
 int openssl_cms_verify(const std::string& message, const std::string& ca_file, const std::string& signer_certs,
                        const std::string* content, std::string* out_content, std::string* diagnostics) {
   TempDir dir;

@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "certs.h"
@@ -96,6 +97,29 @@ struct Verified {
 // SsfVerify in a child with `env`; the records come back through a file.
 Verified verify_through_export(const std::map<std::string, std::string>& env, const std::string& format,
                                const std::string& message, const std::string* input, const std::string& pab = "");
+
+// SsfSign's message of "data to be signed" in a child with the test world's
+// stores; `tsa_url` is the default time stamp service.
+std::string signed_by_library(const std::string& format, bool detached, bool certs,
+                              const std::vector<SignerSpec>& signers, const std::string& tsa_url = "");
+
+// `openssl cms -sign` of `data` with each (certificate PEM file, key) as a
+// signer, `options` added to the command line.
+std::string signed_by_openssl(const std::vector<std::pair<std::string, EVP_PKEY*>>& signers, const std::string& data,
+                              const std::string& options);
+
+// What SsfAddSign gave back: its code, the record's Result (99 before the
+// call) and the new message.
+struct AddSigned {
+  uint32_t rc = 99;
+  int32_t result = -1;
+  std::string message;
+};
+
+// SsfAddSign in a child with `env`, for one record made from `signer`.
+AddSigned add_sign_through_export(const std::map<std::string, std::string>& env, const std::string& format,
+                                  const std::string& message, const std::string* input, const SignerSpec& signer,
+                                  bool include_certs);
 
 // `openssl cms -verify` of a DER message against `ca_file`; `signer_certs`
 // (PEM, may be empty) for messages without certificates, `content` for
