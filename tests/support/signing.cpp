@@ -296,6 +296,9 @@ AddSigned add_sign_through_export(const std::map<std::string, std::string>& env,
     api.SsfDELSsfOctetstring(&out, &out_length);
     info->PasswordL = static_cast<int32_t>(signer.pin.size());
     api.SsfDELSigRcpSsfInfo(&info);
+#if defined(__SANITIZE_ADDRESS__)
+    EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);  // what the call still holds is a leak
+#endif
   });
   EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
   AddSigned added;
