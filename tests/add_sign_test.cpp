@@ -206,5 +206,44 @@ TEST(AddSign, RefusalsAndTheRecord) {
   }
 }
 
+// The signer's search has texts of its own; the two key lines stand at
+// level 2.  No PIN reaches the trace.
+TEST(AddSign, TraceOfTheSignerSearch) {
+  const SigningWorld& w = SigningWorld::get();
+  const std::string attached = signed_by_library("PKCS7", false, true, {{"CN=Alice", "", "1111"}});
+  struct Case {
+    const char* name;
+    SignerSpec signer;
+    int level;
+    std::vector<std::string> in_order;
+  };
+  const Case cases[] = {
+      {"an untrusted twin passed over", {"CN=Dup", "", "4444"}, 4,
+       {"#info#: accept isCades='0'", "#trace# Search Signer's certificate.",
+        "#trace# One of Signer's certificate found, but it isn't valid. Skipping... Check result = 0x",
+        "#trace# Private Key successfully acquired.", "#trace#: trying to add signature to message.",
+        "#info#: Signature is added to message.", "#success#"}},
+      {"wrong PIN, at level 2", {"CN=Alice", "", "9731"}, 2,
+       {"#info#: Searched userID (CN=Alice)",
+        "#info# Can not Acquire Private Key with supplied pin code. Trying to search another certificate.",
+        "#error#: Signer's certificate with supplied pin code not found", "!!!!!!!!!!!!!!!!#error#"}},
+      {"no such store", {"CN=Bob", "NoSuchStore", "2222"}, 4,
+       {"#trace# Signer's Store = NoSuchStore.", "#error#: Invalid Store in user's profile"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir traced;
+    add_sign_through_export(w.traced_env(traced, c.level), "PKCS7", attached, nullptr, c.signer, true);
+    const std::string log = trace_log(traced);
+    size_t position = 0;
+    for (const std::string& line : c.in_order) {
+      const size_t found = log.find(line, position);
+      ASSERT_NE(found, std::string::npos) << "missing or out of order: " << line << "\n" << log;
+      position = found + line.size();
+    }
+    EXPECT_EQ(log.find(c.signer.pin), std::string::npos) << log;
+  }
+}
+
 }  // namespace
 }  // namespace bv::test
