@@ -63,6 +63,21 @@ TEST(Exports, ExactlyTheEighteenNames) {
             "SsfSign\nSsfVerify\nSsfVersion\n");
 }
 
+// libcurl comes with the first network request, not with the library.
+TEST(Load, NoNetworkLibraryUntilARequest) {
+  int status = 0;
+  const std::string needed = run_command("objdump -p '" BV_LIBRARY_PATH "' | grep NEEDED", &status);
+  ASSERT_EQ(status, 0);
+  EXPECT_EQ(needed.find("curl"), std::string::npos) << needed;
+  const ChildResult child = run_isolated({}, [] {
+    SsfApi::get();
+    const std::string maps = read_file("/proc/self/maps");
+    EXPECT_NE(maps.find("libbvsapssf"), std::string::npos);
+    EXPECT_EQ(maps.find("libcurl"), std::string::npos);
+  });
+  EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
+}
+
 constexpr const char* kAllProperties = "FORMATS;HASHALGS;ENCRALGS;SSF_POPUPS";
 constexpr const char* kHashAlgs =
     "SHA1;GOST3411;GOST-R-34.11-94;GOST-R-34.11-2012-256;GOST-R-34.11-2012-512;GOST2012-256;GOST2012-512;MD2;MD5";

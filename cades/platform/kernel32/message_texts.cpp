@@ -140,6 +140,7 @@ constexpr MessageText kSystemTexts[] = {
 constexpr MessageText kWininetTexts[] = {
     {12001, "No more Internet handles can be allocated\r\n"},
     {12002, "The operation timed out\r\n"},
+    {12004, "An internal error occurred in the HTTP layer\r\n"},
     {12005, "The URL is invalid\r\n"},
     {12006, "The URL does not use a recognized protocol\r\n"},
     {12007, "The server name or address could not be resolved\r\n"},
