@@ -7,6 +7,7 @@
 #include <string>
 
 #include "advapi32/provider_handle.h"
+#include "crypt32/key_cache.h"
 #include "crypt32/keys.h"
 #include "crypt32/store.h"
 #include "kernel32/kernel32.h"
@@ -63,19 +64,28 @@ BOOL CryptAcquireCertificatePrivateKey(PCCERT_CONTEXT pCert, DWORD dwFlags, void
   }
   const std::string key_path = utf8_of(info.container.c_str());
   std::string pin;
-  const bool pin_given = pin_of(info, pin);
+  bool pin_given = pin_of(info, pin);
   wipe_key_prov_info(info);
 
   // 3. Open the container.  A wrong PIN still gives a handle, as a provider
   // does; the key then is not open and parameter 109 says so.
-  bv::ossl::UniquePtr<EVP_PKEY> key;
-  KeyFileResult opened = read_key_file(key_path, pin_given ? &pin : nullptr, key);
-  if (opened == KeyFileResult::kNeedsPin && !(dwFlags & CRYPT_ACQUIRE_SILENT_FLAG)) {
-    if (!ask_pin("PIN for key container " + key_path + ": ", pin)) {
-      wipe(pin);
-      return FALSE;  // ask_pin set the last error
+  // A key this process opened from the same file with the same PIN comes
+  // from the key cache; anything else is read.
+  key_cache::FileIdentity file;
+  const bool identified = key_cache::identity_of(key_path, file);
+  bv::ossl::UniquePtr<EVP_PKEY> key = identified ? key_cache::find(file, pin_given ? &pin : nullptr) : nullptr;
+  KeyFileResult opened = KeyFileResult::kOpened;
+  if (!key) {
+    opened = read_key_file(key_path, pin_given ? &pin : nullptr, key);
+    if (opened == KeyFileResult::kNeedsPin && !(dwFlags & CRYPT_ACQUIRE_SILENT_FLAG)) {
+      if (!ask_pin("PIN for key container " + key_path + ": ", pin)) {
+        wipe(pin);
+        return FALSE;  // ask_pin set the last error
+      }
+      pin_given = true;
+      opened = read_key_file(key_path, &pin, key);
     }
-    opened = read_key_file(key_path, &pin, key);
+    if (opened == KeyFileResult::kOpened && identified) key_cache::keep(file, pin_given ? &pin : nullptr, key.get());
   }
   if (opened == KeyFileResult::kUnreadable) {
     wipe(pin);

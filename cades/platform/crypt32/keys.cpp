@@ -78,11 +78,6 @@ OSSL_LIB_CTX* context_without_decoders() {
   return context;
 }
 
-EVP_PKEY* key_of(const PKCS8_PRIV_KEY_INFO* info) {
-  if (info == nullptr) return nullptr;
-  OSSL_LIB_CTX* context = context_without_decoders();
-  return context != nullptr ? EVP_PKCS82PKEY_ex(info, context, nullptr) : EVP_PKCS82PKEY(info);
-}
 
 // The DER inside a PEM key file, and whether its label says it is encrypted;
 // empty for anything that is not one PEM block.
@@ -104,6 +99,12 @@ std::string der_of_pem(const std::string& text, bool* encrypted) {
   return der;
 }
 }  // namespace
+
+EVP_PKEY* key_of(const PKCS8_PRIV_KEY_INFO* info) {
+  if (info == nullptr) return nullptr;
+  OSSL_LIB_CTX* context = context_without_decoders();
+  return context != nullptr ? EVP_PKCS82PKEY_ex(info, context, nullptr) : EVP_PKCS82PKEY(info);
+}
 
 // One key derivation at most: the PKCS #8 structure is read here, decrypted
 // once and converted, without OpenSSL's decoders (which decrypt a second

@@ -52,6 +52,10 @@ enum class KeyFileResult { kOpened, kNeedsPin, kWrongPin, kUnreadable };
 // one needs it (null = none given).  PEM or DER.
 KeyFileResult read_key_file(const std::string& path, const std::string* pin, bv::ossl::UniquePtr<EVP_PKEY>& key);
 
+// The key a PKCS #8 PrivateKeyInfo holds, converted without OpenSSL's
+// decoders; null for none.
+EVP_PKEY* key_of(const PKCS8_PRIV_KEY_INFO* info);
+
 // Writes `key` as PKCS #8 PEM to `path` (mode 0600, atomically), encrypted
 // with `pin` when it is not empty.
 bool write_key_file(const std::string& path, EVP_PKEY* key, const std::string& pin);

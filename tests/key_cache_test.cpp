@@ -1,0 +1,171 @@
+// Keys kept between calls of one process: what an entry is found by, and
+// that no PIN check, prompt or file change is passed by.  Every scenario runs
+// SsfSign several times in a child of its own, on its own copy of the stores.
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "certs.h"
+#include "signing.h"
+
+namespace bv::test {
+namespace {
+
+struct Signed {
+  SSF_RC rc = 99;
+  int32_t result = -1;
+  std::string message;
+};
+
+Signed sign_once(const std::string& id, const std::string& pin, const std::string& data = "data to be signed") {
+  const SsfApi& api = SsfApi::get();
+  SsfInfo* info = nullptr;
+  SsfInfoNode* list = nullptr;
+  EXPECT_EQ(api.SsfNEWSigRcpSsfInfo(id.data(), static_cast<int32_t>(id.size()), nullptr, 0, nullptr, 0, pin.data(),
+                                    static_cast<int32_t>(pin.size()), 99, &info),
+            SSF_OK);
+  api.SsfINSSigRcpSsfInfo(info, &list);
+  unsigned char* out = nullptr;
+  uint32_t length = 0;
+  Signed s;
+  s.rc = api.SsfSign("PKCS7", 5, nullptr, 0, 1, 0, reinterpret_cast<const unsigned char*>(data.data()),
+                     static_cast<int32_t>(data.size()), list, &out, &length);
+  s.result = info->Result;
+  if (out != nullptr) s.message.assign(reinterpret_cast<char*>(out), length);
+  api.SsfDELSsfOctetstring(&out, &length);
+  info->PasswordL = static_cast<int32_t>(pin.size());
+  api.SsfDELSigRcpSsfInfoList(&list);
+  return s;
+}
+
+// New bytes in the key file that keep its identity: inode, size and
+// modification time stay, so only a kept key can still sign.
+void scribble_keeping_identity(const std::string& path) {
+  struct stat before {};
+  ASSERT_EQ(stat(path.c_str(), &before), 0);
+  const int fd = open(path.c_str(), O_WRONLY);
+  ASSERT_GE(fd, 0);
+  const std::string junk(static_cast<size_t>(before.st_size), 'x');
+  ASSERT_EQ(pwrite(fd, junk.data(), junk.size(), 0), static_cast<ssize_t>(junk.size()));
+  const timespec times[2] = {before.st_atim, before.st_mtim};
+  ASSERT_EQ(futimens(fd, times), 0);
+  close(fd);
+}
+
+// The same junk under a new inode, as a replaced file comes.
+void replace_file(const std::string& path) {
+  write_file(path + ".new", std::string(200, 'x'));
+  std::filesystem::rename(path + ".new", path);
+}
+
+TEST(KeyCache, FoundOnlyBySameFileAndPin) {
+  const SigningWorld& w = SigningWorld::get();
+  const std::string alice = "CN=Alice";
+  struct Step {
+    std::string pin;
+    std::function<void(const std::string& key_file)> before;  // may be null
+    SSF_RC rc;
+    int32_t result;
+  };
+  struct Case {
+    const char* name;
+    const char* seconds;  // BV_PLATFORM_KEY_CACHE_SECONDS; null: the default
+    std::vector<Step> steps;
+  };
+  const auto scribble = [](const std::string& f) { scribble_keeping_identity(f); };
+  const auto replace = [](const std::string& f) { replace_file(f); };
+  const auto wait_past_one_second = [](const std::string&) { std::this_thread::sleep_for(std::chrono::milliseconds(2100)); };
+  const Case cases[] = {
+      {"kept for the same file and PIN", nullptr, {{"1111", nullptr, SSF_OK, 0}, {"1111", scribble, SSF_OK, 0}}},
+      {"a wrong PIN after the right one", nullptr,
+       {{"1111", nullptr, SSF_OK, 0}, {"9731", nullptr, SSF_ERR_SIGNER, 25}, {"1111", nullptr, SSF_OK, 0}}},
+      {"the right PIN after a wrong one", nullptr, {{"9731", nullptr, SSF_ERR_SIGNER, 25}, {"1111", nullptr, SSF_OK, 0}}},
+      {"no PIN opens no kept key", nullptr, {{"1111", nullptr, SSF_OK, 0}, {"", scribble, SSF_ERR_SIGNER, 24}}},
+      {"a replaced file is read again", nullptr, {{"1111", nullptr, SSF_OK, 0}, {"1111", replace, SSF_ERR_SIGNER, 24}}},
+      {"cache off", "0", {{"1111", nullptr, SSF_OK, 0}, {"1111", scribble, SSF_ERR_SIGNER, 24}}},
+      {"an entry unused too long goes", "1",
+       {{"1111", nullptr, SSF_OK, 0}, {"1111", scribble, SSF_OK, 0}, {"1111", wait_past_one_second, SSF_ERR_SIGNER, 24}}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir dir;
+    std::filesystem::copy(w.local(), dir / "local", std::filesystem::copy_options::recursive);
+    const std::string key_file = dir / "local/Brelvantec/Certificates/My/01-alice.key";
+    auto env = w.env({{"BV_PLATFORM_LOCAL_APPDATA", dir / "local"}});
+    if (c.seconds != nullptr) env["BV_PLATFORM_KEY_CACHE_SECONDS"] = c.seconds;
+    const ChildResult child = run_isolated(env, [&] {
+      setsid();  // no terminal: a missing PIN is not asked for
+      for (size_t i = 0; i < c.steps.size(); ++i) {
+        const Step& step = c.steps[i];
+        if (step.before) step.before(key_file);
+        const Signed s = sign_once(alice, step.pin);
+        EXPECT_EQ(s.rc, step.rc) << "step " << i;
+        EXPECT_EQ(s.result, step.result) << "step " << i;
+      }
+    });
+    EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
+  }
+}
+
+// A forked child starts without the parent's keys; the parent keeps them.
+TEST(KeyCache, ForkedChildStartsEmpty) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir dir;
+  std::filesystem::copy(w.local(), dir / "local", std::filesystem::copy_options::recursive);
+  const std::string key_file = dir / "local/Brelvantec/Certificates/My/01-alice.key";
+  const ChildResult child = run_isolated(w.env({{"BV_PLATFORM_LOCAL_APPDATA", dir / "local"}}), [&] {
+    setsid();
+    ASSERT_EQ(sign_once("CN=Alice", "1111").rc, SSF_OK);
+    scribble_keeping_identity(key_file);
+    const pid_t pid = fork();
+    if (pid == 0) _exit(sign_once("CN=Alice", "1111").rc == SSF_ERR_SIGNER ? 0 : 1);
+    int status = -1;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the forked child signed with a kept key";
+    EXPECT_EQ(sign_once("CN=Alice", "1111").rc, SSF_OK);
+  });
+  EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
+}
+
+// Eight threads, three keys, one process: every message verifies.
+TEST(KeyCache, ThreadsSignWithSharedKeys) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir exchange;
+  const ChildResult child = run_isolated(w.env(), [&] {
+    setsid();
+    const std::pair<const char*, const char*> signers[] = {{"CN=Alice", "1111"}, {"CN=Bob", "2222"}, {"CN=Carol", ""}};
+    std::vector<std::thread> threads;
+    std::vector<std::string> messages(8);
+    for (size_t t = 0; t < messages.size(); ++t)
+      threads.emplace_back([&, t] {
+        for (int round = 0; round < 5; ++round) {
+          const auto& [id, pin] = signers[(t + static_cast<size_t>(round)) % 3];
+          const Signed s = sign_once(id, pin);
+          if (s.rc != SSF_OK) return;
+          messages[t] = s.message;
+        }
+      });
+    for (std::thread& thread : threads) thread.join();
+    for (size_t t = 0; t < messages.size(); ++t) write_file(exchange / std::to_string(t), messages[t]);
+  });
+  ASSERT_EQ(child.exit_code, 0) << child.stderr_text;
+  for (int t = 0; t < 8; ++t) {
+    std::string content, diagnostics;
+    EXPECT_EQ(openssl_cms_verify(read_file(exchange / std::to_string(t)), w.root.cert_pem, "", nullptr, &content,
+                                 &diagnostics),
+              0)
+        << t << ": " << diagnostics;
+    EXPECT_EQ(content, "data to be signed");
+  }
+}
+
+}  // namespace
+}  // namespace bv::test
