@@ -4,6 +4,7 @@
 #pragma once
 
 #include <stdexcept>
+#include <string>
 
 #include "atl.h"
 #include "bvsapssf_api.h"
@@ -41,6 +42,15 @@ Answer whole_export(Answer silent_answer, Body&& body) noexcept {
     BV_TRACE(TRACE_NORMAL, "#error#: %08x\n", GetLastError()); \
     ReportError(trace_file, __LINE__, -1);                    \
   } while (0)
+
+// "#info# SSFformat name ('...')." for a format name the host gave (a null
+// name has none to show), as the signed-message operations open.
+inline void trace_format_name(const char* trace_function, const char* strFormat, int32_t strFormatL) {
+  constexpr const char* trace_file = "ssfxxmain";
+  if (strFormatL <= 0 || strFormat == nullptr) return;
+  const std::string format_name(strFormat, static_cast<size_t>(strFormatL));
+  BV_TRACE(TRACE_NORMAL, "#info# SSFformat name ('%s').\n", format_name.c_str());
+}
 
 // The tail the CAtlException clause and the last clause share: the
 // operation's exception line if it has one, the last error, the failure

@@ -47,10 +47,7 @@ extern "C" SSF_RC SsfAddSign(const char* strFormat, int32_t strFormatL, const ch
     if (ostrSignedDataOut != nullptr) *ostrSignedDataOut = nullptr;
     if (ostrSignedDataOutL != nullptr) *ostrSignedDataOutL = 0;
     BV_TRACE_START();
-    if (strFormatL > 0 && strFormat != nullptr) {
-      const std::string format_name(strFormat, static_cast<size_t>(strFormatL));
-      BV_TRACE(TRACE_NORMAL, "#info# SSFformat name ('%s').\n", format_name.c_str());
-    }
+    bv::frame::trace_format_name(trace_function, strFormat, strFormatL);
 
     // 2, 3. The format; the name alone decides, "PKCS7_ANY" adds a plain signer.
     unsigned char isCades = 0;

@@ -57,10 +57,7 @@ extern "C" SSF_RC SsfSign(const char* strFormat, int32_t strFormatL, const char*
     if (ostrSignedData != nullptr) *ostrSignedData = nullptr;
     if (ostrSignedDataL != nullptr) *ostrSignedDataL = 0;
     BV_TRACE_START();
-    if (strFormatL > 0 && strFormat != nullptr) {
-      const std::string format_name(strFormat, static_cast<size_t>(strFormatL));
-      BV_TRACE(TRACE_NORMAL, "#info# SSFformat name ('%s').\n", format_name.c_str());
-    }
+    bv::frame::trace_format_name(trace_function, strFormat, strFormatL);
 
     // 2, 3. Format: a message format, or a bare signature.
     unsigned char isCades = 0;

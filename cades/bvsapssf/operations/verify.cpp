@@ -75,10 +75,7 @@ extern "C" SSF_RC SsfVerify(const char* strFormat, int32_t strFormatL, SSF_BOOL,
     // 1, 2. Banner, no output length yet, the format name.
     BV_TRACE_START();
     if (ostrOutputDataL != nullptr) *ostrOutputDataL = 0;
-    if (strFormatL > 0 && strFormat != nullptr) {
-      const std::string format_name(strFormat, static_cast<size_t>(strFormatL));
-      BV_TRACE(TRACE_NORMAL, "#info# SSFformat name ('%s').\n", format_name.c_str());
-    }
+    bv::frame::trace_format_name(trace_function, strFormat, strFormatL);
 
     // 3, 4. The format.
     unsigned char isCades = 0;
