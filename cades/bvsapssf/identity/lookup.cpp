@@ -102,6 +102,32 @@ bool IdentityMatches::next(HCERTSTORE store, const char* trace_function, SsfInfo
   }
 }
 
+SearchStep walk_to_signer(HCERTSTORE store, IdentityMatches& matches, const char* trace_function, SsfInfo* info,
+                          CMSG_SIGNER_ENCODE_INFO* encode, SignerCertList& certs, SignerWalk walk) {
+  bv::platform::CertContext cert;
+  while (matches.next(store, trace_function, info, cert)) {
+    if (config.VerifyCertOnSign != 0) {
+      DWORD status = 0;
+      const int32_t verified = VerifyCertificate(cert.get(), config.VerifyCertFlagsOnSelect, &status);
+      if (!certificate_status_acceptable(verified, status)) {
+        if (walk == SignerWalk::Sign)
+          BV_TRACE(TRACE_DETAIL, "#trace# Signer's certificate Not verified. Check result = 0x%x\n", status);
+        else
+          BV_TRACE(TRACE_DETAIL,
+                   "#trace# One of Signer's certificate found, but it isn't valid. Skipping... Check result = 0x%x\n",
+                   status);
+        continue;
+      }
+    }
+    BV_TRACE(TRACE_DETAIL, "#trace# One of Signer's certificate found. Trying to acquire private key.\n");
+    const SearchStep step = acquire_signer_key(trace_function, cert.get(), info, encode, certs,
+                                               walk == SignerWalk::Sign ? KeyLines::Trace : KeyLines::Info);
+    if (step == SearchStep::Found) cert.release();  // `certs` holds it now
+    if (step != SearchStep::NotFound) return step;
+  }
+  return SearchStep::NotFound;
+}
+
 SearchStep search_signer_certificate(const char* trace_function, SsfInfo* info, int index,
                                CMSG_SIGNER_ENCODE_INFO* encode, SignerSearch& search) {
   info->Result = SSF_RES_UNKNOWN;
@@ -148,24 +174,8 @@ SearchStep search_signer_certificate(const char* trace_function, SsfInfo* info, 
   }
 
   BV_TRACE(TRACE_DETAIL, "#trace# Search Signer's certificate.\n");
-  SearchStep step = SearchStep::NotFound;
-  bv::platform::CertContext cert;
-  while (matches.next(store.get(), trace_function, info, cert)) {
-    if (config.VerifyCertOnSign != 0) {
-      DWORD status = 0;
-      const int32_t verified = VerifyCertificate(cert.get(), config.VerifyCertFlagsOnSelect, &status);
-      if (!certificate_status_acceptable(verified, status)) {
-        BV_TRACE(TRACE_DETAIL, "#trace# Signer's certificate Not verified. Check result = 0x%x\n", status);
-        continue;
-      }
-    }
-
-    BV_TRACE(TRACE_DETAIL,
-             "#trace# One of Signer's certificate found. Trying to acquire private key.\n");
-    step = acquire_signer_key(trace_function, cert.get(), info, encode, search.certs);
-    if (step == SearchStep::Found) cert.release();  // the winners' list holds it now
-    if (step != SearchStep::NotFound) break;
-  }
+  const SearchStep step =
+      walk_to_signer(store.get(), matches, trace_function, info, encode, search.certs, SignerWalk::Sign);
 
   if (step == SearchStep::Found) {
     info->Result = SSF_RES_OK;

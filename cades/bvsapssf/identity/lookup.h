@@ -53,6 +53,16 @@ class IdentityMatches {
   std::vector<char> subject_;  // rendered subjects, reused between candidates
 };
 
+// Which operation walks a store for its signer: signing and adding a
+// signature word the policy's refusal and the key failures differently.
+enum class SignerWalk { Sign, AddSign };
+
+// Walks `store` for the first certificate `matches` names that passes the
+// chain policy (when VerifyCertOnSign is on) and whose key opens; on Found
+// `certs` owns it and `encode` is filled.  Trace lines carry `trace_function`.
+SearchStep walk_to_signer(HCERTSTORE store, IdentityMatches& matches, const char* trace_function, SsfInfo* info,
+                          CMSG_SIGNER_ENCODE_INFO* encode, SignerCertList& certs, SignerWalk walk);
+
 // State one signing call shares between its signers.
 struct SignerSearch {
   CRYPT_HASH_BLOB hash{0, nullptr};  // shared by all signers; freed once, after the last

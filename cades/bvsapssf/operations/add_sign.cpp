@@ -13,7 +13,6 @@
 #include "crypt32/cert.h"
 #include "crypt32/msg.h"
 #include "frame.h"
-#include "identity/chain_policy.h"
 #include "identity/identity.h"
 #include "identity/lookup.h"
 #include "identity/names.h"
@@ -183,39 +182,19 @@ extern "C" SSF_RC SsfAddSign(const char* strFormat, int32_t strFormatL, const ch
       // 19, 20. The first certificate of the store that passes the policy
       // and opens its key.
       BV_TRACE(TRACE_DETAIL, "#trace# Search Signer's certificate.\n");
-      bool found = false;
-      bv::platform::CertContext cert;
-      while (matches.next(store.get(), trace_function, signer, cert)) {
-        if (config.VerifyCertOnSign != 0) {
-          DWORD status = 0;
-          const int32_t verified = VerifyCertificate(cert.get(), config.VerifyCertFlagsOnSelect, &status);
-          if (!certificate_status_acceptable(verified, status)) {
-            BV_TRACE(TRACE_DETAIL,
-                     "#trace# One of Signer's certificate found, but it isn't valid. Skipping... Check result = 0x%x\n",
-                     status);
-            continue;
-          }
-        }
-        BV_TRACE(TRACE_DETAIL, "#trace# One of Signer's certificate found. Trying to acquire private key.\n");
-        const SearchStep step =
-            acquire_signer_key(trace_function, cert.get(), signer, &SignerEncodeInfo, state.signer, KeyLines::Info);
-        if (step == SearchStep::CallEnds) {
-          // A PIN no text can have ends the call as an unexpected failure.
-          SetLastError(static_cast<DWORD>(E_UNEXPECTED));
-          return bv::frame::shared_tail(trace_function, nullptr);
-        }
-        if (step == SearchStep::Found) {
-          cert.release();  // the call's state holds it now
-          found = true;
-          break;
-        }
+      const SearchStep step = walk_to_signer(store.get(), matches, trace_function, signer, &SignerEncodeInfo,
+                                             state.signer, SignerWalk::AddSign);
+      if (step == SearchStep::CallEnds) {
+        // A PIN no text can have ends the call as an unexpected failure.
+        SetLastError(static_cast<DWORD>(E_UNEXPECTED));
+        return bv::frame::shared_tail(trace_function, nullptr);
       }
 
       // 21, 22.
       std::free(state.hash.blob.pbData);
       state.hash.blob.pbData = nullptr;
       store.reset();
-      if (!found) {
+      if (step != SearchStep::Found) {
         BV_TRACE(TRACE_NORMAL, "#error#: Signer's certificate with supplied pin code not found\n");
         BV_TRACE_FAILURE();
         return SSF_ERR_SIGNER;
