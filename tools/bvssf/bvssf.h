@@ -32,7 +32,27 @@ const Library& library();
 // "SSF_OK", "SSF_ERR_FORMAT", ... or the number for an unknown code.
 std::string rc_name(SSF_RC rc);
 
-std::string read_file(const std::string& path);  // exits with a message if unreadable
+// An input file's bytes: a regular file is mapped, so a large input costs
+// no copy of its own (its pages are the page cache's); anything else (a
+// pipe, a device) is read.  An empty path is an empty input.  Exits with a
+// message if unreadable.
+class InputFile {
+ public:
+  explicit InputFile(const std::string& path);
+  ~InputFile();
+  InputFile(const InputFile&) = delete;
+  InputFile& operator=(const InputFile&) = delete;
+
+  const char* data() const { return data_; }
+  size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+
+ private:
+  const char* data_ = "";
+  size_t size_ = 0;
+  void* mapping_ = nullptr;
+  std::string read_;
+};
 void write_file(const std::string& path, const unsigned char* data, uint32_t length);
 
 // A record as the commands take it: ID[:PROFILE[:PIN]].  The PIN is the

@@ -11,7 +11,7 @@ using Convert = decltype(&::SsfEncode);
 int convert(Convert function, const std::vector<std::string>& args) {
   if (args.size() != 3) return 2;
   const std::string& format = args[0];
-  const std::string input = bvssf::read_file(args[1]);
+  const bvssf::InputFile input(args[1]);
   unsigned char* output = nullptr;
   uint32_t length = 0;
   const SSF_RC rc =

@@ -17,7 +17,7 @@ int digest(const std::vector<std::string>& args) {
   if (positional.size() != 4) return 2;
   const std::string& format = positional[0];
   const std::string& hash = positional[1];
-  const std::string input = bvssf::read_file(positional[2]);
+  const bvssf::InputFile input(positional[2]);
 
   const auto& lib = bvssf::library();
   unsigned char* output = nullptr;

@@ -25,7 +25,7 @@ int envelope(const std::vector<std::string>& args) {
   const auto& lib = bvssf::library();
   const std::string& format = positional[0];
   const std::string& algorithm = positional[1];
-  const std::string input = bvssf::read_file(positional[2]);
+  const bvssf::InputFile input(positional[2]);
 
   SsfInfoNode* list = nullptr;
   std::vector<SsfInfo*> records;
@@ -70,7 +70,7 @@ int develope(const std::vector<std::string>& args) {
   }
   const auto& lib = bvssf::library();
   const std::string& format = positional[0];
-  const std::string message = bvssf::read_file(positional[1]);
+  const bvssf::InputFile message(positional[1]);
   SsfInfoNode* list = nullptr;
   SsfInfo* record = nullptr;
   SSF_RC rc = bvssf::add_record(bvssf::parse_record(recipient_arg), &list, &record);

@@ -30,7 +30,7 @@ int sign(const std::vector<std::string>& args) {
   }
   const auto& lib = bvssf::library();
   const std::string& format = positional[0];
-  const std::string input = bvssf::read_file(positional[1]);
+  const bvssf::InputFile input(positional[1]);
 
   SsfInfoNode* list = nullptr;
   std::vector<SsfInfo*> records;
@@ -76,8 +76,8 @@ int verify(const std::vector<std::string>& args) {
   }
   const auto& lib = bvssf::library();
   const std::string& format = positional[0];
-  const std::string message = bvssf::read_file(positional[1]);
-  const std::string content = content_file.empty() ? std::string() : bvssf::read_file(content_file);
+  const bvssf::InputFile message(positional[1]);
+  const bvssf::InputFile content(content_file);
   SsfInfoNode* list = nullptr;
   unsigned char* out = nullptr;
   uint32_t out_length = 0;
@@ -129,8 +129,8 @@ int add_sign(const std::vector<std::string>& args) {
   }
   const auto& lib = bvssf::library();
   const std::string& format = positional[0];
-  const std::string message = bvssf::read_file(positional[1]);
-  const std::string content = content_file.empty() ? std::string() : bvssf::read_file(content_file);
+  const bvssf::InputFile message(positional[1]);
+  const bvssf::InputFile content(content_file);
   SsfInfoNode* list = nullptr;
   SsfInfo* record = nullptr;
   SSF_RC rc = bvssf::add_record(bvssf::parse_record(signer_arg), &list, &record);

@@ -1,6 +1,10 @@
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -80,16 +84,36 @@ std::string rc_name(SSF_RC rc) {
   }
 }
 
-// Read straight into a string of the file's size: a large input is held
-// once, not twice as a stream's buffer and its copy.
-std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary | std::ios::ate);
-  if (!in) die("cannot read " + path);
-  const std::streamoff size = in.tellg();
-  std::string text(size > 0 ? static_cast<size_t>(size) : 0, '\0');
-  in.seekg(0);
-  if (!in.read(text.data(), static_cast<std::streamsize>(text.size()))) die("cannot read " + path);
-  return text;
+InputFile::InputFile(const std::string& path) {
+  if (path.empty()) return;
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) die("cannot read " + path + ": " + std::strerror(errno));
+  struct stat info {};
+  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0) {
+    void* mapping = mmap(nullptr, static_cast<size_t>(info.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
+    if (mapping != MAP_FAILED) {
+      mapping_ = mapping;
+      data_ = static_cast<const char*>(mapping);
+      size_ = static_cast<size_t>(info.st_size);
+      close(fd);
+      return;
+    }
+  }
+  char buffer[65536];
+  for (;;) {
+    const ssize_t got = read(fd, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) die("cannot read " + path + ": " + std::strerror(errno));
+    if (got == 0) break;
+    read_.append(buffer, static_cast<size_t>(got));
+  }
+  close(fd);
+  data_ = read_.data();
+  size_ = read_.size();
+}
+
+InputFile::~InputFile() {
+  if (mapping_ != nullptr) munmap(mapping_, size_);
 }
 
 void write_file(const std::string& path, const unsigned char* data, uint32_t length) {
