@@ -73,7 +73,9 @@ BOOL CryptAcquireCertificatePrivateKey(PCCERT_CONTEXT pCert, DWORD dwFlags, void
   // from the key cache; anything else is read.
   key_cache::FileIdentity file;
   const bool identified = key_cache::identity_of(key_path, file);
-  bv::ossl::UniquePtr<EVP_PKEY> key = identified ? key_cache::find(file, pin_given ? &pin : nullptr) : nullptr;
+  bv::ossl::UniquePtr<EVP_PKEY> key =
+      identified ? key_cache::find(file, pin_given ? &pin : nullptr, X509_get0_pubkey(element->parsed->x509.get()))
+                 : nullptr;
   KeyFileResult opened = KeyFileResult::kOpened;
   if (!key) {
     opened = read_key_file(key_path, pin_given ? &pin : nullptr, key);

@@ -21,6 +21,8 @@ namespace {
 constexpr size_t kSlots = 16;
 constexpr size_t kMaxEncoding = 960;  // a GOST key's PKCS #8 takes 100 to 200 bytes
 constexpr size_t kMacSize = 32;
+constexpr size_t kMaxScalar = 64;  // GOST R 34.10-2012 512-bit
+constexpr size_t kMaxPoint = 1 + 2 * kMaxScalar;
 
 struct Slot {
   bool used;
@@ -29,6 +31,11 @@ struct Slot {
   int64_t last_used;  // monotonic seconds
   uint32_t length;
   unsigned char encoding[kMaxEncoding];
+  // The same key as scalar and public point, so that a key whose
+  // certificate has that point is made without recomputing it.
+  uint32_t scalar_length, point_length;
+  unsigned char scalar[kMaxScalar];
+  unsigned char point[kMaxPoint];
 };
 
 // All of it lives in the locked pages.  A forked child gets them zeroed: no
@@ -113,7 +120,8 @@ bool pin_mac(Region& region, const std::string* pin, unsigned char* mac) {
   unsigned char tagged[kMacSize];
   if (HMAC(EVP_sha256(), region.mac_key, kMacSize, data, size, tagged, &length) == nullptr || length != kMacSize)
     return false;
-  // A PIN of one zero byte and no PIN must differ: the tag's first byte says which.
+  // A PIN of one zero byte and no PIN must differ: the tag's first byte says
+  // which.
   tagged[0] ^= pin != nullptr ? 0x01 : 0x00;
   std::memcpy(mac, tagged, kMacSize);
   return true;
@@ -131,11 +139,15 @@ bool identity_of(const std::string& path, FileIdentity& identity) {
   return true;
 }
 
-bv::ossl::UniquePtr<EVP_PKEY> find(const FileIdentity& file, const std::string* pin) {
+bv::ossl::UniquePtr<EVP_PKEY> find(const FileIdentity& file, const std::string* pin, EVP_PKEY* certificate_key) {
   const Cache& c = cache();
   if (c.region == nullptr) return nullptr;
+  unsigned char wanted_point[kMaxPoint];
+  const size_t wanted_length = public_point(certificate_key, wanted_point, sizeof wanted_point);
   unsigned char encoding[kMaxEncoding];
   uint32_t length = 0;
+  unsigned char scalar[kMaxScalar];
+  uint32_t scalar_length = 0;
   {
     Locked locked(*c.region);
     unsigned char mac[kMacSize];
@@ -150,15 +162,26 @@ bv::ossl::UniquePtr<EVP_PKEY> find(const FileIdentity& file, const std::string* 
       if (length == 0 && same_file(slot.file, file) && CRYPTO_memcmp(slot.pin_mac, mac, kMacSize) == 0) {
         std::memcpy(encoding, slot.encoding, slot.length);
         length = slot.length;
+        if (wanted_length != 0 && slot.scalar_length != 0 && slot.point_length == wanted_length &&
+            std::memcmp(slot.point, wanted_point, wanted_length) == 0) {
+          std::memcpy(scalar, slot.scalar, slot.scalar_length);
+          scalar_length = slot.scalar_length;
+        }
         slot.last_used = now;
       }
     }
   }
   if (length == 0) return nullptr;
-  const unsigned char* cursor = encoding;
-  bv::ossl::UniquePtr<PKCS8_PRIV_KEY_INFO> info(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &cursor, static_cast<long>(length)));
+  bv::ossl::UniquePtr<EVP_PKEY> key;
+  if (scalar_length != 0) key.reset(key_from_scalar(certificate_key, scalar, scalar_length));
+  OPENSSL_cleanse(scalar, sizeof scalar);
+  if (!key) {
+    const unsigned char* cursor = encoding;
+    bv::ossl::UniquePtr<PKCS8_PRIV_KEY_INFO> info(d2i_PKCS8_PRIV_KEY_INFO(nullptr, &cursor, static_cast<long>(length)));
+    key.reset(key_of(info.get()));
+  }
   OPENSSL_cleanse(encoding, length);
-  return bv::ossl::UniquePtr<EVP_PKEY>(key_of(info.get()));
+  return key;
 }
 
 void keep(const FileIdentity& file, const std::string* pin, EVP_PKEY* key) {
@@ -190,6 +213,9 @@ void keep(const FileIdentity& file, const std::string* pin, EVP_PKEY* key) {
       chosen->last_used = now_seconds();
       chosen->length = static_cast<uint32_t>(length);
       std::memcpy(chosen->encoding, encoding, static_cast<size_t>(length));
+      chosen->point_length = static_cast<uint32_t>(public_point(key, chosen->point, kMaxPoint));
+      chosen->scalar_length =
+          chosen->point_length != 0 ? static_cast<uint32_t>(private_scalar(key, chosen->scalar, kMaxScalar)) : 0;
     }
   }
   if (encoding != nullptr) OPENSSL_clear_free(encoding, static_cast<size_t>(length));

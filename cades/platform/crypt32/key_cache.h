@@ -3,8 +3,8 @@
 // (device, inode, size, modification time) and a keyed hash of the PIN it
 // opened with, never the PIN itself: another PIN or a changed file misses and
 // takes the whole way, where a wrong PIN is refused as always.  Entries hold
-// the key's PKCS #8 encoding in memory that is locked, kept out of core
-// dumps and wiped in a forked child; an entry unused for
+// the key (PKCS #8, and as scalar and point) in memory that is locked, kept out
+// of core dumps and wiped in a forked child; an entry unused for
 // BV_PLATFORM_KEY_CACHE_SECONDS (default 300; 0: no cache) is wiped at the
 // next key opening.
 #pragma once
@@ -29,8 +29,10 @@ struct FileIdentity {
 bool identity_of(const std::string& path, FileIdentity& identity);
 
 // The key opened from that file with `pin` (null: without one) earlier in
-// this process; null when there is none.
-bv::ossl::UniquePtr<EVP_PKEY> find(const FileIdentity& file, const std::string* pin);
+// this process; null when there is none.  When `certificate_key` (may be
+// null) has the kept key's public point, the key is made from its scalar
+// and that point, the quick way.
+bv::ossl::UniquePtr<EVP_PKEY> find(const FileIdentity& file, const std::string* pin, EVP_PKEY* certificate_key);
 
 // Keeps `key`, just opened from that file with `pin`.
 void keep(const FileIdentity& file, const std::string* pin, EVP_PKEY* key);

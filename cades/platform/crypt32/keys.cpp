@@ -5,6 +5,7 @@
 #include "crypt32/keys.h"
 
 #include <fcntl.h>
+#include <openssl/ec.h>
 #include <openssl/pem.h>
 #include <openssl/provider.h>
 #include <sys/stat.h>
@@ -77,7 +78,6 @@ OSSL_LIB_CTX* context_without_decoders() {
   }();
   return context;
 }
-
 
 // The DER inside a PEM key file, and whether its label says it is encrypted;
 // empty for anything that is not one PEM block.
@@ -155,6 +155,55 @@ bool write_key_file(const std::string& path, EVP_PKEY* key, const std::string& p
   const int error = replace_file(path, std::string_view(data, static_cast<size_t>(length)), 0600);
   if (error != 0) return bv::ossl::fail(error == EACCES ? ERROR_ACCESS_DENIED : CRYPT_E_FILE_ERROR);
   return true;
+}
+
+namespace {
+// The EC_KEY of a GOST key (the engine's keys are of the legacy kind, whose
+// EC_KEY can be reached); null for any other key.
+const EC_KEY* gost_ec_key(EVP_PKEY* key) {
+  if (key == nullptr) return nullptr;
+  const int id = EVP_PKEY_get_base_id(key);
+  if (id != NID_id_GostR3410_2001 && id != NID_id_GostR3410_2012_256 && id != NID_id_GostR3410_2012_512)
+    return nullptr;
+  const auto* ec = static_cast<const EC_KEY*>(EVP_PKEY_get0(key));
+  ERR_clear_error();
+  return ec;
+}
+}  // namespace
+
+size_t private_scalar(EVP_PKEY* key, unsigned char* out, size_t capacity) {
+  const EC_KEY* ec = gost_ec_key(key);
+  const BIGNUM* scalar = ec != nullptr ? EC_KEY_get0_private_key(ec) : nullptr;
+  if (scalar == nullptr || static_cast<size_t>(BN_num_bytes(scalar)) > capacity) return 0;
+  return static_cast<size_t>(BN_bn2bin(scalar, out));
+}
+
+size_t public_point(EVP_PKEY* key, unsigned char* out, size_t capacity) {
+  const EC_KEY* ec = gost_ec_key(key);
+  const EC_POINT* point = ec != nullptr ? EC_KEY_get0_public_key(ec) : nullptr;
+  const size_t length =
+      point != nullptr
+          ? EC_POINT_point2oct(EC_KEY_get0_group(ec), point, POINT_CONVERSION_UNCOMPRESSED, out, capacity, nullptr)
+          : 0;
+  ERR_clear_error();
+  return length;
+}
+
+EVP_PKEY* key_from_scalar(EVP_PKEY* public_key, const unsigned char* scalar, size_t length) {
+  const EC_KEY* public_ec = gost_ec_key(public_key);
+  if (public_ec == nullptr) return nullptr;
+  // The engine's parameter copy gives the new key its EC_KEY and group.
+  bv::ossl::UniquePtr<EVP_PKEY> key(EVP_PKEY_new());
+  bv::ossl::UniquePtr<BIGNUM> private_value(BN_secure_new());
+  EC_KEY* ec = nullptr;
+  const bool made = key && private_value && EVP_PKEY_copy_parameters(key.get(), public_key) == 1 &&
+                    (ec = static_cast<EC_KEY*>(EVP_PKEY_get0(key.get()))) != nullptr &&
+                    BN_bin2bn(scalar, static_cast<int>(length), private_value.get()) != nullptr &&
+                    EC_KEY_set_private_key(ec, private_value.get()) == 1 &&
+                    EC_KEY_set_public_key(ec, EC_KEY_get0_public_key(public_ec)) == 1;
+  if (private_value) BN_clear(private_value.get());
+  ERR_clear_error();
+  return made ? key.release() : nullptr;
 }
 
 bool key_matches_certificate(EVP_PKEY* key, X509* certificate) {

@@ -56,6 +56,19 @@ KeyFileResult read_key_file(const std::string& path, const std::string* pin, bv:
 // decoders; null for none.
 EVP_PKEY* key_of(const PKCS8_PRIV_KEY_INFO* info);
 
+// The elliptic-curve parts of a key (the GOST keys): its private scalar,
+// big-endian, and its public point, uncompressed.  Each returns the length
+// written into `out`, 0 for another kind of key or too small a buffer.
+size_t private_scalar(EVP_PKEY* key, unsigned char* out, size_t capacity);
+size_t public_point(EVP_PKEY* key, unsigned char* out, size_t capacity);
+
+// The key made of `scalar` and the group and public point of `public_key`
+// (a certificate's), without computing the point from the scalar again:
+// the GOST engine's own conversion does, and that is most of the cost of
+// turning a kept key back into one.  The caller has proven the two belong
+// together.  Null when `public_key` is not an elliptic-curve key.
+EVP_PKEY* key_from_scalar(EVP_PKEY* public_key, const unsigned char* scalar, size_t length);
+
 // Writes `key` as PKCS #8 PEM to `path` (mode 0600, atomically), encrypted
 // with `pin` when it is not empty.
 bool write_key_file(const std::string& path, EVP_PKEY* key, const std::string& pin);
