@@ -93,7 +93,9 @@ class ChainTest : public ::testing::Test {
   // The chain of `cert` as a context of the user's My store, open while the
   // chain is built, as a caller's store is.
   Chain build(X509* cert, DWORD flags, const BuildOptions& options = {}) {
-    stores.put("My", "end.cer", cert);
+    // Written only when it changes: writing drops the stores' cache, and
+    // with it any verdict kept from an earlier build.
+    if (read_file(stores.store("My") + "/end.cer") != der_of(cert)) stores.put("My", "end.cer", cert);
     HCERTSTORE my = CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_CURRENT_USER, u"My");
     PCCERT_CONTEXT context = CertEnumCertificatesInStore(my, nullptr);
     CERT_CHAIN_PARA para{sizeof para, options.usage};
@@ -273,6 +275,24 @@ TEST_F(ChainTest, CacheOnlyUsesWhatWasFetchedBefore) {
     EXPECT_EQ(build(cert.get(), kExcludeRoot | cache_only).status(), 0u);
   }
   EXPECT_EQ(server.requests(), 2);
+}
+
+TEST_F(ChainTest, VerdictKeptUntilTheStoresOrTheRevocationCacheChange) {
+  install_hierarchy();
+  install_crls();
+  UniquePtr<X509> cert = end_cert();
+  const Chain first = build(cert.get(), kExcludeRoot);
+  ASSERT_EQ(first.status(), 0u);
+  // A kept verdict gives back its issuers' contexts; a chain built anew has new ones.
+  EXPECT_EQ(build(cert.get(), kExcludeRoot).element(1)->pCertContext, first.element(1)->pCertContext);
+  EXPECT_NE(build(cert.get(), CERT_CHAIN_REVOCATION_CHECK_CHAIN).element(1)->pCertContext,
+            first.element(1)->pCertContext);
+  // The CA's CRL replaced in place, with nobody telling the stores.
+  write_file(stores.store("CA") + "/ca.crl", der_of(issue_crl(ca.get(), ca_key.get(), {0x100}).get()));
+  const Chain revoked = build(cert.get(), kExcludeRoot);
+  EXPECT_EQ(revoked.status(), CERT_TRUST_IS_REVOKED);
+  bv::platform::revocation::clear_cache();
+  EXPECT_NE(build(cert.get(), kExcludeRoot).element(1)->pCertContext, revoked.element(1)->pCertContext);
 }
 
 TEST_F(ChainTest, UsageDistrustAndTime) {

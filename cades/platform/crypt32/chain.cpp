@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <limits>
 #include <mutex>
 #include <new>
 #include <set>
@@ -65,9 +66,7 @@ bool time_valid(X509* cert, time_t at) {
   return X509_cmp_time(X509_get0_notBefore(cert), &at) <= 0 && X509_cmp_time(X509_get0_notAfter(cert), &at) >= 0;
 }
 
-bool self_issued(X509* cert) {
-  return X509_NAME_cmp(X509_get_subject_name(cert), X509_get_issuer_name(cert)) == 0;
-}
+bool self_issued(X509* cert) { return X509_NAME_cmp(X509_get_subject_name(cert), X509_get_issuer_name(cert)) == 0; }
 
 // A certificate the builder may put into a chain.
 struct Candidate {
@@ -90,6 +89,7 @@ struct Pool {
   std::unordered_set<std::string> known, anchors, distrusted;  // SHA-1 of the certificates
   std::unordered_multimap<unsigned long, size_t> by_subject;
   std::vector<UniquePtr<X509_CRL>> crls;
+  std::vector<bv::platform::StoreVersion> versions;  // of the system stores read, in the order read
 
   void add(UniquePtr<X509> cert, bool trusted) {
     const std::string id = sha1_of(cert.get());
@@ -105,7 +105,8 @@ struct Pool {
   }
   void add_system_store(const char* name, DWORD location, bool roots) {
     bv::platform::StoreObjects objects;
-    if (!bv::platform::read_system_store(name, location, objects)) return;
+    versions.emplace_back();
+    if (!bv::platform::read_system_store(name, location, objects, &versions.back())) return;
     for (auto& cert : objects.certificates) {
       const bool anchor = roots && self_issued(cert.get());
       add(std::move(cert), anchor);
@@ -114,7 +115,8 @@ struct Pool {
   }
   void add_distrusted(DWORD location) {
     bv::platform::StoreObjects objects;
-    if (bv::platform::read_system_store("Disallowed", location, objects))
+    versions.emplace_back();
+    if (bv::platform::read_system_store("Disallowed", location, objects, &versions.back()))
       for (auto& cert : objects.certificates) distrusted.insert(sha1_of(cert.get()));
   }
   // Candidates whose subject may be `name`, in the order they were added.
@@ -148,8 +150,8 @@ PCCERT_CONTEXT context_of(X509* cert) {
   unsigned char* der = nullptr;
   const int length = i2d_X509(cert, &der);
   if (length <= 0) return nullptr;
-  PCCERT_CONTEXT context = CertCreateCertificateContext(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, der,
-                                                        static_cast<DWORD>(length));
+  PCCERT_CONTEXT context =
+      CertCreateCertificateContext(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, der, static_cast<DWORD>(length));
   OPENSSL_free(der);
   return context;
 }
@@ -202,10 +204,185 @@ DWORD name_constraint_bits(int error) {
   }
 }
 
+// What a chain came to, besides its end certificate's own context.
+struct ChainVerdict {
+  ChainVerdict() = default;
+  ChainVerdict(const ChainVerdict&) = delete;
+  ChainVerdict& operator=(const ChainVerdict&) = delete;
+  ~ChainVerdict() {
+    for (PCCERT_CONTEXT issuer : issuers) CertFreeCertificateContext(issuer);
+  }
+
+  struct Revocation {
+    bool checked = false;
+    DWORD error = 0;
+    time_t this_update = 0;
+  };
+  std::vector<PCCERT_CONTEXT> issuers;  // elements 1.., owned
+  std::vector<DWORD> errors, infos;     // per element
+  std::vector<Revocation> revocations;  // per element
+  DWORD chain_errors = 0;
+};
+
+// The stores the engine reads for a chain, in the order the pool reads them.
+std::vector<bv::platform::StoreVersion> store_versions(const std::vector<DWORD>& locations) {
+  std::vector<bv::platform::StoreVersion> versions;
+  for (const char* name : {"Root", "CA", "Disallowed"})
+    for (DWORD location : locations) versions.push_back(bv::platform::system_store_version(name, location));
+  return versions;
+}
+
+// Chains built at "now" kept between calls: a burst of signatures by one
+// signer checks its chain once.  A verdict holds while the stores it was
+// built from are unchanged, the revocation cache was not cleared, and until
+// the first moment a certificate's validity or a deciding CRL's or OCSP
+// answer's validity ends.
+class VerdictCache {
+ public:
+  struct Entry {
+    std::shared_ptr<const ChainVerdict> verdict;
+    std::vector<bv::platform::StoreVersion> versions;
+    unsigned revocation_generation = 0;
+    time_t until = 0;
+  };
+
+  std::shared_ptr<const ChainVerdict> find(const std::string& key, const std::vector<DWORD>& locations, time_t now) {
+    std::shared_ptr<const ChainVerdict> found;
+    std::vector<bv::platform::StoreVersion> versions;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      const auto it = entries_.find(key);
+      if (it == entries_.end()) return nullptr;
+      if (now >= it->second.until || it->second.revocation_generation != revocation::cache_generation()) {
+        entries_.erase(it);
+        return nullptr;
+      }
+      found = it->second.verdict;
+      versions = it->second.versions;
+    }
+    // Looking at the stores may read them again: done outside the lock.
+    return store_versions(locations) == versions ? found : nullptr;
+  }
+
+  void keep(const std::string& key, Entry entry) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (entries_.size() >= kMaxEntries) entries_.clear();
+    entries_[key] = std::move(entry);
+  }
+
+ private:
+  static constexpr size_t kMaxEntries = 1024;
+  std::mutex mutex_;
+  std::unordered_map<std::string, Entry> entries_;
+};
+
+VerdictCache& verdict_cache() {
+  static auto* cache = new VerdictCache;  // outlives static destructors of other units
+  return *cache;
+}
+
 time_t time_from_filetime(const FILETIME& time) {
   const uint64_t ticks = (static_cast<uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
   constexpr uint64_t kUnixEpoch = 116444736000000000ull;  // 1970-01-01 in 100 ns units since 1601
   return ticks < kUnixEpoch ? 0 : static_cast<time_t>((ticks - kUnixEpoch) / 10000000ull);
+}
+
+std::string verdict_key(const bv::platform::ParsedCertificate& cert, DWORD flags, bool machine_only,
+                        const CERT_USAGE_MATCH& usage) {
+  std::string key(reinterpret_cast<const char*>(cert.sha1), sizeof cert.sha1);
+  const DWORD numbers[] = {flags, machine_only ? 1u : 0u, usage.dwType, usage.Usage.cUsageIdentifier};
+  key.append(reinterpret_cast<const char*>(numbers), sizeof numbers);
+  for (DWORD i = 0; i < usage.Usage.cUsageIdentifier; ++i) {
+    const char* oid = usage.Usage.rgpszUsageIdentifier[i];
+    key.append(oid != nullptr ? oid : "").push_back('\0');
+  }
+  return key;
+}
+
+// Until when a verdict reached at `at` holds: the first change of a
+// certificate's validity, the end of each deciding CRL's or OCSP answer's
+// validity.  `at` or earlier when it must not be kept at all: an answer
+// that could not be had may come next time, and an answer without a next
+// update from outside the stores has no known end.
+time_t verdict_lifetime(const std::vector<UniquePtr<X509>>& chain, const std::vector<revocation::Result>& revocations,
+                        const std::vector<bool>& checked, time_t at) {
+  time_t until = std::numeric_limits<time_t>::max();
+  for (const auto& cert : chain) {
+    const time_t not_before = bv::ossl::unix_time_of(X509_get0_notBefore(cert.get()));
+    const time_t not_after = bv::ossl::unix_time_of(X509_get0_notAfter(cert.get()));
+    if (at < not_before)
+      until = std::min(until, not_before);
+    else if (at <= not_after)
+      until = std::min(until, not_after + 1);
+  }
+  for (size_t i = 0; i < revocations.size(); ++i) {
+    if (!checked[i]) continue;
+    const revocation::Result& result = revocations[i];
+    switch (result.verdict) {
+      case revocation::Verdict::offline:
+        return at;
+      case revocation::Verdict::unknown:
+        break;
+      case revocation::Verdict::good:
+      case revocation::Verdict::revoked:
+        if (result.next_update != 0)
+          until = std::min(until, result.next_update);
+        else if (result.source != revocation::Source::store_crl && result.verdict == revocation::Verdict::good)
+          return at;
+        break;
+    }
+  }
+  return until;
+}
+
+// The context for the caller: one simple chain of the end certificate's
+// context and the verdict's issuers.
+BOOL make_chain_context(PCCERT_CONTEXT end, const ChainVerdict& verdict, DWORD flags,
+                        PCCERT_CHAIN_CONTEXT* chain_context) {
+  std::unique_ptr<ChainObject> object(new (std::nothrow) ChainObject);
+  if (!object) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return FALSE;
+  }
+  const size_t count = verdict.errors.size();
+  object->elements.resize(count);
+  object->element_pointers.resize(count);
+  object->revocation_infos.resize(count);
+  DWORD simple_errors = verdict.chain_errors, simple_infos = CERT_TRUST_HAS_PREFERRED_ISSUER;
+  const time_t now = std::time(nullptr);
+  for (size_t i = 0; i < count; ++i) {
+    CERT_CHAIN_ELEMENT& element = object->elements[i];
+    element.cbSize = sizeof(CERT_CHAIN_ELEMENT);
+    element.pCertContext = CertDuplicateCertificateContext(i == 0 ? end : verdict.issuers[i - 1]);
+    element.TrustStatus.dwErrorStatus = verdict.errors[i];
+    element.TrustStatus.dwInfoStatus = verdict.infos[i];
+    const ChainVerdict::Revocation& revocation = verdict.revocations[i];
+    if (revocation.checked) {
+      CERT_REVOCATION_INFO& info = object->revocation_infos[i];
+      info.cbSize = sizeof(CERT_REVOCATION_INFO);
+      info.dwRevocationResult = revocation.error;
+      info.fHasFreshnessTime = revocation.this_update != 0;
+      info.dwFreshnessTime =
+          info.fHasFreshnessTime && now > revocation.this_update ? static_cast<DWORD>(now - revocation.this_update) : 0;
+      element.pRevocationInfo = &info;
+    }
+    object->element_pointers[i] = &element;
+    simple_errors |= verdict.errors[i];
+    simple_infos &= verdict.infos[i];
+  }
+  object->simple.cbSize = sizeof(CERT_SIMPLE_CHAIN);
+  object->simple.TrustStatus.dwErrorStatus = simple_errors;
+  object->simple.TrustStatus.dwInfoStatus = simple_infos & CERT_TRUST_HAS_PREFERRED_ISSUER;
+  object->simple.cElement = static_cast<DWORD>(count);
+  object->simple.rgpElement = object->element_pointers.data();
+  object->simple_pointer = &object->simple;
+  object->context.cbSize = sizeof(CERT_CHAIN_CONTEXT);
+  object->context.TrustStatus = object->simple.TrustStatus;
+  object->context.cChain = 1;
+  object->context.rgpChain = &object->simple_pointer;
+  object->context.dwCreateFlags = flags;
+  *chain_context = &object.release()->context;
+  return TRUE;
 }
 
 }  // namespace
@@ -225,19 +402,33 @@ BOOL CertGetCertificateChain(HCERTCHAINENGINE hChainEngine, PCCERT_CONTEXT pCert
   bv::ossl::gost_engine();  // GOST public keys of the certificates need it
   const time_t at = pTime != nullptr ? time_from_filetime(*pTime) : std::time(nullptr);
 
-  // 2. What the engine knows: trust anchors of the Root stores, the
-  //    additional store, the CA stores, the certificate's own store.
   const bool machine_only = hChainEngine == HCCE_LOCAL_MACHINE || (dwFlags & CERT_CHAIN_USE_LOCAL_MACHINE_STORE) != 0;
   std::vector<DWORD> locations;
   if (!machine_only) locations.push_back(CERT_SYSTEM_STORE_CURRENT_USER);
   locations.push_back(CERT_SYSTEM_STORE_LOCAL_MACHINE);
+
+  // 2. The verdict of an earlier call for this certificate, these flags and
+  //    usage, when nothing it depends on changed since.  Only chains for
+  //    now from the system stores alone are kept.
+  const bv::platform::ParsedCertificate* parsed = bv::platform::parsed_certificate(pCertContext);
+  const std::string key = pTime == nullptr && hAdditionalStore == nullptr && parsed != nullptr
+                              ? verdict_key(*parsed, dwFlags, machine_only, pChainPara->RequestedUsage)
+                              : std::string();
+  if (!key.empty()) {
+    if (auto kept = verdict_cache().find(key, locations, at))
+      return make_chain_context(pCertContext, *kept, dwFlags, ppChainContext);
+  }
+
+  // 3. What the engine knows: trust anchors of the Root stores, the
+  //    additional store, the CA stores, the certificate's own store.
+  const unsigned revocation_generation = revocation::cache_generation();
   Pool pool;
   for (DWORD location : locations) pool.add_system_store("Root", location, /*roots=*/true);
   pool.add_store(hAdditionalStore);
   for (DWORD location : locations) pool.add_system_store("CA", location, /*roots=*/false);
   for (DWORD location : locations) pool.add_distrusted(location);
 
-  // 3. Build upwards: at each step the best issuer that isn't in the chain
+  // 4. Build upwards: at each step the best issuer that isn't in the chain
   //    yet, until a self-signed certificate or nobody is found.
   X509_up_ref(end_cert);
   std::vector<UniquePtr<X509>> chain;
@@ -298,8 +489,8 @@ BOOL CertGetCertificateChain(HCERTCHAINENGINE hChainEngine, PCCERT_CONTEXT pCert
     }
     const ASN1_OCTET_STRING* authority_key = X509_get0_authority_key_id(current);
     const ASN1_OCTET_STRING* subject_key = X509_get0_subject_key_id(best->x509.get());
-    const bool key_match = authority_key != nullptr && subject_key != nullptr &&
-                           ASN1_OCTET_STRING_cmp(authority_key, subject_key) == 0;
+    const bool key_match =
+        authority_key != nullptr && subject_key != nullptr && ASN1_OCTET_STRING_cmp(authority_key, subject_key) == 0;
     infos.back() |= CERT_TRUST_HAS_PREFERRED_ISSUER |
                     (key_match ? CERT_TRUST_HAS_KEY_MATCH_ISSUER : CERT_TRUST_HAS_NAME_MATCH_ISSUER);
     X509_up_ref(best->x509.get());
@@ -309,7 +500,7 @@ BOOL CertGetCertificateChain(HCERTCHAINENGINE hChainEngine, PCCERT_CONTEXT pCert
   }
   const size_t count = chain.size();
 
-  // 4. Each element on its own: time, signature, CA standing, extensions,
+  // 5. Each element on its own: time, signature, CA standing, extensions,
   //    usage, distrust.
   for (size_t i = 0; i < count; ++i) {
     X509* cert = chain[i].get();
@@ -344,7 +535,7 @@ BOOL CertGetCertificateChain(HCERTCHAINENGINE hChainEngine, PCCERT_CONTEXT pCert
   }
   if (reached_root && !trusted_root) errors[count - 1] |= CERT_TRUST_IS_UNTRUSTED_ROOT;
 
-  // 5. Revocation, for the elements the flags name.
+  // 6. Revocation, for the elements the flags name.
   size_t check_from = 0, check_to = 0;  // [from, to)
   if ((dwFlags & CERT_CHAIN_REVOCATION_CHECK_END_CERT) != 0) check_to = 1;
   if ((dwFlags & CERT_CHAIN_REVOCATION_CHECK_CHAIN_EXCLUDE_ROOT) != 0) check_to = reached_root ? count - 1 : count;
@@ -354,8 +545,7 @@ BOOL CertGetCertificateChain(HCERTCHAINENGINE hChainEngine, PCCERT_CONTEXT pCert
   if (check_to > check_from) {
     revocation::Options options;
     options.at = at;
-    options.network =
-        (dwFlags & (CERT_CHAIN_REVOCATION_CHECK_CACHE_ONLY | CERT_CHAIN_CACHE_ONLY_URL_RETRIEVAL)) == 0;
+    options.network = (dwFlags & (CERT_CHAIN_REVOCATION_CHECK_CACHE_ONLY | CERT_CHAIN_CACHE_ONLY_URL_RETRIEVAL)) == 0;
     options.timeout = revocation::default_timeout();
     if ((dwFlags & CERT_CHAIN_REVOCATION_ACCUMULATIVE_TIMEOUT) != 0)
       options.deadline = revocation::Clock::now() + options.timeout;
@@ -385,54 +575,33 @@ BOOL CertGetCertificateChain(HCERTCHAINENGINE hChainEngine, PCCERT_CONTEXT pCert
     }
   }
 
-  // 6. The chain context: one simple chain, its elements with contexts of
-  //    their own.
-  std::unique_ptr<ChainObject> object(new (std::nothrow) ChainObject);
-  if (!object) {
-    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
-    return FALSE;
-  }
-  object->elements.resize(count);
-  object->element_pointers.resize(count);
-  object->revocation_infos.resize(count);
-  DWORD simple_errors = chain_errors, simple_infos = CERT_TRUST_HAS_PREFERRED_ISSUER;
-  const time_t now = std::time(nullptr);
+  // 7. The verdict, kept when all it depends on is known, and the context.
+  auto verdict = std::make_shared<ChainVerdict>();
+  verdict->errors = errors;
+  verdict->infos = infos;
+  verdict->chain_errors = chain_errors;
+  verdict->revocations.resize(count);
   for (size_t i = 0; i < count; ++i) {
-    CERT_CHAIN_ELEMENT& element = object->elements[i];
-    element.cbSize = sizeof(CERT_CHAIN_ELEMENT);
-    element.pCertContext = i == 0 ? CertDuplicateCertificateContext(pCertContext) : context_of(chain[i].get());
-    if (element.pCertContext == nullptr) {
+    verdict->revocations[i] = {revocation_checked[i], revocations[i].error, revocations[i].this_update};
+    if (i == 0) continue;
+    PCCERT_CONTEXT issuer = context_of(chain[i].get());
+    if (issuer == nullptr) {
       SetLastError(ERROR_NOT_ENOUGH_MEMORY);
       return FALSE;
     }
-    element.TrustStatus.dwErrorStatus = errors[i];
-    element.TrustStatus.dwInfoStatus = infos[i];
-    if (revocation_checked[i]) {
-      CERT_REVOCATION_INFO& info = object->revocation_infos[i];
-      info.cbSize = sizeof(CERT_REVOCATION_INFO);
-      info.dwRevocationResult = revocations[i].error;
-      info.fHasFreshnessTime = revocations[i].this_update != 0;
-      info.dwFreshnessTime =
-          info.fHasFreshnessTime && now > revocations[i].this_update ? static_cast<DWORD>(now - revocations[i].this_update) : 0;
-      element.pRevocationInfo = &info;
-    }
-    object->element_pointers[i] = &element;
-    simple_errors |= errors[i];
-    simple_infos &= infos[i];
+    verdict->issuers.push_back(issuer);
   }
-  object->simple.cbSize = sizeof(CERT_SIMPLE_CHAIN);
-  object->simple.TrustStatus.dwErrorStatus = simple_errors;
-  object->simple.TrustStatus.dwInfoStatus = simple_infos & CERT_TRUST_HAS_PREFERRED_ISSUER;
-  object->simple.cElement = static_cast<DWORD>(count);
-  object->simple.rgpElement = object->element_pointers.data();
-  object->simple_pointer = &object->simple;
-  object->context.cbSize = sizeof(CERT_CHAIN_CONTEXT);
-  object->context.TrustStatus = object->simple.TrustStatus;
-  object->context.cChain = 1;
-  object->context.rgpChain = &object->simple_pointer;
-  object->context.dwCreateFlags = dwFlags;
-  *ppChainContext = &object.release()->context;
-  return TRUE;
+  if (!key.empty() && !own_store_added) {
+    VerdictCache::Entry entry;
+    entry.until = verdict_lifetime(chain, revocations, revocation_checked, at);
+    if (entry.until > at) {
+      entry.verdict = verdict;
+      entry.versions = std::move(pool.versions);
+      entry.revocation_generation = revocation_generation;
+      verdict_cache().keep(key, std::move(entry));
+    }
+  }
+  return make_chain_context(pCertContext, *verdict, dwFlags, ppChainContext);
 }
 
 void CertFreeCertificateChain(PCCERT_CHAIN_CONTEXT pChainContext) {

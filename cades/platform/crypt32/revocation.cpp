@@ -4,6 +4,7 @@
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <map>
 #include <mutex>
@@ -57,12 +58,7 @@ Cache& cache() {
   return *instance;
 }
 
-time_t to_time(const ASN1_TIME* t) {
-  if (t == nullptr) return 0;
-  tm parts{};
-  if (ASN1_TIME_to_tm(t, &parts) != 1) return 0;
-  return timegm(&parts);
-}
+using bv::ossl::unix_time_of;
 
 // The CRL is the issuer's: its name, its key, and a key allowed to sign CRLs.
 bool crl_is_from(X509_CRL* crl, X509* issuer) {
@@ -75,10 +71,10 @@ bool crl_is_from(X509_CRL* crl, X509* issuer) {
 }
 
 bool crl_is_current(X509_CRL* crl, time_t now) {
-  const time_t this_update = to_time(X509_CRL_get0_lastUpdate(crl));
+  const time_t this_update = unix_time_of(X509_CRL_get0_lastUpdate(crl));
   const ASN1_TIME* next = X509_CRL_get0_nextUpdate(crl);
   if (this_update == 0 || this_update > now + kClockSkewSeconds) return false;
-  return next == nullptr || to_time(next) + kClockSkewSeconds >= now;
+  return next == nullptr || unix_time_of(next) + kClockSkewSeconds >= now;
 }
 
 enum class CrlSays { not_applicable, revoked, good, stale };
@@ -88,10 +84,11 @@ CrlSays consult_crl(X509_CRL* crl, X509* cert, X509* issuer, time_t at, time_t n
   if (!crl_is_from(crl, issuer)) return CrlSays::not_applicable;
   X509_REVOKED* entry = nullptr;
   // A revocation is for good: even a CRL past its nextUpdate proves one.
-  if (X509_CRL_get0_by_cert(crl, &entry, cert) == 1 && to_time(X509_REVOKED_get0_revocationDate(entry)) <= at) {
+  if (X509_CRL_get0_by_cert(crl, &entry, cert) == 1 && unix_time_of(X509_REVOKED_get0_revocationDate(entry)) <= at) {
     result.verdict = Verdict::revoked;
     result.error = CRYPT_E_REVOKED;
-    result.this_update = to_time(X509_CRL_get0_lastUpdate(crl));
+    result.this_update = unix_time_of(X509_CRL_get0_lastUpdate(crl));
+    result.next_update = unix_time_of(X509_CRL_get0_nextUpdate(crl));
     int critical = 0;
     UniquePtr<ASN1_ENUMERATED> reason(static_cast<ASN1_ENUMERATED*>(
         X509_REVOKED_get_ext_d2i(entry, NID_crl_reason, &critical, nullptr)));
@@ -102,7 +99,8 @@ CrlSays consult_crl(X509_CRL* crl, X509* cert, X509* issuer, time_t at, time_t n
   if (!crl_is_current(crl, now)) return CrlSays::stale;
   result.verdict = Verdict::good;
   result.error = 0;
-  result.this_update = to_time(X509_CRL_get0_lastUpdate(crl));
+  result.this_update = unix_time_of(X509_CRL_get0_lastUpdate(crl));
+  result.next_update = unix_time_of(X509_CRL_get0_nextUpdate(crl));
   return CrlSays::good;
 }
 
@@ -190,7 +188,7 @@ UniquePtr<X509_CRL> cached_crl(const std::string& url, time_t now) {
 
 void remember_crl(const std::string& url, X509_CRL* crl, time_t now) {
   const ASN1_TIME* next = X509_CRL_get0_nextUpdate(crl);
-  const time_t expires = next != nullptr ? to_time(next) : now + kCrlWithoutNextUpdateLifetime;
+  const time_t expires = next != nullptr ? unix_time_of(next) : now + kCrlWithoutNextUpdateLifetime;
   if (expires < now) return;
   std::lock_guard lock(cache().mutex);
   if (cache().crls.size() >= kMaxCachedCrls) cache().crls.erase(cache().crls.begin());
@@ -220,6 +218,7 @@ bool apply_ocsp(const OcspAnswer& answer, time_t at, Result& result, Source sour
   }
   result.source = source;
   result.this_update = answer.this_update;
+  result.next_update = answer.expires;
   if (keep_evidence) result.evidence = answer.basic_der;
   return true;
 }
@@ -300,9 +299,9 @@ Asked ask_responder(const std::string& url, OCSP_CERTID* id, X509* issuer, std::
   }
   answer.status = status;
   answer.reason = reason;
-  answer.revoked_at = to_time(revoked_at);
-  answer.this_update = to_time(this_update);
-  answer.expires = next_update != nullptr ? to_time(next_update) : 0;
+  answer.revoked_at = unix_time_of(revoked_at);
+  answer.this_update = unix_time_of(this_update);
+  answer.expires = next_update != nullptr ? unix_time_of(next_update) : 0;
   unsigned char* basic_der = nullptr;
   const int basic_length = i2d_OCSP_BASICRESP(basic.get(), &basic_der);
   if (basic_length > 0) answer.basic_der.assign(reinterpret_cast<char*>(basic_der), static_cast<size_t>(basic_length));
@@ -321,7 +320,14 @@ std::chrono::milliseconds default_timeout() {
   return std::chrono::milliseconds(15000);
 }
 
+namespace {
+std::atomic<unsigned> clear_count{0};
+}  // namespace
+
+unsigned cache_generation() { return clear_count.load(); }
+
 void clear_cache() {
+  clear_count.fetch_add(1);
   std::lock_guard lock(cache().mutex);
   cache().crls.clear();
   cache().responses.clear();
@@ -371,14 +377,14 @@ Result check(X509* cert, X509* issuer, const Options& options) {
     const bool found =
         OCSP_resp_find_status(basic, id.get(), &status, &reason, &revoked_at, &this_update, &next_update) == 1;
     ERR_clear_error();
-    if (!found || to_time(this_update) > current_at + kClockSkewSeconds ||
-        (next_update != nullptr && to_time(next_update) + kClockSkewSeconds < current_at))
+    if (!found || unix_time_of(this_update) > current_at + kClockSkewSeconds ||
+        (next_update != nullptr && unix_time_of(next_update) + kClockSkewSeconds < current_at))
       continue;
     OcspAnswer answer;
     answer.status = status;
     answer.reason = reason;
-    answer.revoked_at = to_time(revoked_at);
-    answer.this_update = to_time(this_update);
+    answer.revoked_at = unix_time_of(revoked_at);
+    answer.this_update = unix_time_of(this_update);
     if (apply_ocsp(answer, at, result, Source::given_ocsp, false)) return result;
   }
 

@@ -33,6 +33,7 @@ struct Result {
   // 0, CRYPT_E_REVOKED, CRYPT_E_NO_REVOCATION_CHECK or CRYPT_E_REVOCATION_OFFLINE.
   DWORD error = CRYPT_E_NO_REVOCATION_CHECK;
   time_t this_update = 0;  // of the deciding CRL or response, 0 if none
+  time_t next_update = 0;  // of the deciding CRL or response, 0 if none or it has none
   int reason = -1;         // CRL reason code of a revocation, -1 if none given
   // What decided, DER-encoded, when Options::keep_evidence asked for it: the
   // CRL, or the BasicOCSPResponse (source cached_ocsp or ocsp).
@@ -65,5 +66,9 @@ std::chrono::milliseconds default_timeout();
 
 // Forgets cached CRLs, OCSP answers and sources marked unreachable.
 void clear_cache();
+
+// Counts the calls of clear_cache(): what was learnt from the cache before
+// a change of this number must be learnt again.
+unsigned cache_generation();
 
 }  // namespace bv::platform::revocation

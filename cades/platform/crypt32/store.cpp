@@ -466,10 +466,11 @@ std::string system_store_folder(const std::string& name, DWORD location) {
   return root + "/" + name;
 }
 
-bool read_system_store(const std::string& name, DWORD location, StoreObjects& out) {
+bool read_system_store(const std::string& name, DWORD location, StoreObjects& out, StoreVersion* version) {
   const std::string folder = system_store_folder(name, location);
   if (folder.empty()) return false;
   auto contents = folder_contents(folder);
+  if (version != nullptr) *version = contents;
   if (!contents) return false;
   for (const auto& parsed : contents->certificates) {
     X509_up_ref(parsed->x509.get());
@@ -480,6 +481,11 @@ bool read_system_store(const std::string& name, DWORD location, StoreObjects& ou
     out.crls.emplace_back(crl.get());
   }
   return true;
+}
+
+StoreVersion system_store_version(const std::string& name, DWORD location) {
+  const std::string folder = system_store_folder(name, location);
+  return folder.empty() ? nullptr : folder_contents(folder);
 }
 
 bool store_certificates(HCERTSTORE handle, std::vector<bv::ossl::UniquePtr<X509>>& out) {

@@ -36,9 +36,16 @@ struct StoreObjects {
   std::vector<bv::ossl::UniquePtr<X509_CRL>> crls;      // *.crl, in file name order
 };
 
+// What a store folder holds as of now, as an identity: two calls give the
+// same pointer while the folder has not changed (nor was forgotten), and a
+// kept pointer is never reused for other contents.  Null for a missing folder.
+using StoreVersion = std::shared_ptr<const void>;
+
 // Reads a system store through the same cache CertOpenStore uses.  False
 // when its folder does not exist; unreadable files are skipped.
-bool read_system_store(const std::string& name, DWORD location, StoreObjects& out);
+bool read_system_store(const std::string& name, DWORD location, StoreObjects& out, StoreVersion* version = nullptr);
+
+StoreVersion system_store_version(const std::string& name, DWORD location);
 
 // The certificates of an open store (any kind), in its order, each with its
 // own reference.  False for a bad handle.

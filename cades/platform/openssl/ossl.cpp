@@ -67,6 +67,12 @@ bool fail(DWORD win_error) {
   return false;
 }
 
+time_t unix_time_of(const ASN1_TIME* time) {
+  tm parts{};
+  if (time == nullptr || ASN1_TIME_to_tm(time, &parts) != 1) return 0;
+  return timegm(&parts);
+}
+
 std::string sha1_of(X509* cert) {
   unsigned char md[EVP_MAX_MD_SIZE];
   unsigned int length = 0;

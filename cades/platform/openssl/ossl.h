@@ -12,6 +12,7 @@
 #include <openssl/x509.h>
 #include <openssl/x509v3.h>
 
+#include <ctime>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -121,6 +122,9 @@ std::string der_of(const Object* object, Encode encode) {
 // Sets the thread's last error to `win_error` and empties OpenSSL's queue.
 // Returns false so call sites can write `return fail(NTE_BAD_SIGNATURE);`.
 bool fail(DWORD win_error);
+
+// Seconds since 1970 of an ASN.1 time; 0 for none or one that can't be read.
+time_t unix_time_of(const ASN1_TIME* time);
 
 // SHA-1 of the encoding, as raw bytes; empty if it could not be had.
 std::string sha1_of(X509* cert);
