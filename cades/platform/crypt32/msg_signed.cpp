@@ -56,11 +56,12 @@ UniquePtr<X509> signer_stand_in(const CERT_INFO& cert_info, EVP_PKEY* key) {
 }
 
 bool matches_cert_info(X509* cert, const CERT_INFO& cert_info) {
+  const unsigned char* issuer_der = nullptr;
+  size_t issuer_length = 0;
   UniquePtr<ASN1_STRING> serial = serial_from_blob(cert_info.SerialNumber);
-  const unsigned char* issuer_der = cert_info.Issuer.pbData;
-  UniquePtr<X509_NAME> issuer(d2i_X509_NAME(nullptr, &issuer_der, static_cast<long>(cert_info.Issuer.cbData)));
-  return serial && issuer && ASN1_INTEGER_cmp(serial.get(), X509_get0_serialNumber(cert)) == 0 &&
-         X509_NAME_cmp(issuer.get(), X509_get_issuer_name(cert)) == 0;
+  return serial && X509_NAME_get0_der(X509_get_issuer_name(cert), &issuer_der, &issuer_length) == 1 &&
+         issuer_length == cert_info.Issuer.cbData && std::memcmp(issuer_der, cert_info.Issuer.pbData, issuer_length) == 0 &&
+         ASN1_INTEGER_cmp(serial.get(), X509_get0_serialNumber(cert)) == 0;
 }
 
 // Each value of an attribute is one DER-encoded ASN.1 value.
@@ -219,13 +220,14 @@ CMS_SignerInfo* add_signer(CMS_ContentInfo* cms, const CMSG_SIGNER_ENCODE_INFO& 
 
   // CAdES names the signer's whole certificate by its hash, so it needs the
   // certificate the key was acquired for; plain CMS only its issuer and
-  // serial number.
+  // serial number, so the certificate the key was acquired for serves when
+  // it is the one named, and a stand-in otherwise.
   UniquePtr<X509> stand_in;
-  if (form == SignedForm::cades_bes) {
-    if (!provider->certificate || !matches_cert_info(provider->certificate.get(), *signer.pCertInfo))
-      return refuse(CRYPT_E_SIGNER_NOT_FOUND);
+  if (provider->certificate && matches_cert_info(provider->certificate.get(), *signer.pCertInfo)) {
     X509_up_ref(provider->certificate.get());
     stand_in.reset(provider->certificate.get());
+  } else if (form == SignedForm::cades_bes) {
+    return refuse(CRYPT_E_SIGNER_NOT_FOUND);
   } else {
     stand_in = signer_stand_in(*signer.pCertInfo, provider->key.get());
   }

@@ -285,6 +285,13 @@ FolderWatch& folder_watch() {
 // The contents of a store folder, from the cache while it is unchanged.
 // Null when the folder does not exist.
 std::shared_ptr<const FolderContents> folder_contents(const std::string& folder) {
+  // A watched folder reports its own removal or renaming too: no stat needed.
+  {
+    std::lock_guard<std::mutex> lock(cache_mutex);
+    folder_watch().forget_changed(folder_cache());
+    auto found = folder_cache().find(folder);
+    if (found != folder_cache().end() && found->second->watched) return found->second;
+  }
   struct stat info {};
   if (stat(folder.c_str(), &info) != 0 || !S_ISDIR(info.st_mode)) return nullptr;
   bool watched = false;
