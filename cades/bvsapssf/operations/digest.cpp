@@ -33,8 +33,7 @@ bool create_hash_for_oid(const char* trace_function, HCRYPTPROV hProv, const cha
   return true;
 }
 
-bool calc_simple_hash(HCRYPTPROV hProv, const char* hashOid, const BYTE* data, DWORD dataL, BYTE** out,
-                      DWORD* outL) {
+bool calc_simple_hash(HCRYPTPROV hProv, const char* hashOid, const BYTE* data, DWORD dataL, BYTE** out, DWORD* outL) {
   constexpr const char* trace_function = "calc_simple_hash";
   constexpr const char* trace_file = "bvsapssf";
 
@@ -150,9 +149,9 @@ extern "C" SSF_RC SsfDigest(const char* strFormat, int32_t strFormatL, SSF_BOOL 
       info.cbSize = sizeof info;
       info.hCryptProv = provider.get();
       info.HashAlgorithm.pszObjId = const_cast<char*>(hash->oid);
-      bv::platform::MessageHandle message(CryptMsgOpenToEncode(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING,
-                                                               bDetached ? CMSG_DETACHED_FLAG : 0, CMSG_HASHED,
-                                                               &info, nullptr, nullptr));
+      bv::platform::MessageHandle message(CryptMsgOpenToEncode(
+          X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, (bDetached ? CMSG_DETACHED_FLAG : 0) | CMSG_BV_BORROW_CONTENT_FLAG,
+          CMSG_HASHED, &info, nullptr, nullptr));
       if (message == nullptr) {
         *ostrDigestDataL = 0;
         BV_TRACE_LAST_ERROR();

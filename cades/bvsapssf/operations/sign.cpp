@@ -175,7 +175,9 @@ extern "C" SSF_RC SsfSign(const char* strFormat, int32_t strFormatL, const char*
 
       // 14, 15. Open the message.
       BV_TRACE(TRACE_DETAIL, "#trace#: trying to sign message...\n");
-      const DWORD open_flags = bDetached != 0 ? CMSG_DETACHED_FLAG : 0;
+      // The input stays the host's until this call returns, after the
+      // message is closed: it is signed and encoded where it lies.
+      const DWORD open_flags = (bDetached != 0 ? CMSG_DETACHED_FLAG : 0) | CMSG_BV_BORROW_CONTENT_FLAG;
       OpenMessage message;
       if (isCades != 0) {
         CadesEncodeInfo cades_info{};

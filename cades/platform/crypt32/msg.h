@@ -26,6 +26,10 @@ constexpr DWORD CMSG_CONTENTS_OCTETS_FLAG = 0x00000010;
 constexpr DWORD CMSG_MAX_LENGTH_FLAG = 0x00000020;
 constexpr DWORD CMSG_CMS_ENCAPSULATED_CONTENT_FLAG = 0x00000040;
 constexpr DWORD CMSG_CRYPT_RELEASE_CONTEXT_FLAG = 0x00008000;
+// This platform's own: the caller keeps the content of a signed or hashed
+// message it encodes valid and unchanged until the message is closed, so
+// that content given in the final update alone is referred to, not copied.
+constexpr DWORD CMSG_BV_BORROW_CONTENT_FLAG = 0x00100000;
 
 // Parameters of CryptMsgGetParam.
 constexpr DWORD CMSG_TYPE_PARAM = 1;

@@ -25,6 +25,7 @@
 #include "advapi32/provider_internal.h"
 #include "crypt32/der.h"
 #include "crypt32/msg.h"
+#include "crypt32/msg_internal.h"
 #include "crypt32/oidinfo.h"
 #include "kernel32/kernel32.h"
 #include "openssl/ossl.h"
@@ -81,14 +82,15 @@ bool encode_digest_algorithm(const CRYPT_ALGORITHM_IDENTIFIER& given, const EVP_
 
 class HashedEncoder final : public MessageKind {
  public:
-  HashedEncoder(HCRYPTHASH hash, bool detached, bool bare, std::vector<BYTE> algorithm,
+  HashedEncoder(HCRYPTHASH hash, bool detached, bool bare, bool borrow, std::vector<BYTE> algorithm,
                 std::vector<BYTE> content_type, bool inner_is_data)
       : hash_(hash),
         detached_(detached),
         bare_(bare),
         algorithm_(std::move(algorithm)),
         content_type_(std::move(content_type)),
-        version_(inner_is_data ? 0 : 2) {}
+        version_(inner_is_data ? 0 : 2),
+        content_(borrow) {}
   ~HashedEncoder() override { CryptDestroyHash(hash_); }
 
   DWORD type() const override { return CMSG_HASHED; }
@@ -99,7 +101,7 @@ class HashedEncoder final : public MessageKind {
       return false;
     }
     if (!CryptHashData(hash_, data, size, 0)) return false;
-    if (!detached_ && size != 0) content_.insert(content_.end(), data, data + size);
+    if (!detached_) content_.add(data, size, final);
     if (final) {
       const std::vector<BYTE>* value = finish_hash(*hash_from_handle(hash_));
       if (value == nullptr) return false;
@@ -152,7 +154,7 @@ class HashedEncoder final : public MessageKind {
     if (!detached_) {
       out = put_header(out, kTagExplicit0, tlv_size(content_.size()));
       out = put_header(out, kTagOctetString, content_.size());
-      out = put_bytes(out, content_.data(), content_.size());
+      if (content_.size() != 0) out = put_bytes(out, content_.data(), content_.size());
     }
     out = put_header(out, kTagOctetString, digest_.size());
     return put_bytes(out, digest_.data(), digest_.size());
@@ -182,7 +184,7 @@ class HashedEncoder final : public MessageKind {
   std::vector<BYTE> algorithm_;
   std::vector<BYTE> content_type_;
   int version_;
-  std::vector<BYTE> content_;
+  EncoderContent content_;
   std::vector<BYTE> digest_;
   bool final_ = false;
 };
@@ -227,7 +229,8 @@ std::unique_ptr<MessageKind> open_hashed_encoder(DWORD flags, const CMSG_HASHED_
     return nullptr;
   }
   auto encoder = std::make_unique<HashedEncoder>(hash.get(), (flags & CMSG_DETACHED_FLAG) != 0,
-                                                 (flags & CMSG_BARE_CONTENT_FLAG) != 0, std::move(algorithm),
+                                                 (flags & CMSG_BARE_CONTENT_FLAG) != 0,
+                                                 (flags & CMSG_BV_BORROW_CONTENT_FLAG) != 0, std::move(algorithm),
                                                  encode_object(inner_oid.get()), std::strcmp(inner, kIdData) == 0);
   hash.release();  // the encoder owns it now
   // The caller handed its reference over; the hash holds its own.

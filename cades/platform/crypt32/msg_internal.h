@@ -15,6 +15,40 @@ namespace bv::platform {
 
 // A whole message as it came in, parsed once.  `der` is the caller's
 // encoding, valid only while the decoder opens.
+// The content an encoder signs or hashes: referred to where the caller keeps
+// it (CMSG_BV_BORROW_CONTENT_FLAG) and gives it whole in the final update,
+// gathered in a copy otherwise.
+class EncoderContent {
+ public:
+  explicit EncoderContent(bool may_borrow) : may_borrow_(may_borrow) {}
+  void add(const BYTE* data, DWORD size, bool final) {
+    if (final && may_borrow_ && copy_.empty()) {
+      data_ = size != 0 ? data : nullptr;
+      size_ = size;
+      borrowed_ = true;
+      return;
+    }
+    if (size != 0) copy_.insert(copy_.end(), data, data + size);
+    data_ = copy_.data();
+    size_ = copy_.size();
+  }
+  const BYTE* data() const { return data_; }
+  size_t size() const { return size_; }
+  bool borrowed() const { return borrowed_; }
+  void clear() {
+    std::vector<BYTE>().swap(copy_);
+    data_ = nullptr;
+    size_ = 0;
+  }
+
+ private:
+  bool may_borrow_;
+  bool borrowed_ = false;
+  std::vector<BYTE> copy_;
+  const BYTE* data_ = nullptr;
+  size_t size_ = 0;
+};
+
 struct DecodedContent {
   bv::ossl::UniquePtr<CMS_ContentInfo> cms;
   std::string_view der;

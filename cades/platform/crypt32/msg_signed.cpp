@@ -88,19 +88,19 @@ bool add_attributes(CMS_SignerInfo* signer, DWORD count, const CRYPT_ATTRIBUTE* 
 // them by their bytes; the platform's encoder keeps the order it was given,
 // so that signer i of the list is SignerInfo i of the message.  Sorting only
 // moves elements within the set, so the set keeps its place and size.
-bool reorder_set(std::vector<BYTE>& encoded, const der::Element& set, const std::vector<std::string_view>& wanted) {
+bool reorder_set(BYTE* encoded, const der::Element& set, const std::vector<std::string_view>& wanted) {
   std::string ordered;
   for (std::string_view element : wanted) ordered.append(element);
   if (ordered.size() != set.length) return false;
-  std::memcpy(encoded.data() + set.content(), ordered.data(), ordered.size());
+  std::memcpy(encoded + set.content(), ordered.data(), ordered.size());
   return true;
 }
 
 // SignedData's signerInfos in the order the signers were added, and its
 // certificates in the order they were given.  `certificates` are the DER of
 // the certificates as added.
-bool keep_given_order(std::vector<BYTE>& encoded, CMS_ContentInfo* cms, const std::vector<std::string>& certificates) {
-  const std::string_view view(reinterpret_cast<const char*>(encoded.data()), encoded.size());
+bool keep_given_order(BYTE* encoded, size_t size, CMS_ContentInfo* cms, const std::vector<std::string>& certificates) {
+  const std::string_view view(reinterpret_cast<const char*>(encoded), size);
   std::vector<der::Element> content_info, fields, elements;
   if (!der::signed_data_fields(view, &content_info, &fields)) return false;
 
@@ -125,31 +125,54 @@ bool keep_given_order(std::vector<BYTE>& encoded, CMS_ContentInfo* cms, const st
 
 class SignedEncoder final : public MessageKind {
  public:
-  SignedEncoder(UniquePtr<CMS_ContentInfo> cms, unsigned flags, std::vector<std::string> certificates)
-      : cms_(std::move(cms)), flags_(flags), certificates_(std::move(certificates)) {}
+  SignedEncoder(UniquePtr<CMS_ContentInfo> cms, unsigned flags, bool borrow, std::vector<std::string> certificates)
+      : cms_(std::move(cms)), flags_(flags), content_(borrow), certificates_(std::move(certificates)) {}
+  ~SignedEncoder() override {
+    // The borrowed content is the caller's: OpenSSL must not free it (and
+    // ASN1_STRING_set0 would free what it replaces).
+    if (content_in_message_) {
+      ASN1_OCTET_STRING* octets = *CMS_get0_content(cms_.get());
+      octets->data = nullptr;
+      octets->length = 0;
+    }
+  }
 
   DWORD type() const override { return CMSG_SIGNED; }
 
-  // The signatures need the whole content, so it is kept until the final
-  // update and signed then.
+  // The signatures need the whole content, so it is gathered until the
+  // final update and signed then.  Content the caller keeps is signed where
+  // it lies and encoded into the caller's buffer from there; other content
+  // is encoded at once and let go.
   bool update(const BYTE* data, DWORD size, bool final) override {
     if (final_) {
       SetLastError(CRYPT_E_MSG_ERROR);
       return false;
     }
-    if (size != 0) content_.insert(content_.end(), data, data + size);
+    content_.add(data, size, final);
     if (!final) return true;
-    UniquePtr<BIO> content(BIO_new_mem_buf(content_.empty() ? "" : static_cast<const void*>(content_.data()),
+    const bool attached = (flags_ & CMS_DETACHED) == 0;
+    // Signed as if detached, then pointed at: OpenSSL would copy it in.
+    if (content_.borrowed() && attached && !CMS_set_detached(cms_.get(), 1)) return fail(CRYPT_E_ASN1_ERROR);
+    UniquePtr<BIO> content(BIO_new_mem_buf(content_.size() != 0 ? static_cast<const void*>(content_.data()) : "",
                                            static_cast<int>(content_.size())));
-    if (!content || !CMS_final(cms_.get(), content.get(), nullptr, flags_)) return fail(NTE_BAD_SIGNATURE);
+    if (!content || !CMS_final(cms_.get(), content.get(), nullptr, flags_))
+      return fail(NTE_BAD_SIGNATURE);
+    final_ = true;
+    if (content_.borrowed()) {
+      if (attached) {
+        if (!CMS_set_detached(cms_.get(), 0)) return fail(CRYPT_E_ASN1_ERROR);
+        ASN1_OCTET_STRING* octets = *CMS_get0_content(cms_.get());
+        ASN1_STRING_set0(octets, const_cast<BYTE*>(content_.data()), static_cast<int>(content_.size()));
+        octets->flags &= ~ASN1_STRING_FLAG_CONT;
+        content_in_message_ = true;
+      }
+      return true;
+    }
     const int size_needed = i2d_CMS_ContentInfo(cms_.get(), nullptr);
     if (size_needed <= 0) return fail(CRYPT_E_ASN1_ERROR);
     encoded_.resize(static_cast<size_t>(size_needed));
-    unsigned char* out = encoded_.data();
-    i2d_CMS_ContentInfo(cms_.get(), &out);
-    if (!keep_given_order(encoded_, cms_.get(), certificates_)) return fail(CRYPT_E_ASN1_ERROR);
+    if (!encode_into(encoded_.data(), encoded_.size())) return false;
     content_.clear();
-    final_ = true;
     return true;
   }
 
@@ -159,12 +182,17 @@ class SignedEncoder final : public MessageKind {
         const DWORD type = CMSG_SIGNED;
         return copy_output(&type, sizeof type, data, size);
       }
-      case CMSG_CONTENT_PARAM:
+      case CMSG_CONTENT_PARAM: {
         if (!final_) {
           SetLastError(CRYPT_E_MSG_ERROR);
           return false;
         }
-        return copy_output(encoded_.data(), static_cast<DWORD>(encoded_.size()), data, size);
+        if (!content_.borrowed()) return copy_output(encoded_.data(), static_cast<DWORD>(encoded_.size()), data, size);
+        const int needed = i2d_CMS_ContentInfo(cms_.get(), nullptr);
+        if (needed <= 0) return fail(CRYPT_E_ASN1_ERROR);
+        if (!prepare_output_space(data, size, static_cast<DWORD>(needed))) return data == nullptr && size != nullptr;
+        return encode_into(static_cast<BYTE*>(data), static_cast<size_t>(needed));
+      }
       default:
         SetLastError(CRYPT_E_INVALID_MSG_TYPE);
         return false;
@@ -172,10 +200,19 @@ class SignedEncoder final : public MessageKind {
   }
 
  private:
+  bool encode_into(BYTE* out, size_t size) {
+    BYTE* cursor = out;
+    if (i2d_CMS_ContentInfo(cms_.get(), &cursor) != static_cast<int>(size) ||
+        !keep_given_order(out, size, cms_.get(), certificates_))
+      return fail(CRYPT_E_ASN1_ERROR);
+    return true;
+  }
+
   UniquePtr<CMS_ContentInfo> cms_;
   unsigned flags_;
+  EncoderContent content_;
+  bool content_in_message_ = false;
   std::vector<std::string> certificates_;  // DER, in the order given
-  std::vector<BYTE> content_;
   std::vector<BYTE> encoded_;
   bool final_ = false;
 };
@@ -290,7 +327,8 @@ std::unique_ptr<MessageKind> open_signed_encoder(DWORD flags, const CMSG_SIGNED_
     UniquePtr<X509_CRL> crl(d2i_X509_CRL(nullptr, &der, static_cast<long>(info.rgCrlEncoded[i].cbData)));
     if (!crl || !CMS_add1_crl(cms.get(), crl.get())) return refuse(CRYPT_E_ASN1_ERROR);
   }
-  return std::make_unique<SignedEncoder>(std::move(cms), message_flags, std::move(certificates));
+  return std::make_unique<SignedEncoder>(std::move(cms), message_flags, (flags & CMSG_BV_BORROW_CONTENT_FLAG) != 0,
+                                         std::move(certificates));
 }
 
 }  // namespace bv::platform
