@@ -121,6 +121,35 @@ TEST(KeyCache, FoundOnlyBySameFileAndPin) {
   }
 }
 
+// A renewal writes a new key and certificate over the old files between two
+// calls: the new key signs (the message verifies with the new certificate in
+// it), not the kept one.
+TEST(KeyCache, RenewedKeyReplacesTheKeptOne) {
+  const SigningWorld& w = SigningWorld::get();
+  TempDir dir, exchange;
+  std::filesystem::copy(w.local(), dir / "local", std::filesystem::copy_options::recursive);
+  const std::string my = dir / "local/Brelvantec/Certificates/My/";
+  UniquePtr<EVP_PKEY> renewed_key = generate_key("gost2012_256");
+  UniquePtr<X509> renewed = issue_certificate({.subject = {{"O", "Test Bank"}, {"CN", "Alice"}, {"C", "RU"}}, .serial = 77},
+                                              renewed_key.get(), w.root.cert.get(), w.root.key.get());
+  const ChildResult child = run_isolated(w.env({{"BV_PLATFORM_LOCAL_APPDATA", dir / "local"}}), [&] {
+    setsid();
+    ASSERT_EQ(sign_once("CN=Alice", "1111").rc, SSF_OK);
+    write_file(my + "01-alice.cer.new", der_of(renewed.get()));
+    write_file(my + "01-alice.key.new", bv::pki::pem_of(renewed_key.get(), "1111"));
+    std::filesystem::rename(my + "01-alice.key.new", my + "01-alice.key");
+    std::filesystem::rename(my + "01-alice.cer.new", my + "01-alice.cer");
+    const Signed s = sign_once("CN=Alice", "1111");
+    ASSERT_EQ(s.rc, SSF_OK);
+    write_file(exchange / "renewed.p7s", s.message);
+  });
+  ASSERT_EQ(child.exit_code, 0) << child.stderr_text;
+  std::string content, diagnostics;
+  const std::string message = read_file(exchange / "renewed.p7s");
+  EXPECT_EQ(openssl_cms_verify(message, w.root.cert_pem, "", nullptr, &content, &diagnostics), 0) << diagnostics;
+  EXPECT_NE(message.find(der_of(renewed.get())), std::string::npos) << "not signed with the renewed certificate";
+}
+
 // A forked child starts without the parent's keys; the parent keeps them.
 TEST(KeyCache, ForkedChildStartsEmpty) {
   const SigningWorld& w = SigningWorld::get();
