@@ -35,7 +35,13 @@ struct CertStoreObject {
   // One for the open handle and one for each element still alive.
   std::atomic<int> references{1};
   std::mutex mutex;
-  std::vector<CertElement*> elements;  // the store holds one reference on each
+  // The certificates as the folder was read, shared with the folder cache;
+  // their elements are made when first found or enumerated, so a warm open
+  // of a large store costs no element per certificate.
+  std::shared_ptr<const std::vector<std::shared_ptr<const ParsedCertificate>>> read;
+  // Index for index with `read` and beyond it (added ones); null where no
+  // element was made yet.  The store holds one reference on each.
+  std::vector<CertElement*> elements;
   bool closed = false;
   bool read_only = false;
   std::string folder;  // empty for a memory store
@@ -83,6 +89,18 @@ CertElement* new_element(CertStoreObject* store, std::shared_ptr<const ParsedCer
   element->store = store;
   store->references.fetch_add(1);
   return element;
+}
+
+// Both under the store's mutex.
+const ParsedCertificate& parsed_at(const CertStoreObject& store, size_t index) {
+  return store.elements[index] != nullptr ? *store.elements[index]->parsed : *(*store.read)[index];
+}
+CertElement* element_at(CertStoreObject& store, size_t index) {
+  if (store.elements[index] == nullptr) {
+    store.elements[index] = new_element(&store, (*store.read)[index]);
+    store.elements[index]->position = index;
+  }
+  return store.elements[index];
 }
 
 PCCERT_CONTEXT handed_out(CertElement* element) {
@@ -333,8 +351,8 @@ bool write_certificate_file(const std::string& folder, const ParsedCertificate& 
   return true;
 }
 
-bool same_certificate(const CertElement* a, const ParsedCertificate& b) {
-  return std::memcmp(a->parsed->sha1, b.sha1, sizeof b.sha1) == 0;
+bool same_certificate(const ParsedCertificate& a, const ParsedCertificate& b) {
+  return std::memcmp(a.sha1, b.sha1, sizeof b.sha1) == 0;
 }
 
 // Copies the properties a context carries in memory onto another element.
@@ -345,15 +363,14 @@ void copy_properties(CertElement& from, CertElement& to) {
 }
 
 // The matching of CertFindCertificateInStore for one certificate.
-bool matches(const CertElement& element, DWORD find_type, const void* para) {
-  const CERT_INFO& info = element.parsed->info;
+bool matches(const ParsedCertificate& parsed, DWORD find_type, const void* para) {
+  const CERT_INFO& info = parsed.info;
   switch (find_type) {
     case CERT_FIND_ANY:
       return true;
     case CERT_FIND_SHA1_HASH: {
       const auto* hash = static_cast<const CRYPT_HASH_BLOB*>(para);
-      return hash->cbData == sizeof element.parsed->sha1 &&
-             std::memcmp(hash->pbData, element.parsed->sha1, sizeof element.parsed->sha1) == 0;
+      return hash->cbData == sizeof parsed.sha1 && std::memcmp(hash->pbData, parsed.sha1, sizeof parsed.sha1) == 0;
     }
     case CERT_FIND_SUBJECT_NAME:
     case CERT_FIND_ISSUER_NAME: {
@@ -367,8 +384,8 @@ bool matches(const CertElement& element, DWORD find_type, const void* para) {
     }
     case CERT_FIND_EXISTING: {
       const auto* other = static_cast<PCCERT_CONTEXT>(para);
-      return other->cbCertEncoded == element.context.cbCertEncoded &&
-             std::memcmp(other->pbCertEncoded, element.context.pbCertEncoded, other->cbCertEncoded) == 0;
+      return other->cbCertEncoded == parsed.encoded.size() &&
+             std::memcmp(other->pbCertEncoded, parsed.encoded.data(), other->cbCertEncoded) == 0;
     }
     default:
       return false;
@@ -499,9 +516,10 @@ bool store_certificates(HCERTSTORE handle, std::vector<bv::ossl::UniquePtr<X509>
   CertStoreObject* store = store_from_handle(handle);
   if (store == nullptr) return false;
   std::lock_guard<std::mutex> lock(store->mutex);
-  for (CertElement* element : store->elements) {
-    X509_up_ref(element->parsed->x509.get());
-    out.emplace_back(element->parsed->x509.get());
+  for (size_t i = 0; i < store->elements.size(); ++i) {
+    X509* cert = parsed_at(*store, i).x509.get();
+    X509_up_ref(cert);
+    out.emplace_back(cert);
   }
   return true;
 }
@@ -688,11 +706,9 @@ HCERTSTORE CertOpenStore(LPCSTR lpszStoreProvider, DWORD /*dwEncodingType*/, HCR
   store->read_only = (dwFlags & CERT_STORE_READONLY_FLAG) != 0;
   if (auto contents = folder_contents(folder)) {
     std::lock_guard<std::mutex> lock(store->mutex);
-    store->elements.reserve(contents->certificates.size());
-    for (const auto& parsed : contents->certificates) {
-      store->elements.push_back(new_element(store, parsed));
-      store->elements.back()->position = store->elements.size() - 1;
-    }
+    store->read = std::shared_ptr<const std::vector<std::shared_ptr<const ParsedCertificate>>>(
+        contents, &contents->certificates);
+    store->elements.assign(contents->certificates.size(), nullptr);
   }
   return store;
 }
@@ -711,7 +727,8 @@ BOOL CertCloseStore(HCERTSTORE hCertStore, DWORD /*dwFlags*/) {
     elements.swap(store->elements);
   }
   store->references.fetch_add(1);  // keep it while its elements go
-  for (CertElement* element : elements) release_element(element);
+  for (CertElement* element : elements)
+    if (element != nullptr) release_element(element);
   release_store(store);
   release_store(store);
   return TRUE;
@@ -747,7 +764,7 @@ PCCERT_CONTEXT CertFindCertificateInStore(HCERTSTORE hCertStore, DWORD /*dwCertE
     start = previous->position + 1;
   }
   for (size_t i = start; i < store->elements.size(); ++i) {
-    if (matches(*store->elements[i], dwFindType, pvFindPara)) return finish(handed_out(store->elements[i]), 0);
+    if (matches(parsed_at(*store, i), dwFindType, pvFindPara)) return finish(handed_out(element_at(*store, i)), 0);
   }
   return finish(nullptr, CRYPT_E_NOT_FOUND);
 }
@@ -768,8 +785,10 @@ BOOL CertAddCertificateContextToStore(HCERTSTORE hCertStore, PCCERT_CONTEXT pCer
     return FALSE;
   }
   std::lock_guard<std::mutex> lock(store->mutex);
-  auto existing = std::find_if(store->elements.begin(), store->elements.end(),
-                               [&](CertElement* e) { return same_certificate(e, *source->parsed); });
+  auto existing = store->elements.end();
+  for (size_t i = 0; i < store->elements.size() && existing == store->elements.end(); ++i)
+    if (same_certificate(parsed_at(*store, i), *source->parsed)) existing = store->elements.begin() + i;
+  if (existing != store->elements.end()) element_at(*store, static_cast<size_t>(existing - store->elements.begin()));
   if (existing != store->elements.end() && dwAddDisposition != CERT_STORE_ADD_ALWAYS) {
     if (dwAddDisposition == CERT_STORE_ADD_NEW) {
       SetLastError(CRYPT_E_EXISTS);
