@@ -10,6 +10,7 @@
 #include <openssl/crypto.h>
 #include <openssl/rand.h>
 
+#include <cctype>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -224,6 +225,7 @@ std::vector<std::string> regions_holding(const std::string& masked_secret) {
       chunk.assign(std::min<unsigned long>(to - start, (1ul << 20) + kPiece - 1), '\0');
       const ssize_t got = pread(memory, chunk.data(), chunk.size(), static_cast<off_t>(start));
       for (ssize_t at = 0; at + static_cast<ssize_t>(kPiece) <= got && !holds; ++at) {
+        if (!std::islower(static_cast<unsigned char>(chunk[at]))) continue;  // the PIN is lower-case letters
         for (size_t i = 0; i < kPiece; ++i) window[i] = static_cast<char>(chunk[at + i] ^ 0x5A);
         holds = pieces.count(window) != 0;
       }

@@ -64,11 +64,15 @@ KeyOpen open_certificate_key(const char* trace_function, PCCERT_CONTEXT cert, Ss
   // A negative length is a PIN no text can have: the call ends here.
   const int32_t pin_length = bv::frame::field_length(info->Password, info->PasswordL);
   if (pin_length < 0) return KeyOpen::CallEnds;
-  const std::string pin = pin_length == 0 ? std::string() : std::string(info->Password, static_cast<size_t>(pin_length));
+  // The terminated copy the provider parameter needs, zeroed when it goes.
+  struct PinCopy {
+    std::string text;
+    ~PinCopy() { SecureZeroMemory(text.data(), text.size()); }
+  } pin{pin_length == 0 ? std::string() : std::string(info->Password, static_cast<size_t>(pin_length))};
   CRYPT_KEY_PROV_PARAM pin_param{};
   pin_param.dwParam = kKeyExchangePinParam;
   if (pin_explicit == 1 && pin_length > 0) {
-    pin_param.pbData = reinterpret_cast<BYTE*>(const_cast<char*>(pin.c_str()));
+    pin_param.pbData = reinterpret_cast<BYTE*>(const_cast<char*>(pin.text.c_str()));
     pin_param.cbData = static_cast<DWORD>(pin_length) + 1;
   }
   pin_param.dwFlags = 0;

@@ -23,7 +23,7 @@ bool release_provider_handle(HCRYPTPROV handle) {
   if (provider == nullptr) return false;
   if (provider->references.fetch_sub(1) == 1) {
     provider->magic = 0;  // a later use of the freed handle is caught, not followed
-    std::fill(provider->pin.begin(), provider->pin.end(), ' ');
+    SecureZeroMemory(provider->pin.data(), provider->pin.size());
     delete provider;
   }
   return true;

@@ -28,7 +28,7 @@ bool pin_of(const KeyProvInfo& info, std::string& pin) {
   return false;
 }
 
-void wipe(std::string& secret) { std::fill(secret.begin(), secret.end(), ' '); }
+void wipe(std::string& secret) { SecureZeroMemory(secret.data(), secret.size()); }
 
 }  // namespace
 }  // namespace bv::platform

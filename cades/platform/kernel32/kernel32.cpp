@@ -100,6 +100,10 @@ SYSTEMTIME system_time_of(const tm& parts, WORD milliseconds) {
 }
 }  // namespace
 
+void SecureZeroMemory(void* destination, size_t length) {
+  if (destination != nullptr && length != 0) explicit_bzero(destination, length);
+}
+
 void GetLocalTime(SYSTEMTIME* time) {
   timespec now{};
   clock_gettime(CLOCK_REALTIME, &now);

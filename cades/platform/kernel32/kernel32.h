@@ -44,6 +44,10 @@ struct FILETIME {
   DWORD dwHighDateTime;
 };
 
+// Overwrites `length` bytes at `destination` with zeros in a way the
+// compiler cannot drop as a dead store: for secrets about to be freed.
+void SecureZeroMemory(void* destination, size_t length);
+
 void GetLocalTime(SYSTEMTIME* time);
 // Both refuse counts of 2^63 and above (ERROR_INVALID_PARAMETER); local time
 // takes the zone's offset at that instant.
