@@ -45,6 +45,7 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY
     "SSF library for SAP application servers: GOST signatures and encryption over OpenSSL 3")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_STRIP_FILES TRUE)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "Brelvantec <bvsapssf@brelvantec.invalid>" CACHE STRING "The .deb's Maintainer")
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)

@@ -26,7 +26,7 @@ std::map<std::string, Command>& commands() {
 // $BVSSF_LIBRARY, else the library beside this program (the build
 // folder), else where an installation puts it relative to this program.
 std::string library_path() {
-  if (const char* path = std::getenv("BVSSF_LIBRARY")) return path;
+  if (const char* path = std::getenv("BVSSF_LIBRARY"); path != nullptr && *path != '\0') return path;
   char self[4096];
   const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
   if (n > 0) {
