@@ -149,6 +149,29 @@ TEST(ToolsCli, OutputThatIsAnInputIsRefused) {
   }
 }
 
+// The completion reads commands and options from the tools' help: a help
+// whose layout changed would leave it with nothing to offer.
+TEST(ToolsCli, BashCompletionOffersCommandsAndOptions) {
+  const struct {
+    const char* words;  // the command line so far; the last word is completed
+    const char* offered;
+  } cases[] = {
+      {"bvssf si", "sign"},
+      {"bvssf sign PKCS7 --", "--signer --detached --certs --help"},
+      {"bvstore import -", "-m --key --password --pin --help"},
+      {"bvtrace help ", "list set flags process wait"},
+      {"bvtsa --l", "--listen --log"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.words);
+    const std::string script = "source " BV_SOURCE_DIR "/tools/completion/bvsapssf.bash; COMP_WORDS=(" +
+                               std::string(c.words) + (std::string(c.words).back() == ' ' ? "\"\"" : "") +
+                               "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _bvsapssf; echo \"${COMPREPLY[*]}\"";
+    EXPECT_EQ(run_checked("PATH=" + quoted(BV_TOOLS_DIR) + ":$PATH bash -c " + quoted(script)),
+              std::string(c.offered) + "\n");
+  }
+}
+
 // Every file an installation holds, below its prefix.
 const std::vector<std::string> kInstalled = {
     "bin/bvssf", "bin/bvstore", "bin/bvtrace", "bin/bvtsa", "include/bvsapssf_api.h",
