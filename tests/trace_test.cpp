@@ -480,10 +480,10 @@ TEST(Bvtrace, ListsAndRefuses) {
         {"list PID", 0, "module libbvsapssf.so: level 3, status 1 enabled"},
         {"list PID", 0, "category BVTraceGeneral: level 0, status 0 inherit"},
         {"list PID", 0, "category BVTraceSnapin: level 0, status 0 inherit"},
-        {"set PID NoSuchName 4 1", 3, "has no module or category NoSuchName"},
-        {"set PID libbvsapssf.so 4 7", 1, "usage"},
-        {"flags PID 4", 1, "usage"},
-        {"set 1 libbvsapssf.so 4 1", 2, "has no trace table"},
+        {"set PID NoSuchName 4 1", 1, "has no module or category NoSuchName"},
+        {"set PID libbvsapssf.so 4 7", 2, "usage"},
+        {"flags PID 4", 2, "usage"},
+        {"set 1 libbvsapssf.so 4 1", 1, "has no trace table"},
         {"list notapid", 2, "not a process id"},
     };
     for (const auto& c : cases) {

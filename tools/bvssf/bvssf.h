@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -34,8 +35,9 @@ std::string rc_name(SSF_RC rc);
 
 // An input file's bytes: a regular file is mapped, so a large input costs
 // no copy of its own (its pages are the page cache's); anything else (a
-// pipe, a device) is read.  An empty path is an empty input.  Exits with a
-// message if unreadable.
+// pipe, a device) is read.  "-" is standard input (mapped too when it is a
+// regular file), and only one input may be.  An empty path is an empty
+// input.  Exits with code 2 and the system's reason if unreadable.
 class InputFile {
  public:
   explicit InputFile(const std::string& path);
@@ -53,7 +55,19 @@ class InputFile {
   void* mapping_ = nullptr;
   std::string read_;
 };
+
+// To be called for an output path before the library is: exits with code 2
+// when it is one of `inputs` (the same file, however named); for "-" the
+// informational lines go to standard error from now on, so that standard
+// output holds the data alone.
+void prepare_output(const std::string& path, const std::vector<std::string>& inputs);
+// Where informational lines go: standard output unless the data does.
+FILE* info();
+// Writes the output ("-": standard output); exits with code 2 and the
+// system's reason if it cannot.
 void write_file(const std::string& path, const unsigned char* data, uint32_t length);
+// "N bytes written to PATH" (or "to standard output") as an informational line.
+void note_written(const std::string& path, uint32_t length, const char* what = "");
 
 // A record as the commands take it: ID[:PROFILE[:PIN]].  The PIN is the
 // rest after the second colon, so it may hold colons itself.
@@ -69,7 +83,8 @@ SSF_RC add_record(const RecordArgument& argument, SsfInfoNode** list, SsfInfo** 
 // "OK", "UNKNOWN", ... for a record's Result.
 const char* result_name(int32_t result);
 
-// Prints the code by name and returns the process exit status for it.
+// Prints the code by name (an informational line) and returns the exit
+// code for it: 0 for SSF_OK, else 1.
 int report(SSF_RC rc);
 
 using CommandFn = int (*)(const std::vector<std::string>& args);
@@ -77,11 +92,15 @@ using CommandFn = int (*)(const std::vector<std::string>& args);
 struct Command {
   const char* name;
   const char* usage;  // arguments after the name
-  const char* help;
+  const char* help;   // one line
   CommandFn run;
+  const char* details = nullptr;  // further lines for `bvssf help NAME`, '\n' between them
 };
 
 // Registers a command at static initialisation; returns true.
 bool add_command(const Command& command);
+
+// The command's usage on standard error; returns the exit code 2.
+int usage_of(const char* name);
 
 }  // namespace bvssf

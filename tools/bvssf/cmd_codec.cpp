@@ -1,5 +1,4 @@
 // encode, decode: the conversion pair on a file.
-#include <cstdio>
 #include <string>
 
 #include "bvssf.h"
@@ -9,7 +8,8 @@ namespace {
 using Convert = decltype(&::SsfEncode);
 
 int convert(Convert function, const std::vector<std::string>& args) {
-  if (args.size() != 3) return 2;
+  if (args.size() != 3) return bvssf::usage_of(function == bvssf::library().SsfEncode ? "encode" : "decode");
+  bvssf::prepare_output(args[2], {args[1]});
   const std::string& format = args[0];
   const bvssf::InputFile input(args[1]);
   unsigned char* output = nullptr;
@@ -19,7 +19,7 @@ int convert(Convert function, const std::vector<std::string>& args) {
                static_cast<int32_t>(input.size()), &output, &length);
   if (rc == SSF_OK) {
     bvssf::write_file(args[2], output, length);
-    std::printf("%u bytes written to %s\n", length, args[2].c_str());
+    bvssf::note_written(args[2], length);
     bvssf::library().SsfDELSsfOctetstring(&output, &length);
   }
   return bvssf::report(rc);

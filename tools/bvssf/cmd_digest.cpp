@@ -14,7 +14,8 @@ int digest(const std::vector<std::string>& args) {
     else
       positional.push_back(arg);
   }
-  if (positional.size() != 4) return 2;
+  if (positional.size() != 4) return bvssf::usage_of("digest");
+  bvssf::prepare_output(positional[3], {positional[2]});
   const std::string& format = positional[0];
   const std::string& hash = positional[1];
   const bvssf::InputFile input(positional[2]);
@@ -28,6 +29,7 @@ int digest(const std::vector<std::string>& args) {
                                   &output, &length);
   if (rc == SSF_OK) {
     bvssf::write_file(positional[3], output, length);
+    bvssf::note_written(positional[3], length);
     lib.SsfDELSsfOctetstring(&output, &length);
   }
   return bvssf::report(rc);
@@ -35,5 +37,7 @@ int digest(const std::vector<std::string>& args) {
 
 const bool registered = bvssf::add_command(
     {"digest", "FORMAT HASHALG IN OUT [--detached]",
-     "SsfDigest: a CMS digested message (PKCS7, CADES, ...) or the bare hash (RAW_GOST) of IN", digest});
+     "SsfDigest: a CMS digested message (PKCS7, CADES, ...) or the bare hash (RAW_GOST) of IN", digest,
+     "HASHALG: a name of `bvssf properties HASHALGS` (a prefix will do), e.g. GOST2012-256.\n"
+     "--detached: the message without its content."});
 }  // namespace

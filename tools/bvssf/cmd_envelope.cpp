@@ -16,12 +16,8 @@ int envelope(const std::vector<std::string>& args) {
     else if (args[i] == "--pab" && i + 1 < args.size()) pab = args[++i];
     else positional.push_back(args[i]);
   }
-  if (positional.size() != 4) {
-    std::fprintf(stderr,
-                 "bvssf envelope: usage: bvssf envelope FORMAT ALG IN OUT --recipient ID [--recipient ID ...] "
-                 "[--pab STORE]\n");
-    return 2;
-  }
+  if (positional.size() != 4) return bvssf::usage_of("envelope");
+  bvssf::prepare_output(positional[3], {positional[2]});
   const auto& lib = bvssf::library();
   const std::string& format = positional[0];
   const std::string& algorithm = positional[1];
@@ -47,10 +43,11 @@ int envelope(const std::vector<std::string>& args) {
                                     static_cast<int32_t>(input.size()), pab.empty() ? nullptr : pab.data(),
                                     static_cast<int32_t>(pab.size()), nullptr, 0, list, &enveloped, &enveloped_length);
   for (size_t i = 0; i < records.size(); ++i)
-    std::printf("recipient %zu: %s (%d)\n", i + 1, bvssf::result_name(records[i]->Result), records[i]->Result);
+    std::fprintf(bvssf::info(), "recipient %zu: %s (%d)\n", i + 1, bvssf::result_name(records[i]->Result),
+                 records[i]->Result);
   if (rc == SSF_OK) {
     bvssf::write_file(positional[3], enveloped, enveloped_length);
-    std::printf("%u bytes written to %s\n", enveloped_length, positional[3].c_str());
+    bvssf::note_written(positional[3], enveloped_length);
     lib.SsfDELSsfOctetstring(&enveloped, &enveloped_length);
   }
   if (list != nullptr) lib.SsfDELSigRcpSsfInfoList(&list);
@@ -64,10 +61,8 @@ int develope(const std::vector<std::string>& args) {
     if (args[i] == "--recipient" && i + 1 < args.size()) recipient_arg = args[++i];
     else positional.push_back(args[i]);
   }
-  if (positional.size() != 3 || recipient_arg.empty()) {
-    std::fprintf(stderr, "bvssf develope: usage: bvssf develope FORMAT IN OUT --recipient ID[:PROFILE[:PIN]]\n");
-    return 2;
-  }
+  if (positional.size() != 3 || recipient_arg.empty()) return bvssf::usage_of("develope");
+  bvssf::prepare_output(positional[2], {positional[1]});
   const auto& lib = bvssf::library();
   const std::string& format = positional[0];
   const bvssf::InputFile message(positional[1]);
@@ -81,10 +76,10 @@ int develope(const std::vector<std::string>& args) {
   rc = lib.SsfDevelope(format.data(), static_cast<int32_t>(format.size()),
                        reinterpret_cast<const unsigned char*>(message.data()), static_cast<int32_t>(message.size()),
                        record, &content, &content_length);
-  std::printf("recipient: %s (%d)\n", bvssf::result_name(record->Result), record->Result);
+  std::fprintf(bvssf::info(), "recipient: %s (%d)\n", bvssf::result_name(record->Result), record->Result);
   if (rc == SSF_OK) {
     bvssf::write_file(positional[2], content, content_length);
-    std::printf("%u bytes written to %s\n", content_length, positional[2].c_str());
+    bvssf::note_written(positional[2], content_length);
     lib.SsfDELSsfOctetstring(&content, &content_length);
   }
   lib.SsfDELSigRcpSsfInfoList(&list);
@@ -93,9 +88,14 @@ int develope(const std::vector<std::string>& args) {
 
 const bool registered_envelope = bvssf::add_command(
     {"envelope", "FORMAT ALG IN OUT --recipient ID [--recipient ID ...] [--pab STORE]",
-     "SsfEnvelope: GOST28147 for every recipient, found in STORE (default Addressbook)", envelope});
+     "SsfEnvelope: GOST28147 for every recipient, found in STORE (default Addressbook)", envelope,
+     "ALG: GOST28147.\n"
+     "--recipient ID: a certificate hash or a DN whose items are all in the subject; once per recipient.\n"
+     "--pab STORE: the store the recipients' certificates are looked up in."});
 
 const bool registered_develope = bvssf::add_command(
     {"develope", "FORMAT IN OUT --recipient ID[:PROFILE[:PIN]]",
-     "SsfDevelope: opens the message with the recipient's key (store PROFILE, default My)", develope});
+     "SsfDevelope: opens the message with the recipient's key (store PROFILE, default My)", develope,
+     "--recipient ID[:PROFILE[:PIN]]: the recipient's certificate, the store it is in (empty: My of the\n"
+     "user; a leading m: the machine's stores) and the PIN of its key."});
 }  // namespace

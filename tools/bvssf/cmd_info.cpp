@@ -19,7 +19,7 @@ int version(const std::vector<std::string>&) {
 }
 
 int properties(const std::vector<std::string>& args) {
-  if (args.size() != 1) return 2;
+  if (args.size() != 1) return bvssf::usage_of("properties");
   const auto& lib = bvssf::library();
   char* value = nullptr;
   uint32_t length = 0;
@@ -33,5 +33,6 @@ int properties(const std::vector<std::string>& args) {
 }
 
 const bool registered = bvssf::add_command({"version", "", "SsfVersion", version}) &&
-                        bvssf::add_command({"properties", "NAME", "SsfQueryProperties", properties});
+                        bvssf::add_command({"properties", "NAME", "SsfQueryProperties", properties,
+                                            "NAME: FORMATS, HASHALGS, ... (a prefix selects a key)"});
 }  // namespace

@@ -8,7 +8,7 @@
 namespace {
 
 int records(const std::vector<std::string>& args) {
-  if (args.empty()) return 2;
+  if (args.empty()) return bvssf::usage_of("records");
   const auto& lib = bvssf::library();
   SsfInfoNode* list = nullptr;
   SSF_RC rc = SSF_OK;

@@ -24,10 +24,8 @@ int sign(const std::vector<std::string>& args) {
       positional.push_back(args[i]);
     }
   }
-  if (positional.size() != 3) {
-    std::fprintf(stderr, "bvssf sign: usage: bvssf sign FORMAT IN OUT --signer ID[:PROFILE[:PIN]] ... [--detached] [--certs]\n");
-    return 2;
-  }
+  if (positional.size() != 3) return bvssf::usage_of("sign");
+  bvssf::prepare_output(positional[2], {positional[1]});
   const auto& lib = bvssf::library();
   const std::string& format = positional[0];
   const bvssf::InputFile input(positional[1]);
@@ -51,10 +49,11 @@ int sign(const std::vector<std::string>& args) {
                                 reinterpret_cast<const unsigned char*>(input.data()),
                                 static_cast<int32_t>(input.size()), list, &signed_data, &signed_length);
   for (size_t i = 0; i < records.size(); ++i)
-    std::printf("signer %zu: %s (%d)\n", i + 1, bvssf::result_name(records[i]->Result), records[i]->Result);
+    std::fprintf(bvssf::info(), "signer %zu: %s (%d)\n", i + 1, bvssf::result_name(records[i]->Result),
+                 records[i]->Result);
   if (rc == SSF_OK) {
     bvssf::write_file(positional[2], signed_data, signed_length);
-    std::printf("%u bytes written to %s\n", signed_length, positional[2].c_str());
+    bvssf::note_written(positional[2], signed_length);
     lib.SsfDELSsfOctetstring(&signed_data, &signed_length);
   }
   if (list != nullptr) lib.SsfDELSigRcpSsfInfoList(&list);
@@ -70,10 +69,8 @@ int verify(const std::vector<std::string>& args) {
     else if (args[i] == "--out" && i + 1 < args.size()) out_file = args[++i];
     else positional.push_back(args[i]);
   }
-  if (positional.size() != 2) {
-    std::fprintf(stderr, "bvssf verify: usage: bvssf verify FORMAT MSG [--content FILE] [--pab STORE] [--out FILE]\n");
-    return 2;
-  }
+  if (positional.size() != 2) return bvssf::usage_of("verify");
+  if (!out_file.empty()) bvssf::prepare_output(out_file, {positional[1], content_file});
   const auto& lib = bvssf::library();
   const std::string& format = positional[0];
   const bvssf::InputFile message(positional[1]);
@@ -92,19 +89,19 @@ int verify(const std::vector<std::string>& args) {
   size_t index = 0;
   for (SsfInfoNode* node = list; node != nullptr; node = node->next) {
     const SsfInfo& info = *node->info;
-    std::printf("signer %zu: %s (%d)\n  id: %.*s\n", ++index, bvssf::result_name(info.Result), info.Result,
-                info.strSigRcpIdL, info.strSigRcpId);
+    std::fprintf(bvssf::info(), "signer %zu: %s (%d)\n  id: %.*s\n", ++index, bvssf::result_name(info.Result),
+                 info.Result, info.strSigRcpIdL, info.strSigRcpId);
     const std::string times(info.Profile != nullptr ? info.Profile : "", info.ProfileL > 0 ? info.ProfileL : 0);
     for (size_t at = 0; at < times.size();) {
       const size_t end = std::min(times.find('\0', at), times.size());
-      std::printf("  %s\n", times.substr(at, end - at).c_str());
+      std::fprintf(bvssf::info(), "  %s\n", times.substr(at, end - at).c_str());
       at = end + 1;
     }
-    std::printf("  certificate: %d bytes\n", info.PasswordL);
+    std::fprintf(bvssf::info(), "  certificate: %d bytes\n", info.PasswordL);
   }
   if (out != nullptr && !out_file.empty()) {
     bvssf::write_file(out_file, out, out_length);
-    std::printf("content: %u bytes written to %s\n", out_length, out_file.c_str());
+    bvssf::note_written(out_file, out_length, "content: ");
   }
   lib.SsfDELSsfOctetstring(&out, &out_length);
   if (list != nullptr) lib.SsfDELSigRcpSsfInfoList(&list);
@@ -121,12 +118,8 @@ int add_sign(const std::vector<std::string>& args) {
     else if (args[i] == "--certs") include_certs = true;
     else positional.push_back(args[i]);
   }
-  if (positional.size() != 3 || signer_arg.empty()) {
-    std::fprintf(stderr,
-                 "bvssf add-sign: usage: bvssf add-sign FORMAT MSG OUT --signer ID[:PROFILE[:PIN]] [--content FILE] "
-                 "[--certs]\n");
-    return 2;
-  }
+  if (positional.size() != 3 || signer_arg.empty()) return bvssf::usage_of("add-sign");
+  bvssf::prepare_output(positional[2], {positional[1], content_file});
   const auto& lib = bvssf::library();
   const std::string& format = positional[0];
   const bvssf::InputFile message(positional[1]);
@@ -142,10 +135,10 @@ int add_sign(const std::vector<std::string>& args) {
                       reinterpret_cast<const unsigned char*>(message.data()), static_cast<int32_t>(message.size()),
                       content_file.empty() ? nullptr : reinterpret_cast<const unsigned char*>(content.data()),
                       static_cast<int32_t>(content.size()), record, &signed_data, &signed_length);
-  std::printf("signer: %s (%d)\n", bvssf::result_name(record->Result), record->Result);
+  std::fprintf(bvssf::info(), "signer: %s (%d)\n", bvssf::result_name(record->Result), record->Result);
   if (rc == SSF_OK) {
     bvssf::write_file(positional[2], signed_data, signed_length);
-    std::printf("%u bytes written to %s\n", signed_length, positional[2].c_str());
+    bvssf::note_written(positional[2], signed_length);
     lib.SsfDELSsfOctetstring(&signed_data, &signed_length);
   }
   lib.SsfDELSigRcpSsfInfoList(&list);
@@ -154,13 +147,25 @@ int add_sign(const std::vector<std::string>& args) {
 
 const bool registered_add_sign = bvssf::add_command(
     {"add-sign", "FORMAT MSG OUT --signer ID[:PROFILE[:PIN]] [--content FILE] [--certs]",
-     "SsfAddSign: one more signer for a signed message (the content of a detached one from FILE)", add_sign});
+     "SsfAddSign: one more signer for a signed message (the content of a detached one from FILE)", add_sign,
+     "--signer ID[:PROFILE[:PIN]]: looked up as for sign.\n"
+     "--content FILE: the content of a detached message.\n"
+     "--certs: the new signer's certificate goes into the message."});
 
 const bool registered_verify = bvssf::add_command(
     {"verify", "FORMAT MSG [--content FILE] [--pab STORE] [--out FILE]",
-     "SsfVerify: each signer's identifier, result, signing and time stamp times", verify});
+     "SsfVerify: each signer's identifier, result, signing and time stamp times", verify,
+     "--content FILE: the content of a detached message.\n"
+     "--pab STORE: where signers' certificates missing from the message are looked up.\n"
+     "--out FILE: the content the message carries is written there."});
 
 const bool registered = bvssf::add_command(
     {"sign", "FORMAT IN OUT --signer ID[:PROFILE[:PIN]] ... [--detached] [--certs]",
-     "SsfSign: PKCS7, PKCS7_ANY, CADES, PKCS7_CADES, RAW_GOST, RAW_GOST_INVERTED", sign});
+     "SsfSign: PKCS7, PKCS7_ANY, CADES, PKCS7_CADES, RAW_GOST, RAW_GOST_INVERTED", sign,
+     "--signer ID[:PROFILE[:PIN]]: once per signer.  ID is a certificate hash (hex digits, blanks\n"
+     "allowed) or a DN whose items are all in the subject; PROFILE the store (empty: My of the user;\n"
+     "a leading m: the machine's stores, u: the user's); PIN the key's.\n"
+     "--detached: the message without its content.\n"
+     "--certs: the signers' certificates go into the message.\n"
+     "Nothing is written unless every signer was found."});
 }  // namespace

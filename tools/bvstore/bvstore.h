@@ -5,16 +5,24 @@
 #include <vector>
 
 #include "certificate_factory.h"
+#include "cli.h"
 #include "wintypes.h"
 
 namespace bvstore {
 
 using bv::pki::certificate_hash;
 
-// Thrown for anything that ends a command; main prints it and exits 1.
+// Thrown for anything that ends a command; main prints it and exits with
+// its code.
 struct Failure {
   std::string text;
+  int exit_code = bv::cli::kRefused;
 };
+
+// A file that cannot be read or written, with the system's reason.
+inline Failure file_failure(const std::string& verb, const std::string& path, int error = errno) {
+  return {bv::cli::file_error(verb, path, error), bv::cli::kUsageOrFile};
+}
 
 void write_der_certificate(const std::string& path, X509* certificate);
 void write_der_crl(const std::string& path, X509_CRL* crl);

@@ -51,7 +51,7 @@ void write_key(const std::string& path, EVP_PKEY* key, const std::string& pin) {
 }
 
 void write_text(const std::string& path, const std::string& text) {
-  if (bv::platform::replace_file(path, text, 0644) != 0) throw Failure{"cannot write " + path};
+  if (const int error = bv::platform::replace_file(path, text, 0644)) throw file_failure("write", path, error);
 }
 
 struct Service {
@@ -161,7 +161,7 @@ int run_demo(const std::string& directory) {
   write_der_crl(root_store + "/demo-root.crl", issue_crl(root.get(), root_key.get(), {}, -kDay, 30 * kDay).get());
   write_der_crl(ca_store + "/demo-ca.crl", issue_crl(ca.get(), ca_key.get(), revoked, -kDay, 30 * kDay).get());
   manifest.close();
-  if (!manifest) throw Failure{"cannot write " + directory + "/demo.txt"};
+  if (!manifest) throw file_failure("write", directory + "/demo.txt");
 
   std::printf("Demo PKI written to %s\n", directory.c_str());
   std::printf("  BV_PLATFORM_LOCAL_APPDATA=%s\n  BV_PLATFORM_COMMON_APPDATA=%s\n", local.c_str(), common.c_str());

@@ -15,7 +15,7 @@ void check(bool ok, const std::string& what) {
 }  // namespace
 
 void make_folders(const std::string& path) {
-  if (bv::platform::make_directories(path, 0755) != 0) throw Failure{"cannot create " + path};
+  if (const int error = bv::platform::make_directories(path, 0755)) throw file_failure("create", path, error);
 }
 
 // Written beside and renamed into place, so a reader of the store never
@@ -26,12 +26,13 @@ void write_der_certificate(const std::string& path, X509* certificate) {
   check(length > 0, "writing " + path);
   const int error = bv::platform::replace_file(path, std::string_view(reinterpret_cast<char*>(der), length), 0644);
   OPENSSL_free(der);
-  if (error != 0) throw Failure{"cannot write " + path};
+  if (error != 0) throw file_failure("write", path, error);
 }
 
 void write_der_crl(const std::string& path, X509_CRL* crl) {
   bv::ossl::UniquePtr<BIO> out(BIO_new_file(path.c_str(), "wb"));
-  check(out && i2d_X509_CRL_bio(out.get(), crl) == 1, "writing " + path);
+  if (!out) throw file_failure("write", path);
+  check(i2d_X509_CRL_bio(out.get(), crl) == 1, "writing " + path);
 }
 
 }  // namespace bvstore

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iostream>
 #include <sstream>
 #include <stdexcept>
 
@@ -20,16 +21,49 @@
 namespace bvstore {
 namespace {
 
-const char kUsage[] =
-    "usage: bvstore create [-m] STORE\n"
-    "       bvstore list [-m] [STORE]\n"
-    "       bvstore import [-m] STORE FILE [--key KEYFILE] [--password PASSWORD] [--pin PIN]\n"
-    "       bvstore hash FILE\n"
-    "       bvstore delete [-m] STORE HASH\n"
-    "       bvstore demo DIR\n"
-    "Stores are those of the current user unless -m names the local machine's.\n"
-    "FILE is a certificate (PEM or DER) or a PKCS #12 file; the key is stored\n"
-    "beside the certificate, encrypted under PIN (plain when PIN is empty).\n";
+const bv::cli::Help kHelp{
+    "bvstore",
+    {"COMMAND [-m] [ARGUMENTS]", "help [COMMAND] | --help | --version"},
+    "Creates, lists, fills and empties the certificate stores and key files the library reads.",
+    "Stores are folders of certificate files (docs/stores-and-keys.md of the installed documentation);\n"
+    "a certificate's key is a key file beside it.",
+    {{"Commands",
+      {{"create [-m] STORE", "Creates the store's folder and prints it."},
+       {"list [-m] [STORE]",
+        "Without STORE, the stores of the location; with it, each certificate: hash (its SSF identity),\n"
+        "subject, validity, [key] when it has a key file, issuer."},
+       {"import [-m] STORE FILE [--key KEYFILE] [--password PASSWORD] [--pin PIN]",
+        "Puts a certificate into STORE.  FILE is a certificate (PEM or DER, - for standard input) or a\n"
+        "PKCS #12 file; the key (from the PKCS #12 file, a PEM FILE holding both, or KEYFILE) is\n"
+        "stored beside the certificate, encrypted under PIN (plain when PIN is empty)."},
+       {"hash FILE", "The certificate's hash, as list shows it and as an SSF identity takes it."},
+       {"delete [-m] STORE HASH", "Removes the certificate with that hash (40 hex digits) and its key file."},
+       {"demo DIR",
+        "Writes a complete GOST demo PKI into DIR: root, CA, signers, recipients, CRLs, the time stamp\n"
+        "authority and OCSP responder, and DIR/demo.txt with every certificate, hash and PIN."}}},
+     {"Options",
+      {{"-m", "the local machine's stores (folder 35) instead of the current user's (folder 28)"},
+       {"-u", "the current user's stores (the default)"},
+       {"--key KEYFILE", "the certificate's key, PKCS #8 in PEM or DER, encrypted or not"},
+       {"--password PASSWORD", "opens the PKCS #12 file, or an encrypted key"},
+       {"--pin PIN", "the PIN the stored key is encrypted under"}}},
+     {"Environment",
+      {{"BV_PLATFORM_LOCAL_APPDATA", "folder 28, of the user's stores; else $XDG_DATA_HOME, else ~/.local/share"},
+       {"BV_PLATFORM_COMMON_APPDATA", "folder 35, of the machine's stores; else /var/opt"}}},
+     bv::cli::exit_status("refused: no such store or certificate, not a certificate, a wrong password,\n"
+                          "a key that is not the certificate's")}};
+
+// Thrown for wrong arguments: main prints it with the usage hint, exits 2.
+struct UsageFailure {
+  std::string text;
+};
+
+// Wrong arguments for `command`: its usage line.
+UsageFailure usage_of(const std::string& command) {
+  for (const bv::cli::Entry& entry : kHelp.sections[0].entries)
+    if (entry.term.compare(0, command.size() + 1, command + " ") == 0) return {"usage: bvstore " + entry.term};
+  return {"no command " + command};
+}
 
 struct Arguments {
   DWORD location = CERT_SYSTEM_STORE_CURRENT_USER;
@@ -43,7 +77,7 @@ Arguments parse_arguments(int argc, char** argv) {
   for (int i = 2; i < argc; ++i) {
     const std::string word = argv[i];
     auto value = [&]() -> std::string {
-      if (i + 1 >= argc) throw Failure{word + " needs a value"};
+      if (i + 1 >= argc) throw UsageFailure{word + " needs a value"};
       return argv[++i];
     };
     if (word == "-m") {
@@ -64,11 +98,16 @@ Arguments parse_arguments(int argc, char** argv) {
   return arguments;
 }
 
+// The whole file; "-" is standard input.
 std::string read_bytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw Failure{"cannot read " + path};
+  std::ifstream file;
+  if (!bv::cli::is_standard_stream(path)) {
+    file.open(path, std::ios::binary);
+    if (!file) throw file_failure("read", path);
+  }
   std::ostringstream bytes;
-  bytes << in.rdbuf();
+  bytes << (file.is_open() ? file.rdbuf() : std::cin.rdbuf());
+  if (bytes.str().empty() && (file.is_open() ? file.bad() : std::cin.bad())) throw file_failure("read", path);
   return bytes.str();
 }
 
@@ -97,7 +136,7 @@ std::string date_of(const FILETIME& time) {
 }
 
 int command_create(const Arguments& arguments) {
-  if (arguments.words.size() != 1) throw Failure{kUsage};
+  if (arguments.words.size() != 1) throw usage_of("create");
   const std::string folder = folder_of(arguments, arguments.words[0]);
   make_folders(folder);
   std::printf("%s\n", folder.c_str());
@@ -121,7 +160,7 @@ int command_list(const Arguments& arguments) {
     for (const std::string& name : names) std::printf("%s\n", name.c_str());
     return 0;
   }
-  if (arguments.words.size() != 1) throw Failure{kUsage};
+  if (arguments.words.size() != 1) throw usage_of("list");
   const std::u16string name = bv::platform::utf16_of(arguments.words[0]);
   HCERTSTORE store = CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0,
                                    arguments.location | CERT_STORE_OPEN_EXISTING_FLAG | CERT_STORE_READONLY_FLAG,
@@ -181,7 +220,7 @@ void read_certificate_file(const std::string& path, const Arguments& arguments, 
 }
 
 int command_import(const Arguments& arguments) {
-  if (arguments.words.size() != 2) throw Failure{kUsage};
+  if (arguments.words.size() != 2) throw usage_of("import");
   const std::string folder = folder_of(arguments, arguments.words[0]);
   bv::ossl::UniquePtr<X509> certificate;
   bv::ossl::UniquePtr<EVP_PKEY> key;
@@ -206,7 +245,7 @@ int command_import(const Arguments& arguments) {
 }
 
 int command_hash(const Arguments& arguments) {
-  if (arguments.words.size() != 1) throw Failure{kUsage};
+  if (arguments.words.size() != 1) throw usage_of("hash");
   bv::ossl::UniquePtr<X509> certificate;
   bv::ossl::UniquePtr<EVP_PKEY> key;
   read_certificate_file(arguments.words[0], arguments, certificate, key);
@@ -215,7 +254,7 @@ int command_hash(const Arguments& arguments) {
 }
 
 int command_delete(const Arguments& arguments) {
-  if (arguments.words.size() != 2) throw Failure{kUsage};
+  if (arguments.words.size() != 2) throw usage_of("delete");
   const std::string& hex = arguments.words[1];
   BYTE hash[20];
   if (hex.size() != 40) throw Failure{"a hash has 40 hexadecimal digits"};
@@ -253,9 +292,10 @@ int command_delete(const Arguments& arguments) {
 
 int main(int argc, char** argv) {
   using namespace bvstore;
+  if (const auto handled = bv::cli::common_arguments(kHelp, argc, argv)) return *handled;
   if (argc < 2) {
-    std::fputs(kUsage, stderr);
-    return 2;
+    bv::cli::print_help(kHelp, stderr);
+    return bv::cli::kUsageOrFile;
   }
   const std::string command = argv[1];
   try {
@@ -266,14 +306,15 @@ int main(int argc, char** argv) {
     if (command == "hash") return command_hash(arguments);
     if (command == "delete") return command_delete(arguments);
     if (command == "demo") {
-      if (arguments.words.size() != 1) throw Failure{kUsage};
+      if (arguments.words.size() != 1) throw usage_of("demo");
       return run_demo(arguments.words[0]);
     }
-    std::fputs(kUsage, stderr);
-    return 2;
+    throw usage_of(command);
+  } catch (const UsageFailure& failure) {
+    return bv::cli::usage_error("bvstore", failure.text);
   } catch (const Failure& failure) {
     std::fprintf(stderr, "bvstore: %s\n", failure.text.c_str());
-    return 1;
+    return failure.exit_code;
   } catch (const std::runtime_error& failure) {  // from the certificate factory
     std::fprintf(stderr, "bvstore: %s\n", failure.what());
     return 1;

@@ -13,29 +13,44 @@
 #include <ctime>
 #include <string>
 
+#include "cli.h"
 #include "trace/table.h"
 
 namespace {
 
 using namespace bv::trace;
 
-constexpr int kUsage = 1;
-constexpr int kNoTable = 2;
-constexpr int kNotFound = 3;
+// A process without a table, a name it does not have, nobody announcing
+// itself: the tool's refusals.
+constexpr int kNoTable = bv::cli::kRefused;
+constexpr int kNotFound = bv::cli::kRefused;
 
-int usage() {
-  std::fputs(
-      "usage:\n"
-      "  bvtrace list [PID]                         modules and categories of a process (all processes without PID)\n"
-      "  bvtrace set PID MODULE|CATEGORY LEVEL STATUS\n"
-      "                                             LEVEL 0-4; STATUS 0 inherit, 1 enabled, 2 disabled\n"
-      "                                             (or the words); a module name ignores case, a category\n"
-      "                                             name is exact and changes every category of that name\n"
-      "  bvtrace flags PID N                        process flags: bit 0 category names, bit 1 file and line\n"
-      "  bvtrace process PID LEVEL on|off           the process level and whether it counts\n"
-      "  bvtrace wait [SECONDS]                     waits until a process registers or loads its settings\n",
-      stderr);
-  return kUsage;
+const bv::cli::Help kHelp{
+    "bvtrace",
+    {"COMMAND [ARGUMENTS]", "help [COMMAND] | --help | --version"},
+    "Reads and changes the trace levels of running processes that have loaded the library.",
+    "Each process that loads the library keeps its trace settings in a table in shared memory\n"
+    "(/dev/shm); the next line the process writes obeys a change made here.  See\n"
+    "docs/configuration.md of the installed documentation for the settings files.",
+    {{"Commands",
+      {{"list [PID]", "The modules and categories of a process, with levels and status (every process that\n"
+                      "has a table, without PID)."},
+       {"set PID MODULE|CATEGORY LEVEL STATUS",
+        "LEVEL 0-4; STATUS 0 inherit, 1 enabled, 2 disabled (or the words).  A module name ignores\n"
+        "case; a category name is exact and changes every category of that name."},
+       {"flags PID N", "The process flags: bit 0 category names, bit 1 file and line."},
+       {"process PID LEVEL on|off", "The process level, and whether it counts."},
+       {"wait [SECONDS]", "Waits (30 seconds unless told) until a process registers or loads its settings,\n"
+                          "then prints \"announced\"."}}},
+     bv::cli::exit_status("the process has no trace table, or no such module or category, or nobody\n"
+                          "announced itself in time")}};
+
+// Wrong arguments for `command`: its usage line.
+int usage(const std::string& command) {
+  for (const bv::cli::Entry& entry : kHelp.sections[0].entries)
+    if (entry.term.compare(0, command.size(), command) == 0)
+      return bv::cli::usage_error("bvtrace", "usage: bvtrace " + entry.term);
+  return bv::cli::usage_error("bvtrace", "no command " + command);
 }
 
 const char* status_name(uint32_t status) {
@@ -72,18 +87,17 @@ bool parse_status(const char* text, uint32_t& status) {
   return false;
 }
 
-bool open_table_of(const char* pid_text, pid_t& pid) {
+// 0 when the table of the process is open, else the exit code.
+int open_table_of(const char* pid_text, pid_t& pid) {
   unsigned long number = 0;
-  if (!parse_number(pid_text, 0x7fffffff, number) || number == 0) {
-    std::fprintf(stderr, "bvtrace: not a process id: %s\n", pid_text);
-    return false;
-  }
+  if (!parse_number(pid_text, 0x7fffffff, number) || number == 0)
+    return bv::cli::usage_error("bvtrace", std::string("not a process id: ") + pid_text);
   pid = static_cast<pid_t>(number);
   if (!open_process_table(pid)) {
     std::fprintf(stderr, "bvtrace: process %lu has no trace table (%s)\n", number, table_name(pid).c_str());
-    return false;
+    return kNoTable;
   }
-  return true;
+  return bv::cli::kDone;
 }
 
 void print_table(pid_t pid) {
@@ -125,7 +139,7 @@ int list_all() {
 int set_levels(pid_t pid, const char* name, const char* level_text, const char* status_text) {
   unsigned long level = 0;
   uint32_t status = 0;
-  if (!parse_number(level_text, 0xffffffffUL, level) || !parse_status(status_text, status)) return usage();
+  if (!parse_number(level_text, 0xffffffffUL, level) || !parse_status(status_text, status)) return usage("set");
   const int module = find_module(name, true);
   if (module != kNoId) {
     set_module(module, static_cast<uint32_t>(level), status);
@@ -145,7 +159,7 @@ int set_levels(pid_t pid, const char* name, const char* level_text, const char* 
 
 int wait_for_announce(const char* seconds_text) {
   unsigned long seconds = 30;
-  if (seconds_text != nullptr && !parse_number(seconds_text, 86400, seconds)) return usage();
+  if (seconds_text != nullptr && !parse_number(seconds_text, 86400, seconds)) return usage("wait");
   // A fresh semaphore: one left behind would hold the posts of every load
   // since, and the wait would end at once.
   sem_unlink(kAnnounceSemaphore);
@@ -173,25 +187,29 @@ int wait_for_announce(const char* seconds_text) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 2) return usage();
+  if (const auto handled = bv::cli::common_arguments(kHelp, argc, argv)) return *handled;
+  if (argc < 2) {
+    bv::cli::print_help(kHelp, stderr);
+    return bv::cli::kUsageOrFile;
+  }
   const std::string command = argv[1];
   pid_t pid = 0;
   if (command == "list") {
     if (argc == 2) return list_all();
-    if (argc != 3) return usage();
-    if (!open_table_of(argv[2], pid)) return kNoTable;
+    if (argc != 3) return usage(command);
+    if (const int code = open_table_of(argv[2], pid)) return code;
     print_table(pid);
     return 0;
   }
   if (command == "set") {
-    if (argc != 6) return usage();
-    if (!open_table_of(argv[2], pid)) return kNoTable;
+    if (argc != 6) return usage(command);
+    if (const int code = open_table_of(argv[2], pid)) return code;
     return set_levels(pid, argv[3], argv[4], argv[5]);
   }
   if (command == "flags") {
     unsigned long flags = 0;
-    if (argc != 4 || !parse_number(argv[3], 3, flags)) return usage();
-    if (!open_table_of(argv[2], pid)) return kNoTable;
+    if (argc != 4 || !parse_number(argv[3], 3, flags)) return usage(command);
+    if (const int code = open_table_of(argv[2], pid)) return code;
     ProcessSettings process = read_process();
     process.func_and_category_names = (flags & 1) != 0;
     process.file_name_and_line_no = (flags & 2) != 0;
@@ -202,8 +220,8 @@ int main(int argc, char** argv) {
     unsigned long level = 0;
     if (argc != 5 || !parse_number(argv[3], 0xffffffffUL, level) ||
         (std::strcmp(argv[4], "on") != 0 && std::strcmp(argv[4], "off") != 0))
-      return usage();
-    if (!open_table_of(argv[2], pid)) return kNoTable;
+      return usage(command);
+    if (const int code = open_table_of(argv[2], pid)) return code;
     ProcessSettings process = read_process();
     process.level = static_cast<uint32_t>(level);
     process.enabled = std::strcmp(argv[4], "on") == 0;
@@ -211,8 +229,8 @@ int main(int argc, char** argv) {
     return 0;
   }
   if (command == "wait") {
-    if (argc > 3) return usage();
+    if (argc > 3) return usage(command);
     return wait_for_announce(argc == 3 ? argv[2] : nullptr);
   }
-  return usage();
+  return usage(command);
 }

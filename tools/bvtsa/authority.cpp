@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "certificate_factory.h"
+#include "cli.h"
 #include "crypt32/keys.h"
 #include "kernel32/files.h"
 
@@ -20,6 +21,7 @@ void check(bool ok, const std::string& what) {
 }
 
 std::vector<UniquePtr<X509>> certificates_in(const std::string& path) {
+  bv::cli::require_readable(path);
   const std::string bytes = bv::platform::read_whole_file(path);
   if (bytes.empty()) throw std::runtime_error("cannot read " + path);
   auto certificates = bv::pki::certificates_of(bytes);
@@ -29,6 +31,7 @@ std::vector<UniquePtr<X509>> certificates_in(const std::string& path) {
 
 UniquePtr<EVP_PKEY> key_in(const AuthoritySettings& settings) {
   UniquePtr<EVP_PKEY> key;
+  bv::cli::require_readable(settings.key_file);
   switch (bv::platform::read_key_file(settings.key_file, settings.pin, key)) {
     case bv::platform::KeyFileResult::kOpened:
       return key;

@@ -15,18 +15,36 @@
 #include <stdexcept>
 
 #include "authority.h"
+#include "cli.h"
 #include "http.h"
 
 namespace bvtsa {
 namespace {
 
-const char kUsage[] =
-    "usage: bvtsa --listen ADDRESS:PORT --cert FILE --key FILE [--pin PIN] [--chain FILE]\n"
-    "             [--policy OID] [--serial-file FILE] [--log FILE] [--timeout SECONDS]\n"
-    "Serves RFC 3161 time stamps over HTTP POST on ADDRESS (IPv4, e.g. 127.0.0.1);\n"
-    "port 0 picks a free one. The first line on standard output is\n"
-    "\"listening on ADDRESS:PORT\". One log line per request goes to standard error\n"
-    "or to the --log file.\n";
+const bv::cli::Help kHelp{
+    "bvtsa",
+    {"--listen ADDRESS:PORT --cert FILE --key FILE [--pin PIN] [--chain FILE] [--policy OID] "
+     "[--serial-file FILE] [--log FILE] [--timeout SECONDS]",
+     "help [OPTION] | --help | --version"},
+    "Serves RFC 3161 time stamps over HTTP POST, for trials and tests of the library.",
+    "One request at a time.  The first line on standard output is \"listening on ADDRESS:PORT\".\n"
+    "One log line per request (TIME PEER HTTP-STATUS TS-STATUS SERIAL [NOTE]) goes to standard\n"
+    "error or to the --log file.  SIGTERM or SIGINT stops it.  See docs/bvtsa.md of the\n"
+    "installed documentation.",
+    {{"Options",
+      {{"--listen ADDRESS:PORT", "an IPv4 address and port (0 picks a free one)"},
+       {"--cert FILE", "the authority's certificate, PEM or DER: extended key usage timeStamping,\n"
+                       "critical, and no other"},
+       {"--key FILE", "its private key, PKCS #8 in PEM or DER, encrypted or plain"},
+       {"--pin PIN", "opens an encrypted key"},
+       {"--chain FILE", "certificates (PEM or DER) that go into every token"},
+       {"--policy OID", "the policy of the tokens (a demonstration one unless given)"},
+       {"--serial-file FILE", "the last serial number issued, in hexadecimal; beside the certificate\n"
+                              "(tsa.pem keeps it in tsa.serial) unless given"},
+       {"--log FILE", "appends the log lines there"},
+       {"--timeout SECONDS", "for reading a request and writing its answer (10 unless given)"}}},
+     bv::cli::exit_status("the authority cannot serve: the key is not the certificate's, a wrong --pin,\n"
+                          "a certificate not for time stamping, the address cannot be listened on")}};
 
 // Examples arc of X.660: a demonstration policy, to be replaced by the
 // authority's own with --policy.
@@ -50,7 +68,6 @@ Options parse_options(int argc, char** argv) {
   options.authority.policy = kDemoPolicy;
   for (int i = 1; i < argc; ++i) {
     const std::string word = argv[i];
-    if (word == "--help") throw UsageError{};
     if (i + 1 >= argc) throw UsageError{word + " needs a value"};
     const std::string value = argv[++i];
     if (word == "--listen") {
@@ -153,7 +170,7 @@ void serve_one(int client, const sockaddr_in& peer, TimeStampAuthority& authorit
 int run(const Options& options) {
   FILE* log = stderr;
   if (!options.log_file.empty() && (log = std::fopen(options.log_file.c_str(), "a")) == nullptr)
-    throw std::runtime_error("cannot open " + options.log_file + ": " + std::strerror(errno));
+    throw bv::cli::FileError(bv::cli::file_error("write", options.log_file));
   AuthoritySettings settings = options.authority;
   settings.pin = options.has_pin ? &options.pin : nullptr;
   TimeStampAuthority authority(settings);
@@ -207,14 +224,16 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
   using namespace bvtsa;
+  if (const auto handled = bv::cli::common_arguments(kHelp, argc, argv)) return *handled;
   try {
     return run(parse_options(argc, argv));
   } catch (const UsageError& error) {
-    if (error.text.empty()) return std::fputs(kUsage, stdout), 0;
-    std::fprintf(stderr, "bvtsa: %s\n%s", error.text.c_str(), kUsage);
-    return 2;
+    return bv::cli::usage_error("bvtsa", error.text);
+  } catch (const bv::cli::FileError& error) {
+    std::fprintf(stderr, "bvtsa: %s\n", error.what());
+    return bv::cli::kUsageOrFile;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "bvtsa: %s\n", error.what());
-    return 1;
+    return bv::cli::kRefused;
   }
 }
