@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -213,6 +214,55 @@ TEST(Install, DebianPackage) {
   for (const char* package : {"libssl3", "libengine-gost-openssl", "libcurl4", "locales"})
     EXPECT_TRUE(contains(depends, package)) << depends;
   EXPECT_TRUE(contains(run_checked("dpkg-deb --info " + deb + " postinst"), "ru_RU.CP1251 CP1251"));
+}
+
+// bvstore check on a demo PKI: the cause of every refusal in words, as an
+// administrator needs it, and OK for a good signer.
+TEST(BvstoreCheck, NamesTheCauseOfEachRefusal) {
+  TempDir dir;
+  const std::string env = "BV_PLATFORM_COMMON_APPDATA=" + quoted(dir / "common") +
+                          " BV_PLATFORM_LOCAL_APPDATA=" + quoted(dir / "local") + " ";
+  ASSERT_EQ(run(env + kTools + "bvstore demo " + quoted(dir.path())).status, 0);
+  const std::string stores = dir / "common/Brelvantec/Certificates/";
+  const std::string my = dir / "local/Brelvantec/Certificates/My/";
+  struct Case {
+    const char* name;
+    std::function<void()> before;  // may be null
+    std::string record;
+    int status;
+    std::string says;
+  };
+  const Case cases[] = {
+      {"a good signer and its PIN", nullptr, "CN=Demo Signer 2012-256::22222222", 0, "OK: candidate 1 signs."},
+      {"a wrong PIN", nullptr, "CN=Demo Signer 2012-256::22222223", 1, "PIN: wrong"},
+      {"revoked", nullptr, "CN=Demo Signer Revoked::66666666", 1, "revoked: CN=Demo Signer Revoked"},
+      {"expired", nullptr, "CN=Demo Signer Expired::88888888", 1, "not valid now: CN=Demo Signer Expired"},
+      {"no such store", nullptr, "CN=Demo Signer 2001:Mx", 1, "Certificates: Addressbook My"},
+      {"no key", [&] { std::filesystem::remove(my + "10-signer-2001.key"); }, "CN=Demo Signer 2001::11111111", 1,
+       "key: none"},
+      {"no CRL for the CA", [&] { std::filesystem::remove(stores + "CA/demo-ca.crl"); },
+       "CN=Demo Signer 2012-512::33333333", 1,
+       "revocation status unknown: no CRL or OCSP answer for CN=Demo Signer 2012-512 — import its CA's CRL with "
+       "`bvstore import -m CA file.crl`"},
+      {"an untrusted root", [&] { std::filesystem::rename(stores + "Root/demo-root.cer", stores + "CA/demo-root.cer"); },
+       "CN=Demo Signer 2012-512::33333333", 1, "untrusted root: CN=Demo Root CA is in no Root store"},
+      {"no root at all", [&] { std::filesystem::remove(stores + "CA/demo-root.cer"); },
+       "CN=Demo Signer 2012-512::33333333", 1, "no issuer found above CN=Demo Issuing CA — import its issuer's"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.before) c.before();
+    const Streams r = run(env + kTools + "bvstore check " + quoted(c.record));
+    EXPECT_EQ(r.status, c.status) << r.out << r.err;
+    EXPECT_TRUE(contains(r.out, c.says)) << r.out;
+    EXPECT_FALSE(contains(r.out, "3333333")) << "a PIN in the output";
+  }
+  // bvssf points a refused signer there.
+  write_file(dir / "in", "data");
+  const Streams sign = run(env + kTools + "bvssf sign PKCS7 " + quoted(dir / "in") + " " + quoted(dir / "out") +
+                           " --signer 'CN=Demo Signer Revoked::66666666'");
+  EXPECT_EQ(sign.status, 1);
+  EXPECT_TRUE(contains(sign.out, "why: bvstore check 'CN=Demo Signer Revoked::PIN'")) << sign.out;
 }
 
 }  // namespace

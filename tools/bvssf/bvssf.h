@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "bvsapssf_api.h"
+#include "cli.h"
 
 namespace bvssf {
 
@@ -69,12 +70,12 @@ void write_file(const std::string& path, const unsigned char* data, uint32_t len
 // "N bytes written to PATH" (or "to standard output") as an informational line.
 void note_written(const std::string& path, uint32_t length, const char* what = "");
 
-// A record as the commands take it: ID[:PROFILE[:PIN]].  The PIN is the
-// rest after the second colon, so it may hold colons itself.
-struct RecordArgument {
-  std::string id, profile, pin;
-};
-RecordArgument parse_record(const std::string& text);
+using bv::cli::parse_record;
+using bv::cli::RecordArgument;
+
+// The one line that sends an administrator from a refused signer to the
+// tool that explains the refusal (never with the PIN).
+void point_to_check(const RecordArgument& signer);
 
 // A new record for `argument` appended to `list` (which frees it); the
 // library's code when it refuses.

@@ -48,9 +48,11 @@ int sign(const std::vector<std::string>& args) {
                                 include_certs ? 1 : 0, detached ? 1 : 0,
                                 reinterpret_cast<const unsigned char*>(input.data()),
                                 static_cast<int32_t>(input.size()), list, &signed_data, &signed_length);
-  for (size_t i = 0; i < records.size(); ++i)
+  for (size_t i = 0; i < records.size(); ++i) {
     std::fprintf(bvssf::info(), "signer %zu: %s (%d)\n", i + 1, bvssf::result_name(records[i]->Result),
                  records[i]->Result);
+    if (records[i]->Result != SSF_RES_OK) bvssf::point_to_check(signer_args[i]);
+  }
   if (rc == SSF_OK) {
     bvssf::write_file(positional[2], signed_data, signed_length);
     bvssf::note_written(positional[2], signed_length);
@@ -136,6 +138,7 @@ int add_sign(const std::vector<std::string>& args) {
                       content_file.empty() ? nullptr : reinterpret_cast<const unsigned char*>(content.data()),
                       static_cast<int32_t>(content.size()), record, &signed_data, &signed_length);
   std::fprintf(bvssf::info(), "signer: %s (%d)\n", bvssf::result_name(record->Result), record->Result);
+  if (record->Result != SSF_RES_OK) bvssf::point_to_check(bvssf::parse_record(signer_arg));
   if (rc == SSF_OK) {
     bvssf::write_file(positional[2], signed_data, signed_length);
     bvssf::note_written(positional[2], signed_length);

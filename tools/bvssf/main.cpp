@@ -158,15 +158,8 @@ int report(SSF_RC rc) {
   return rc == SSF_OK ? bv::cli::kDone : bv::cli::kRefused;
 }
 
-RecordArgument parse_record(const std::string& text) {
-  RecordArgument record;
-  const size_t first = text.find(':');
-  record.id = text.substr(0, first);
-  if (first == std::string::npos) return record;
-  const size_t second = text.find(':', first + 1);
-  record.profile = text.substr(first + 1, second == std::string::npos ? std::string::npos : second - first - 1);
-  if (second != std::string::npos) record.pin = text.substr(second + 1);
-  return record;
+void point_to_check(const RecordArgument& signer) {
+  std::fprintf(info(), "  why: bvstore check '%s:%s:PIN'\n", signer.id.c_str(), signer.profile.c_str());
 }
 
 SSF_RC add_record(const RecordArgument& argument, SsfInfoNode** list, SsfInfo** record) {

@@ -31,4 +31,7 @@ void make_folders(const std::string& path);
 // `bvstore demo DIR`.
 int run_demo(const std::string& directory);
 
+// `bvstore check ID[:PROFILE[:PIN]]`.
+int run_check(const std::string& record);
+
 }  // namespace bvstore

@@ -37,6 +37,10 @@ const bv::cli::Help kHelp{
         "PKCS #12 file; the key (from the PKCS #12 file, a PEM FILE holding both, or KEYFILE) is\n"
         "stored beside the certificate, encrypted under PIN (plain when PIN is empty)."},
        {"hash FILE", "The certificate's hash, as list shows it and as an SSF identity takes it."},
+       {"check ID[:PROFILE[:PIN]]",
+        "Runs the library's search for that signer with its settings: the profile's store, every\n"
+        "certificate the identity names, each one's chain with its status bits in words, its key\n"
+        "file and, given a PIN, whether the key opens.  Exit 0 when a certificate would sign."},
        {"delete [-m] STORE HASH", "Removes the certificate with that hash (40 hex digits) and its key file."},
        {"demo DIR",
         "Writes a complete GOST demo PKI into DIR: root, CA, signers, recipients, CRLs, the time stamp\n"
@@ -304,6 +308,10 @@ int main(int argc, char** argv) {
     if (command == "list") return command_list(arguments);
     if (command == "import") return command_import(arguments);
     if (command == "hash") return command_hash(arguments);
+    if (command == "check") {
+      if (arguments.words.size() != 1) throw usage_of("check");
+      return run_check(arguments.words[0]);
+    }
     if (command == "delete") return command_delete(arguments);
     if (command == "demo") {
       if (arguments.words.size() != 1) throw usage_of("demo");

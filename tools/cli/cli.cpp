@@ -121,4 +121,15 @@ std::optional<std::string> same_file_refusal(const std::string& output, const st
   return std::nullopt;
 }
 
+RecordArgument parse_record(const std::string& text) {
+  RecordArgument record;
+  const size_t first = text.find(':');
+  record.id = text.substr(0, first);
+  if (first == std::string::npos) return record;
+  const size_t second = text.find(':', first + 1);
+  record.profile = text.substr(first + 1, second == std::string::npos ? std::string::npos : second - first - 1);
+  if (second != std::string::npos) record.pin = text.substr(second + 1);
+  return record;
+}
+
 }  // namespace bv::cli

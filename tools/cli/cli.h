@@ -79,4 +79,11 @@ inline std::string display_name(const std::string& path, bool output) {
 // the standard stream).  Nothing when it may.
 std::optional<std::string> same_file_refusal(const std::string& output, const std::vector<std::string>& inputs);
 
+// A record as the tools take it: ID[:PROFILE[:PIN]].  The PIN is the rest
+// after the second colon, so it may hold colons itself.
+struct RecordArgument {
+  std::string id, profile, pin;
+};
+RecordArgument parse_record(const std::string& text);
+
 }  // namespace bv::cli

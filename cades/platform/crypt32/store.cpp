@@ -524,6 +524,11 @@ bool store_certificates(HCERTSTORE handle, std::vector<bv::ossl::UniquePtr<X509>
   return true;
 }
 
+std::string store_folder(HCERTSTORE handle) {
+  CertStoreObject* store = store_from_handle(handle);
+  return store != nullptr ? store->folder : std::string();
+}
+
 void forget_cached_stores() {
   std::lock_guard<std::mutex> lock(cache_mutex);
   folder_cache().clear();

@@ -51,6 +51,10 @@ StoreVersion system_store_version(const std::string& name, DWORD location);
 // own reference.  False for a bad handle.
 bool store_certificates(HCERTSTORE store, std::vector<bv::ossl::UniquePtr<X509>>& out);
 
+// The folder a store opened from a system store reads; empty for a memory
+// store or a bad handle.
+std::string store_folder(HCERTSTORE store);
+
 // Drops every cached store folder; the next open reads from disk.
 void forget_cached_stores();
 
