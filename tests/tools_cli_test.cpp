@@ -265,5 +265,35 @@ TEST(BvstoreCheck, NamesTheCauseOfEachRefusal) {
   EXPECT_TRUE(contains(sign.out, "why: bvstore check 'CN=Demo Signer Revoked::PIN'")) << sign.out;
 }
 
+// bvssf settings (bvstore's report): a value from each source, the store
+// folders, trace and time stamp settings, and warnings for what reads
+// otherwise than it looks.
+TEST(Settings, EachValueWithItsSourceAndWarnings) {
+  TempDir dir;
+  const std::string local = dir / "local/Brelvantec/", common = dir / "common/Brelvantec/";
+  write_file(local + "ssf.ini", "[bvsapssf]\nBV_SSF_VERIFYCERTFLAGS_ONSIGN=off\nBV_SSF_VERYFYCERTFLAGS=1\n");
+  write_file(common + "ssf.ini", "[bvsapssf]\nBV_SSF_VERIFYCERTACCEPTABLESTATUS=40\n[bvsapsf]\n");
+  write_file(common + "Trace.ini", "[Trace]\nlibbvsapssf.so=4\nlibbvsapssf.so.logfile=ssf.log\n");
+  write_file(local + "cades.ini", "[cades]\nDefaultTSP=http://127.0.0.1:9/tsp\n");
+  const Streams r = run("BV_PLATFORM_COMMON_APPDATA=" + quoted(dir / "common") + " BV_PLATFORM_LOCAL_APPDATA=" +
+                        quoted(dir / "local") + " BV_SSF_ASK_PIN_WHEN_EMPTY=yes " + kTools + "bvssf settings");
+  EXPECT_EQ(r.status, 0) << r.err;
+  for (const std::string& line : std::vector<std::string>{
+           "BV_SSF_VERIFYCERTFLAGS             0x40000000   default",
+           "BV_SSF_VERIFYCERTACCEPTABLESTATUS  0x00000040   " + common + "ssf.ini",
+           "BV_SSF_VERIFYCERTFLAGS_ONSIGN      on           " + local + "ssf.ini",
+           "BV_SSF_ASK_PIN_WHEN_EMPTY          on           environment",
+           "current user   " + local + "Certificates (BV_PLATFORM_LOCAL_APPDATA)",
+           "setting \"4\" (Trace.ini)",
+           "log file " + common + "LogFiles/ssf.log, else " + local + "LogFiles/ssf.log (Trace.ini)",
+           "default service http://127.0.0.1:9/tsp (" + local + "cades.ini)",
+           "BV_SSF_VERIFYCERTFLAGS_ONSIGN = \"off\" (" + local + "ssf.ini): not one of YES, TRUE, 1, NO, FALSE, 0: read as on",
+           "key BV_SSF_VERYFYCERTFLAGS in [bvsapssf] is not read",
+           "section [bvsapsf] is not read",
+           "read as hexadecimal 0x40 (these numbers are always hexadecimal)",
+       })
+    EXPECT_TRUE(contains(r.out, line)) << line << "\n" << r.out;
+}
+
 }  // namespace
 }  // namespace bv::test

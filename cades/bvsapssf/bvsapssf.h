@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,13 @@ class Config {
   bool UserIdAsCertHash = false;
   bool globalAskPinWhenEmpty = false;
   std::vector<std::string> additionalTSP;
+
+  // Where each setting that was given came from, by its key
+  // ("BV_SSF_VERIFYCERTFLAGS"...): "environment" or the ssf.ini file's path;
+  // and the values read otherwise than their text may suggest.  For the
+  // administrator's report, not for the library's own work.
+  std::map<std::string, std::string> origins;
+  std::vector<std::string> notes;
 
   void print_Config() const;
 

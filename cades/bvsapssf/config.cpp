@@ -52,18 +52,59 @@ std::vector<std::string> split_addresses(const char* text) {
 
 }  // namespace
 
+namespace {
+
+bool is_switch_word(const char* text) { return is_on_value(text) || is_off_value(text); }
+
+// Notes on a value that reads otherwise than it may look: hexadecimal
+// without "0x", text after the number, a switch word the library does not know.
+void note_value(const char* key, const char* text, const std::string& origin, std::vector<std::string>& notes) {
+  const std::string where = std::string(key) + " = \"" + text + "\" (" + origin + "): ";
+  const bool is_hex = std::strcmp(key, "BV_SSF_VERIFYCERTFLAGS") == 0 ||
+                      std::strcmp(key, "BV_SSF_VERIFYCERTFLAGS_ONSELECT") == 0 ||
+                      std::strcmp(key, "BV_SSF_VERIFYCERTACCEPTABLESTATUS") == 0;
+  if (is_hex) {
+    char* end = nullptr;
+    const unsigned long value = strtoul_l(text, &end, 16, bv::platform::ansi_locale());
+    char read[32];
+    std::snprintf(read, sizeof read, "0x%lx", value);
+    if (end == text)
+      notes.push_back(where + "no hexadecimal number: ignored");
+    else if (*end != '\0')
+      notes.push_back(where + "read as " + read + ", the rest ignored");
+    else if (std::strspn(text, "0123456789") == std::strlen(text) && std::strlen(text) > 1)
+      notes.push_back(where + "read as hexadecimal " + read + " (these numbers are always hexadecimal)");
+  } else if (std::strcmp(key, "BV_SSF_USERID") == 0) {
+    if (*text != '\0' && std::strcmp(text, "CERT_HASH") != 0)
+      notes.push_back(where + "only CERT_HASH (in capitals) means anything: read as unset");
+  } else if (std::strcmp(key, "BV_SSF_ADD_TSP") != 0 && !is_switch_word(text)) {
+    notes.push_back(where + "not one of YES, TRUE, 1, NO, FALSE, 0: read as " +
+                    (std::strcmp(key, "BV_SSF_VERIFYCERTFLAGS_ONSIGN") == 0 ? "on" : "off"));
+  }
+}
+
+}  // namespace
+
 Config::Config() {
   // The environment: a switch can only be turned away from its default here.
-  if (const char* value = std::getenv("BV_SSF_USERID"); value != nullptr && std::strcmp(value, "CERT_HASH") == 0)
+  const auto given = [&](const char* key) -> const char* {
+    const char* value = std::getenv(key);
+    if (value != nullptr) {
+      origins[key] = "environment";
+      note_value(key, value, "environment", notes);
+    }
+    return value;
+  };
+  if (const char* value = given("BV_SSF_USERID"); value != nullptr && std::strcmp(value, "CERT_HASH") == 0)
     UserIdAsCertHash = true;
-  if (const char* value = std::getenv("BV_SSF_VERIFYCERTFLAGS")) read_hex(value, VerifyCertFlags);
-  if (const char* value = std::getenv("BV_SSF_VERIFYCERTACCEPTABLESTATUS")) read_hex(value, AcceptableCertStatus);
-  if (const char* value = std::getenv("BV_SSF_VERIFYCERTFLAGS_ONSELECT")) read_hex(value, VerifyCertFlagsOnSelect);
-  if (const char* value = std::getenv("BV_SSF_ASK_PIN_WHEN_EMPTY"); value != nullptr && is_on_value(value))
+  if (const char* value = given("BV_SSF_VERIFYCERTFLAGS")) read_hex(value, VerifyCertFlags);
+  if (const char* value = given("BV_SSF_VERIFYCERTACCEPTABLESTATUS")) read_hex(value, AcceptableCertStatus);
+  if (const char* value = given("BV_SSF_VERIFYCERTFLAGS_ONSELECT")) read_hex(value, VerifyCertFlagsOnSelect);
+  if (const char* value = given("BV_SSF_ASK_PIN_WHEN_EMPTY"); value != nullptr && is_on_value(value))
     globalAskPinWhenEmpty = true;
-  if (const char* value = std::getenv("BV_SSF_VERIFYCERTFLAGS_ONSIGN"); value != nullptr && is_off_value(value))
+  if (const char* value = given("BV_SSF_VERIFYCERTFLAGS_ONSIGN"); value != nullptr && is_off_value(value))
     VerifyCertOnSign = 0;
-  if (const char* value = std::getenv("BV_SSF_ADD_TSP")) additionalTSP = split_addresses(value);
+  if (const char* value = given("BV_SSF_ADD_TSP")) additionalTSP = split_addresses(value);
 
   // Then the files, the machine-wide one last and so strongest.
   read_ini_file(CSIDL_LOCAL_APPDATA);
@@ -79,7 +120,10 @@ void Config::read_ini_file(int folder) {
   // value turns a switch either way.
   char value[MAX_PATH];
   const auto read = [&](const char* key) {
-    return GetPrivateProfileStringA("bvsapssf", key, "", value, MAX_PATH, path) != 0;
+    if (GetPrivateProfileStringA("bvsapssf", key, "", value, MAX_PATH, path) == 0) return false;
+    origins[key] = path;
+    note_value(key, value, path, notes);
+    return true;
   };
   if (read("BV_SSF_USERID")) UserIdAsCertHash = std::strcmp(value, "CERT_HASH") == 0;
   if (read("BV_SSF_VERIFYCERTFLAGS")) read_hex(value, VerifyCertFlags);

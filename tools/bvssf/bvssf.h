@@ -73,6 +73,9 @@ void note_written(const std::string& path, uint32_t length, const char* what = "
 using bv::cli::parse_record;
 using bv::cli::RecordArgument;
 
+// The folder of this program, with its trailing '/'; empty if unknown.
+std::string program_folder();
+
 // The one line that sends an administrator from a refused signer to the
 // tool that explains the refusal (never with the PIN).
 void point_to_check(const RecordArgument& signer);

@@ -27,17 +27,24 @@ std::map<std::string, Command>& commands() {
 // folder), else where an installation puts it relative to this program.
 std::string library_path() {
   if (const char* path = std::getenv("BVSSF_LIBRARY"); path != nullptr && *path != '\0') return path;
+  const std::string dir = bvssf::program_folder();
+  if (dir.empty()) return "libbvsapssf.so";
+  if (access((dir + "libbvsapssf.so").c_str(), F_OK) == 0) return dir + "libbvsapssf.so";
+  return dir + BVSSF_LIBRARY_FROM_BINDIR "/libbvsapssf.so";
+}
+
+}  // namespace
+
+std::string program_folder() {
   char self[4096];
   const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-  if (n > 0) {
-    self[n] = '\0';
-    std::string dir(self);
-    dir.resize(dir.rfind('/') + 1);
-    if (access((dir + "libbvsapssf.so").c_str(), F_OK) == 0) return dir + "libbvsapssf.so";
-    return dir + BVSSF_LIBRARY_FROM_BINDIR "/libbvsapssf.so";
-  }
-  return "libbvsapssf.so";
+  if (n <= 0) return {};
+  std::string dir(self, static_cast<size_t>(n));
+  dir.resize(dir.rfind('/') + 1);
+  return dir;
 }
+
+namespace {
 
 [[noreturn]] void die(const std::string& message) {
   std::fprintf(stderr, "bvssf: %s\n", message.c_str());

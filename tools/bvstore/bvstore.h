@@ -34,4 +34,7 @@ int run_demo(const std::string& directory);
 // `bvstore check ID[:PROFILE[:PIN]]`.
 int run_check(const std::string& record);
 
+// `bvstore settings`: what the library reads here, and from where.
+int run_settings();
+
 }  // namespace bvstore

@@ -37,6 +37,11 @@ const bv::cli::Help kHelp{
         "PKCS #12 file; the key (from the PKCS #12 file, a PEM FILE holding both, or KEYFILE) is\n"
         "stored beside the certificate, encrypted under PIN (plain when PIN is empty)."},
        {"hash FILE", "The certificate's hash, as list shows it and as an SSF identity takes it."},
+       {"settings",
+        "The settings the library reads in this environment, each with its value and source\n"
+        "(environment, which ssf.ini, default), the store folders, the trace setting and log file,\n"
+        "the default time stamp service; warnings for unknown keys and for values read otherwise\n"
+        "than they may look."},
        {"check ID[:PROFILE[:PIN]]",
         "Runs the library's search for that signer with its settings: the profile's store, every\n"
         "certificate the identity names, each one's chain with its status bits in words, its key\n"
@@ -308,6 +313,10 @@ int main(int argc, char** argv) {
     if (command == "list") return command_list(arguments);
     if (command == "import") return command_import(arguments);
     if (command == "hash") return command_hash(arguments);
+    if (command == "settings") {
+      if (!arguments.words.empty()) throw usage_of("settings");
+      return run_settings();
+    }
     if (command == "check") {
       if (arguments.words.size() != 1) throw usage_of("check");
       return run_check(arguments.words[0]);

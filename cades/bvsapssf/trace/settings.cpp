@@ -177,6 +177,34 @@ bool apply_settings_file(std::u16string path, const std::u16string& module_path)
   return true;
 }
 
+SettingsDescription describe_settings(const std::u16string& file_name) {
+  SettingsDescription out;
+  RegistryKeyHandle key;
+  RegOpenKeyExW(HKEY_LOCAL_MACHINE, u"SOFTWARE\\Brelvantec\\Trace", 0, KEY_READ, key.out());
+  // An empty registry value is a setting (level 3) but no log file name.
+  const auto read = [&](const std::u16string& name, std::string& value, std::string& from, bool empty_counts) {
+    if (std::optional<std::u16string> text = registry_text(key, name); text && (empty_counts || !text->empty())) {
+      value = utf8_from_utf16(*text);
+      from = "registry";
+    } else if (std::u16string ini = trace_ini_value(name); !ini.empty()) {
+      value = utf8_from_utf16(ini);
+      from = "Trace.ini";
+    }
+  };
+  read(file_name, out.setting, out.setting_from, true);
+  read(file_name + u".logfile", out.log_name, out.log_from, false);
+  if (out.log_name.find('/') != std::string::npos) {
+    out.log_path = out.log_name;
+  } else if (!out.log_name.empty()) {
+    for (const int folder : {CSIDL_COMMON_APPDATA, CSIDL_LOCAL_APPDATA}) {
+      char path[MAX_PATH];
+      if (SHGetFolderPathA(nullptr, folder, nullptr, SHGFP_TYPE_CURRENT, path) != S_OK) continue;
+      out.log_path += (out.log_path.empty() ? "" : ", else ") + std::string(path) + "/Brelvantec/LogFiles/" + out.log_name;
+    }
+  }
+  return out;
+}
+
 bool load_settings() {
   // The settings file is read with scanf, which takes blanks as the
   // thread's locale classes them: the library's own classes here.
