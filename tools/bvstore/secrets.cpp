@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
 
 #include "bvstore.h"
 #include "kernel32/kernel32.h"
@@ -49,8 +50,8 @@ void read_from_source(const SecretOption& option, Secret& secret) {
   } else if (const auto path = after("file:")) {
     const int fd = ::open(path->c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) throw file_failure("read", *path);
+    const std::unique_ptr<const int, void (*)(const int*)> closer(&fd, [](const int* open_fd) { ::close(*open_fd); });
     read_line_from(fd, *path, secret);
-    ::close(fd);
   } else if (const auto number = after("fd:")) {
     char* end = nullptr;
     const long fd = std::strtol(number->c_str(), &end, 10);
