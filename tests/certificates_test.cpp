@@ -274,6 +274,7 @@ bool opens_with(const std::string& name, const std::string& pin) {
 TEST_F(BvstoreTest, ImportsCertificatesWithAndWithoutKeys) {
   // A PEM certificate with its key, encrypted under another password: the
   // key is stored under the new PIN.
+  for (const char* name : {"Signing", "Bundle", "-m Partners"}) bvstore(std::string("create ") + name);
   const std::string source_key = home_ / "source.key";
   run_checked("openssl pkcs8 -engine gost -topk8 -v2 aes-256-cbc -passin pass:1111 -passout pass:transport -in " +
               w.my("01-alice.key") + " -out " + source_key + " 2>&1");
@@ -284,12 +285,12 @@ TEST_F(BvstoreTest, ImportsCertificatesWithAndWithoutKeys) {
   EXPECT_FALSE(opens_with("Signing", "transport"));
   EXPECT_FALSE(opens_with("Signing", "1111"));
 
-  // PKCS #12 with an empty new PIN gives a plain key file.
+  // PKCS #12 with --no-pin gives a plain key file.
   const std::string p12 = home_ / "bundle.p12";
   run_checked("openssl pkcs12 -export -engine gost -passin pass:2222 -inkey " + w.my("02-bob.key") + " -in " +
               w.bob.cert_pem + " -passout pass:bundle -out " + p12 + " 2>&1");
   int status = 0;
-  out = bvstore("import Bundle " + p12 + " --password bundle", &status);
+  out = bvstore("import Bundle " + p12 + " --password bundle --no-pin", &status);
   ASSERT_EQ(status, 0) << out;
   EXPECT_TRUE(opens_with("Bundle", "anything"));
   EXPECT_FALSE(contains(read_file(store("user", "Bundle/" + lower(w.bob.sha1_hex) + ".key")), "ENCRYPTED"));
@@ -311,23 +312,25 @@ TEST_F(BvstoreTest, RefusesBadInputAndWritesNothing) {
   const std::string p12 = home_ / "bundle.p12";
   run_checked("openssl pkcs12 -export -engine gost -inkey " + w.my("03-carol.key") + " -in " + w.carol.cert_pem +
               " -passout pass:right -out " + p12 + " 2>&1");
+  bvstore("create Bad");
   const struct {
     std::string arguments;
     const char* says;
+    int status = 1;
   } cases[] = {
-      {"import Bad " + (home_ / "garbage.cer"), "no certificate and no PKCS #12"},
+      {"import Bad " + (home_ / "garbage.cer"), "is no certificate, CRL or PKCS #12 file"},
       {"import Bad " + p12 + " --password wrong", "wrong --password"},
       {"import Bad " + w.alice.cert_pem + " --key " + w.my("02-bob.key") + " --password 2222", "not the certificate's"},
       {"import Bad " + w.alice.cert_pem + " --key " + w.my("01-alice.key"), "give --password"},
       {"import ../Bad " + w.alice.cert_pem, "bad store name"},
-      {"delete Bad 0011", "40 hexadecimal digits"},
+      {"delete Bad 0011", "40 hexadecimal digits", 2},
       {"list Nothing", "no store Nothing"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.arguments);
     int status = 0;
     const std::string out = bvstore(c.arguments, &status);
-    EXPECT_EQ(status, 1);
+    EXPECT_EQ(status, c.status);
     EXPECT_TRUE(contains(out, c.says)) << out;
   }
   EXPECT_FALSE(std::filesystem::exists(store("user", "Bad")) && !std::filesystem::is_empty(store("user", "Bad")));
@@ -354,7 +357,8 @@ TEST_F(BvstoreTest, HashAndDelete) {
   CertCloseStore(work, 0);
   EXPECT_EQ(std::distance(std::filesystem::directory_iterator(store("user", "Work")), {}), 2);
   int status = 0;
-  EXPECT_EQ(bvstore("delete Work " + lower(w.carol.sha1_hex)), "deleted " + stem + ".cer\n");
+  EXPECT_EQ(bvstore("delete Work " + lower(w.carol.sha1_hex) + " --yes"),
+            "deleted " + stem + ".cer\ndeleted the private key " + stem + ".key\n");
   EXPECT_TRUE(std::filesystem::is_empty(store("user", "Work")));
   bvstore("delete Work " + w.carol.sha1_hex, &status);
   EXPECT_EQ(status, 1);

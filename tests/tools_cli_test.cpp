@@ -159,7 +159,7 @@ TEST(ToolsCli, BashCompletionOffersCommandsAndOptions) {
   } cases[] = {
       {"bvssf si", "sign"},
       {"bvssf sign PKCS7 --", "--signer --detached --certs --help"},
-      {"bvstore import -", "-m --key --password --pin --help"},
+      {"bvstore import -", "-m --key --password --pin --no-pin --chain --help"},
       {"bvtrace help ", "list set flags process wait"},
       {"bvtsa --l", "--listen --log"},
   };

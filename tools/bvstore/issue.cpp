@@ -30,9 +30,9 @@ void write_der_certificate(const std::string& path, X509* certificate) {
 }
 
 void write_der_crl(const std::string& path, X509_CRL* crl) {
-  bv::ossl::UniquePtr<BIO> out(BIO_new_file(path.c_str(), "wb"));
-  if (!out) throw file_failure("write", path);
-  check(i2d_X509_CRL_bio(out.get(), crl) == 1, "writing " + path);
+  const std::string der = bv::pki::der_of(crl);
+  check(!der.empty(), "writing " + path);
+  if (const int error = bv::platform::replace_file(path, der, 0644)) throw file_failure("write", path, error);
 }
 
 }  // namespace bvstore
