@@ -1,5 +1,6 @@
 #include "host.h"
 
+#include <cctype>
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -96,6 +97,40 @@ namespace {
 
 int exit_code_of(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
 
+// The PINs and passwords the tests give the library (SigningWorld's, the
+// demo PKI's, the wrong ones).
+const char* const kSecrets[] = {"1111",     "2222",     "5555",     "6666",     "7777",     "9731",
+                                "11111111", "22222222", "33333333", "44444444", "55555555", "66666666",
+                                "77777777", "88888888", "12121212"};
+
+// A secret standing alone in `text`: not part of a longer number or word
+// (a hash or a date may hold "1111" by chance).
+bool holds_secret(const std::string& text, const std::string& secret) {
+  for (size_t at = text.find(secret); at != std::string::npos; at = text.find(secret, at + 1)) {
+    const bool left = at == 0 || !std::isalnum(static_cast<unsigned char>(text[at - 1]));
+    const size_t end = at + secret.size();
+    const bool right = end == text.size() || !std::isalnum(static_cast<unsigned char>(text[end]));
+    if (left && right) return true;
+  }
+  return false;
+}
+
+// Every library log a child wrote and its standard error, read for the
+// tests' secrets: no trace level may print one.
+void expect_no_secrets(const std::map<std::string, std::string>& env, const std::string& stderr_text) {
+  std::vector<std::pair<std::string, std::string>> texts{{"standard error", stderr_text}};
+  for (const char* folder : {"BV_PLATFORM_COMMON_APPDATA", "BV_PLATFORM_LOCAL_APPDATA"}) {
+    const auto found = env.find(folder);
+    if (found == env.end() || found->second.empty()) continue;
+    std::error_code ignored;
+    for (const auto& entry : std::filesystem::directory_iterator(found->second + "/Brelvantec/LogFiles", ignored))
+      texts.emplace_back(entry.path().string(), read_file(entry.path().string()));
+  }
+  for (const auto& [where, text] : texts)
+    for (const char* secret : kSecrets)
+      if (holds_secret(text, secret)) ADD_FAILURE() << "the secret " << secret << " is in " << where;
+}
+
 }  // namespace
 
 ChildResult run_isolated(const std::map<std::string, std::string>& env, const std::function<void()>& fn) {
@@ -120,6 +155,7 @@ ChildResult run_isolated(const std::map<std::string, std::string>& env, const st
   // The child ended without running exit code, so a trace table it made is still there.
   shm_unlink(bv::trace::table_name(pid).c_str());
   result.exit_code = exit_code_of(status);
+  expect_no_secrets(env, result.stderr_text);
   return result;
 }
 
