@@ -237,8 +237,8 @@ std::vector<std::string> regions_holding(const std::string& masked_secret) {
   return found;
 }
 
-// Signing with a kept key leaves no copy of the PIN behind once the host
-// has deleted its record.
+// Signing with a kept key, and a refused wrong PIN, leave no copy of either
+// PIN behind once the host has deleted its records.
 TEST(KeyCache, NoPinLeftInMemoryAfterKeptSignatures) {
   const SigningWorld& w = SigningWorld::get();
   TempDir dir;
@@ -246,20 +246,32 @@ TEST(KeyCache, NoPinLeftInMemoryAfterKeptSignatures) {
   const std::string key_file = dir / "local/Brelvantec/Certificates/My/01-alice.key";
   const ChildResult child = run_isolated(w.env({{"BV_PLATFORM_LOCAL_APPDATA", dir / "local"}}), [&] {
     setsid();
-    // A PIN no other bytes of the process will equal by chance.
-    std::string pin(64, '\0'), masked(64, '\0');
-    ASSERT_EQ(RAND_bytes(reinterpret_cast<unsigned char*>(masked.data()), 64), 1);
-    for (size_t i = 0; i < pin.size(); ++i) {
-      pin[i] = static_cast<char>('a' + static_cast<unsigned char>(masked[i]) % 26);
-      masked[i] = static_cast<char>(pin[i] ^ 0x5A);
-    }
+    // PINs no other bytes of the process will equal by chance: the key's,
+    // and a wrong one whose refusal must wipe what it copied too.
+    const auto random_pin = [](std::string& pin, std::string& masked) {
+      pin.assign(64, '\0');
+      masked.assign(64, '\0');
+      ASSERT_EQ(RAND_bytes(reinterpret_cast<unsigned char*>(masked.data()), 64), 1);
+      for (size_t i = 0; i < pin.size(); ++i) {
+        pin[i] = static_cast<char>('a' + static_cast<unsigned char>(masked[i]) % 26);
+        masked[i] = static_cast<char>(pin[i] ^ 0x5A);
+      }
+    };
+    std::string pin, masked, wrong, wrong_masked;
+    random_pin(pin, masked);
+    random_pin(wrong, wrong_masked);
     std::string key_pem = bv::pki::pem_of(w.alice.key.get(), pin);
     write_file(key_file, key_pem);
     OPENSSL_cleanse(key_pem.data(), key_pem.size());
     for (int i = 0; i < 3; ++i) ASSERT_EQ(sign_once("CN=Alice", pin).rc, SSF_OK);
+    ASSERT_EQ(sign_once("CN=Alice", wrong).result, 25);
     OPENSSL_cleanse(pin.data(), pin.size());
-    const std::vector<std::string> holding = regions_holding(masked);
-    EXPECT_TRUE(holding.empty()) << "the PIN is in " << holding.front();
+    OPENSSL_cleanse(wrong.data(), wrong.size());
+    for (const std::string* secret : {&masked, &wrong_masked}) {
+      const std::vector<std::string> holding = regions_holding(*secret);
+      EXPECT_TRUE(holding.empty()) << (secret == &masked ? "the PIN" : "the wrong PIN") << " is in "
+                                   << holding.front();
+    }
   });
   EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
 }
