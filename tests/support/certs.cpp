@@ -79,6 +79,11 @@ void HttpServer::handle(const std::string& path, Handler handler) {
   handlers_[path] = std::move(handler);
 }
 
+void HttpServer::handle_raw(const std::string& path, RawHandler handler) {
+  std::lock_guard lock(mutex_);
+  raw_handlers_[path] = std::move(handler);
+}
+
 void HttpServer::serve() {
   while (!stop_) {
     pollfd p{listener_, POLLIN, 0};
@@ -90,9 +95,16 @@ void HttpServer::serve() {
     const size_t start = request.find(' ') + 1, head_end = request.find("\r\n\r\n");
     const std::string path = request.substr(start, request.find(' ', start) - start);
     Handler handler;
+    RawHandler raw;
     {
       std::lock_guard lock(mutex_);
       if (auto it = handlers_.find(path); it != handlers_.end()) handler = it->second;
+      if (auto it = raw_handlers_.find(path); it != raw_handlers_.end()) raw = it->second;
+    }
+    if (raw) {
+      raw(client, stop_);
+      close(client);
+      continue;
     }
     const std::string body = handler ? handler(head_end == std::string::npos ? "" : request.substr(head_end + 4)) : "";
     const std::string answer = (handler ? "HTTP/1.0 200 OK\r\n" : "HTTP/1.0 404 Not Found\r\n") +

@@ -41,6 +41,10 @@ class HttpServer {
   std::string url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(port_) + path; }
   void put(const std::string& path, const std::string& body);
   void handle(const std::string& path, Handler handler);
+  // Answers `path` by writing to the connection itself, for servers that
+  // misbehave; `stopping` turns true when the server is being stopped.
+  using RawHandler = std::function<void(int connection, const std::atomic<bool>& stopping)>;
+  void handle_raw(const std::string& path, RawHandler handler);
   int requests() const { return requests_; }
   // Closes the port: later connections are refused.
   void stop();
@@ -54,6 +58,7 @@ class HttpServer {
   std::atomic<int> requests_{0};
   std::mutex mutex_;
   std::map<std::string, Handler> handlers_;
+  std::map<std::string, RawHandler> raw_handlers_;
   std::thread thread_;
 };
 
