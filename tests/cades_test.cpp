@@ -151,8 +151,12 @@ TEST(CadesSign, TimeStampServicesInOrderAndTheirFailures) {
   HttpServer down;
   down.stop();
   HttpServer silent(/*silent=*/true);
-  HttpServer garbage, refusing, replaying;
+  HttpServer garbage, refusing, replaying, broken;
   garbage.put("/tsa", "this is no time stamp response");
+  misbehave(broken, "/drip", Misbehaviour::kDrip);
+  misbehave(broken, "/huge", Misbehaviour::kHugeBody);
+  misbehave(broken, "/loop", Misbehaviour::kRedirectLoop);
+  misbehave(broken, "/reset", Misbehaviour::kResetMidway);
   refusing.put("/tsa", refusal());
   replaying.put("/tsa", answer_to_another_request(good_b, dir));
   // An authority that chains to nothing in the Root stores.
@@ -178,6 +182,10 @@ TEST(CadesSign, TimeStampServicesInOrderAndTheirFailures) {
       {"another request's answer", replaying.url("/tsa"), {}, SSF_ERR_ENCODE, {failed("0x80096005")}, {}},
       {"untrusted authority", untrusted.url(), {}, SSF_ERR_ENCODE, {failed("0x800b0109")}, {}},
       {"never answers", silent.url("/tsa"), {}, SSF_ERR_ENCODE, {failed("0x2ee2")}, {}},
+      {"one byte a second", broken.url("/drip"), {}, SSF_ERR_ENCODE, {failed("0x2ee2")}, {}},
+      {"a body of 2 GiB", broken.url("/huge"), {}, SSF_ERR_ENCODE, {failed("0x2f78")}, {}},
+      {"redirected to itself", broken.url("/loop"), {}, SSF_ERR_ENCODE, {failed("0x2f78")}, {}},
+      {"reset in the middle", broken.url("/reset"), {}, SSF_ERR_ENCODE, {failed("0x2efe")}, {}},
   };
   for (const ServiceCase& c : cases) {
     SCOPED_TRACE(c.name);

@@ -6,14 +6,10 @@
 // time-outs and HTTP failures.
 #include <gtest/gtest.h>
 
-#include <sys/socket.h>
-
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "certs.h"
@@ -448,28 +444,10 @@ TEST_F(Revocation, UnreachableSourcesAreOfflineAndFast) {
   server.put("/garbage.crl", "not a CRL");
   UniquePtr<X509> other_ca = issue_certificate({.subject = {{"CN", "Other CA"}}, .serial = 9, .ca = true}, ca_key.get());
   server.put("/foreign.crl", der_of(issue_crl(other_ca.get(), ca_key.get(), {}).get()));
-  // False once the client has gone (no SIGPIPE for it).
-  const auto send = [](int connection, const std::string& bytes) {
-    return ::send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
-  };
-  server.handle_raw("/drip.crl", [&](int connection, const std::atomic<bool>& stopping) {
-    send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n");
-    for (int i = 0; i < 1000 && !stopping && send(connection, "0"); ++i) std::this_thread::sleep_for(std::chrono::seconds(1));
-  });
-  server.handle_raw("/huge.crl", [&](int connection, const std::atomic<bool>& stopping) {
-    send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 2147483648\r\n\r\n");
-    const std::string block(1 << 16, '0');
-    for (long sent = 0; sent < (2l << 30) && !stopping && send(connection, block); sent += 1 << 16) {
-    }
-  });
-  server.handle_raw("/loop.crl", [&](int connection, const std::atomic<bool>&) {
-    send(connection, "HTTP/1.1 302 Found\r\nLocation: " + server.url("/loop.crl") + "\r\nContent-Length: 0\r\n\r\n");
-  });
-  server.handle_raw("/reset.crl", [&](int connection, const std::atomic<bool>&) {
-    send(connection, "HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n" + std::string(1000, '0'));
-    const linger abort_on_close{1, 0};  // the close sends a reset
-    setsockopt(connection, SOL_SOCKET, SO_LINGER, &abort_on_close, sizeof abort_on_close);
-  });
+  misbehave(server, "/drip.crl", Misbehaviour::kDrip);
+  misbehave(server, "/huge.crl", Misbehaviour::kHugeBody);
+  misbehave(server, "/loop.crl", Misbehaviour::kRedirectLoop);
+  misbehave(server, "/reset.crl", Misbehaviour::kResetMidway);
   const std::string down = "http://127.0.0.1:" + std::to_string(free_port()) + "/ca.crl";
   const struct {
     const char* name;

@@ -6,10 +6,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
+#include <thread>
 
 
 namespace bv::test {
@@ -112,6 +114,42 @@ void HttpServer::serve() {
     [[maybe_unused]] const ssize_t ignored = write(client, answer.data(), answer.size());
     close(client);
   }
+}
+
+namespace {
+// False once the client has gone (no SIGPIPE for it).
+bool send_bytes(int connection, const std::string& bytes) {
+  return ::send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+}
+}  // namespace
+
+void misbehave(HttpServer& server, const std::string& path, Misbehaviour how) {
+  const std::string self = server.url(path);
+  server.handle_raw(path, [how, self](int connection, const std::atomic<bool>& stopping) {
+    switch (how) {
+      case Misbehaviour::kDrip:
+        send_bytes(connection, "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n");
+        for (int i = 0; i < 1000 && !stopping && send_bytes(connection, "0"); ++i)
+          std::this_thread::sleep_for(std::chrono::seconds(1));
+        break;
+      case Misbehaviour::kHugeBody: {
+        send_bytes(connection, "HTTP/1.1 200 OK\r\nContent-Length: 2147483648\r\n\r\n");
+        const std::string block(1 << 16, '0');
+        for (long sent = 0; sent < (2l << 30) && !stopping && send_bytes(connection, block); sent += 1 << 16) {
+        }
+        break;
+      }
+      case Misbehaviour::kRedirectLoop:
+        send_bytes(connection, "HTTP/1.1 302 Found\r\nLocation: " + self + "\r\nContent-Length: 0\r\n\r\n");
+        break;
+      case Misbehaviour::kResetMidway: {
+        send_bytes(connection, "HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n" + std::string(1000, '0'));
+        const linger abort_on_close{1, 0};  // the close sends a reset
+        setsockopt(connection, SOL_SOCKET, SO_LINGER, &abort_on_close, sizeof abort_on_close);
+        break;
+      }
+    }
+  });
 }
 
 OcspResponder::OcspResponder(const std::string& folder, X509* ca, EVP_PKEY* ca_key, const std::vector<Entry>& entries)

@@ -62,6 +62,11 @@ class HttpServer {
   std::thread thread_;
 };
 
+// How `path` of a server misbehaves: one byte a second, a body of 2 GiB, a
+// redirect to itself, a reset after the first kilobyte.
+enum class Misbehaviour { kDrip, kHugeBody, kRedirectLoop, kResetMidway };
+void misbehave(HttpServer& server, const std::string& path, Misbehaviour how);
+
 // An OCSP responder for one CA, from an index in `openssl ca` form: each
 // request is answered by `openssl ocsp` on files, behind an HttpServer.
 class OcspResponder {
