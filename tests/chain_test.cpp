@@ -464,6 +464,10 @@ TEST_F(Revocation, UnreachableSourcesAreOfflineAndFast) {
       {"a body of 2 GiB", server.url("/huge.crl"), ""},
       {"redirected to itself", server.url("/loop.crl"), ""},
       {"reset in the middle", server.url("/reset.crl"), ""},
+      {"OCSP: one byte a second", "", server.url("/drip.crl")},
+      {"OCSP: a body of 2 GiB", "", server.url("/huge.crl")},
+      {"OCSP: redirected to itself", "", server.url("/loop.crl")},
+      {"OCSP: reset in the middle", "", server.url("/reset.crl")},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
