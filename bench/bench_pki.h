@@ -1,9 +1,15 @@
 // Keys, certificates and files for the benchmarks, made with OpenSSL alone.
 #pragma once
 
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
+#include <vector>
 
 #include "openssl/ossl.h"
 
@@ -76,5 +82,43 @@ inline std::string sha1_hex(X509* cert) {
   }
   return text;
 }
+
+// bvtsa (the program at `path`) on a free loopback port with `arguments`
+// after --listen, stopped when this goes; the CAdES layer's default service
+// points at it.
+class Bvtsa {
+ public:
+  Bvtsa(const std::string& path, const std::vector<std::string>& arguments) {
+    int out[2];
+    if (pipe(out) != 0) std::abort();
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(out[1], 1);
+      close(out[0]);
+      std::vector<const char*> argv{"bvtsa", "--listen", "127.0.0.1:0"};
+      for (const std::string& argument : arguments) argv.push_back(argument.c_str());
+      argv.push_back(nullptr);
+      execv(path.c_str(), const_cast<char* const*>(argv.data()));
+      _exit(127);
+    }
+    close(out[1]);
+    char line[256] = {};
+    FILE* listening = fdopen(out[0], "r");
+    if (listening == nullptr || std::fgets(line, sizeof line, listening) == nullptr) std::abort();
+    std::fclose(listening);
+    const char* address = std::strstr(line, "127.0.0.1:");
+    if (address == nullptr) std::abort();
+    setenv("BV_CADES_DEFAULT_TSP", ("http://" + std::string(address, std::strcspn(address, "\r\n")) + "/").c_str(), 1);
+  }
+  ~Bvtsa() {
+    kill(pid_, SIGTERM);
+    waitpid(pid_, nullptr, 0);
+  }
+  Bvtsa(const Bvtsa&) = delete;
+  Bvtsa& operator=(const Bvtsa&) = delete;
+
+ private:
+  pid_t pid_ = -1;
+};
 
 }  // namespace

@@ -95,39 +95,12 @@ struct World {
   }
 };
 
-// bvtsa on a free loopback port for as long as the benchmarks run; the
-// CAdES layer's default service points at it.
+// bvtsa for as long as the benchmarks run.
 struct TimeStampService {
-  pid_t pid = -1;
-  TimeStampService() {
+  static Bvtsa& get() {
     const std::string folder = World::get().folder;
-    int out[2];
-    if (pipe(out) != 0) std::abort();
-    pid = fork();
-    if (pid == 0) {
-      dup2(out[1], 1);
-      close(out[0]);
-      execl(BV_BENCH_TOOLS_DIR "/bvtsa", "bvtsa", "--listen", "127.0.0.1:0", "--cert", (folder + "/tsa.pem").c_str(),
-            "--key", (folder + "/tsa.key").c_str(), "--serial-file", (folder + "/tsa.serial").c_str(), "--log",
-            "/dev/null", static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    close(out[1]);
-    char line[128] = {};
-    FILE* listening = fdopen(out[0], "r");
-    if (listening == nullptr || std::fgets(line, sizeof line, listening) == nullptr) std::abort();
-    std::fclose(listening);
-    const char* address = std::strstr(line, "127.0.0.1:");
-    if (address == nullptr) std::abort();
-    std::string url = "http://" + std::string(address, std::strcspn(address, "\r\n")) + "/";
-    setenv("BV_CADES_DEFAULT_TSP", url.c_str(), 1);
-  }
-  ~TimeStampService() {
-    kill(pid, SIGTERM);
-    waitpid(pid, nullptr, 0);
-  }
-  static TimeStampService& get() {
-    static TimeStampService service;
+    static Bvtsa service(BV_BENCH_TOOLS_DIR "/bvtsa", {"--cert", folder + "/tsa.pem", "--key", folder + "/tsa.key",
+                                                       "--serial-file", folder + "/tsa.serial", "--log", "/dev/null"});
     return service;
   }
 };

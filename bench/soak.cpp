@@ -14,10 +14,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "bench_pki.h"
 #include "bvsapssf_api.h"
 
 namespace {
@@ -174,7 +176,7 @@ std::string run_text(const std::string& command) {
 // port, as the README's demo runs them.
 struct World {
   std::string folder;
-  pid_t tsa = -1;
+  std::unique_ptr<Bvtsa> tsa;
 
   World() {
     char pattern[] = "/tmp/bvsapssf-soak-XXXXXX";
@@ -182,30 +184,14 @@ struct World {
     setenv("BV_PLATFORM_COMMON_APPDATA", (folder + "/common").c_str(), 1);
     setenv("BV_PLATFORM_LOCAL_APPDATA", (folder + "/local").c_str(), 1);
     if (std::system((g_tools + "bvstore demo " + folder + " > /dev/null").c_str()) != 0) std::abort();
-    int out[2];
-    if (pipe(out) != 0) std::abort();
-    tsa = fork();
-    if (tsa == 0) {
-      dup2(out[1], 1);
-      close(out[0]);
-      const std::string services = folder + "/services/";
-      execl((g_tools + "bvtsa").c_str(), "bvtsa", "--listen", "127.0.0.1:0", "--cert", (services + "tsa.pem").c_str(),
-            "--key", (services + "tsa.key").c_str(), "--pin", "12121212", "--chain", (services + "chain.pem").c_str(),
-            "--log", "/dev/null", static_cast<char*>(nullptr));
-      _exit(127);
-    }
-    close(out[1]);
-    char line[256] = {};
-    FILE* listening = fdopen(out[0], "r");
-    if (listening == nullptr || std::fgets(line, sizeof line, listening) == nullptr) std::abort();
-    std::fclose(listening);
-    const char* address = std::strstr(line, "127.0.0.1:");
-    if (address == nullptr) std::abort();
-    setenv("BV_CADES_DEFAULT_TSP", ("http://" + std::string(address, std::strcspn(address, "\r\n")) + "/").c_str(), 1);
+    const std::string services = folder + "/services/";
+    tsa = std::make_unique<Bvtsa>(g_tools + "bvtsa",
+                                  std::vector<std::string>{"--cert", services + "tsa.pem", "--key", services + "tsa.key",
+                                                           "--pin", "12121212", "--chain", services + "chain.pem",
+                                                           "--log", "/dev/null"});
   }
   ~World() {
-    kill(tsa, SIGTERM);
-    waitpid(tsa, nullptr, 0);
+    tsa.reset();
     run_text("rm -rf '" + folder + "'");
   }
 };
