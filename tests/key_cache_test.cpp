@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
 #include <string>
 #include <thread>
 #include <unordered_set>
@@ -53,6 +54,19 @@ Signed sign_once(const std::string& id, const std::string& pin, const std::strin
   return s;
 }
 
+// A copy of the test world's user stores, for a test that changes its files,
+// and the environment that points a child at it.
+struct OwnStores {
+  TempDir dir;
+  OwnStores() {
+    std::filesystem::copy(SigningWorld::get().local(), dir / "local", std::filesystem::copy_options::recursive);
+  }
+  std::string my(const std::string& file) const { return dir / ("local/Brelvantec/Certificates/My/" + file); }
+  std::map<std::string, std::string> env() const {
+    return SigningWorld::get().env({{"BV_PLATFORM_LOCAL_APPDATA", dir / "local"}});
+  }
+};
+
 // New bytes in the key file that keep its identity: inode, size and
 // modification time stay, so only a kept key can still sign.
 void scribble_keeping_identity(const std::string& path) {
@@ -74,7 +88,6 @@ void replace_file(const std::string& path) {
 }
 
 TEST(KeyCache, FoundOnlyBySameFileAndPin) {
-  const SigningWorld& w = SigningWorld::get();
   const std::string alice = "CN=Alice";
   struct Step {
     std::string pin;
@@ -103,10 +116,9 @@ TEST(KeyCache, FoundOnlyBySameFileAndPin) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    TempDir dir;
-    std::filesystem::copy(w.local(), dir / "local", std::filesystem::copy_options::recursive);
-    const std::string key_file = dir / "local/Brelvantec/Certificates/My/01-alice.key";
-    auto env = w.env({{"BV_PLATFORM_LOCAL_APPDATA", dir / "local"}});
+    const OwnStores stores;
+    const std::string key_file = stores.my("01-alice.key");
+    auto env = stores.env();
     if (c.seconds != nullptr) env["BV_PLATFORM_KEY_CACHE_SECONDS"] = c.seconds;
     const ChildResult child = run_isolated(env, [&] {
       setsid();  // no terminal: a missing PIN is not asked for
@@ -127,13 +139,13 @@ TEST(KeyCache, FoundOnlyBySameFileAndPin) {
 // it), not the kept one.
 TEST(KeyCache, RenewedKeyReplacesTheKeptOne) {
   const SigningWorld& w = SigningWorld::get();
-  TempDir dir, exchange;
-  std::filesystem::copy(w.local(), dir / "local", std::filesystem::copy_options::recursive);
-  const std::string my = dir / "local/Brelvantec/Certificates/My/";
+  TempDir exchange;
+  const OwnStores stores;
+  const std::string my = stores.my("");
   UniquePtr<EVP_PKEY> renewed_key = generate_key("gost2012_256");
   UniquePtr<X509> renewed = issue_certificate({.subject = {{"O", "Test Bank"}, {"CN", "Alice"}, {"C", "RU"}}, .serial = 77},
                                               renewed_key.get(), w.root.cert.get(), w.root.key.get());
-  const ChildResult child = run_isolated(w.env({{"BV_PLATFORM_LOCAL_APPDATA", dir / "local"}}), [&] {
+  const ChildResult child = run_isolated(stores.env(), [&] {
     setsid();
     ASSERT_EQ(sign_once("CN=Alice", "1111").rc, SSF_OK);
     write_file(my + "01-alice.cer.new", der_of(renewed.get()));
@@ -153,11 +165,9 @@ TEST(KeyCache, RenewedKeyReplacesTheKeptOne) {
 
 // A forked child starts without the parent's keys; the parent keeps them.
 TEST(KeyCache, ForkedChildStartsEmpty) {
-  const SigningWorld& w = SigningWorld::get();
-  TempDir dir;
-  std::filesystem::copy(w.local(), dir / "local", std::filesystem::copy_options::recursive);
-  const std::string key_file = dir / "local/Brelvantec/Certificates/My/01-alice.key";
-  const ChildResult child = run_isolated(w.env({{"BV_PLATFORM_LOCAL_APPDATA", dir / "local"}}), [&] {
+  const OwnStores stores;
+  const std::string key_file = stores.my("01-alice.key");
+  const ChildResult child = run_isolated(stores.env(), [&] {
     setsid();
     ASSERT_EQ(sign_once("CN=Alice", "1111").rc, SSF_OK);
     scribble_keeping_identity(key_file);
@@ -241,10 +251,9 @@ std::vector<std::string> regions_holding(const std::string& masked_secret) {
 // PIN behind once the host has deleted its records.
 TEST(KeyCache, NoPinLeftInMemoryAfterKeptSignatures) {
   const SigningWorld& w = SigningWorld::get();
-  TempDir dir;
-  std::filesystem::copy(w.local(), dir / "local", std::filesystem::copy_options::recursive);
-  const std::string key_file = dir / "local/Brelvantec/Certificates/My/01-alice.key";
-  const ChildResult child = run_isolated(w.env({{"BV_PLATFORM_LOCAL_APPDATA", dir / "local"}}), [&] {
+  const OwnStores stores;
+  const std::string key_file = stores.my("01-alice.key");
+  const ChildResult child = run_isolated(stores.env(), [&] {
     setsid();
     // PINs no other bytes of the process will equal by chance: the key's,
     // and a wrong one whose refusal must wipe what it copied too.
