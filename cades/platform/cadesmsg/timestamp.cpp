@@ -92,7 +92,13 @@ bool request_time_stamp(const std::string& url, const EVP_MD* md, std::string_vi
   http_request.max_response = 1u << 20;
   std::string body;
   if (!bv::platform::http::fetch(http_request, body)) return false;
+  return read_time_stamp_response(body, request.get(), prove_authority, out);
+}
 
+bool read_time_stamp_response(const std::string& body, TS_REQ* request,
+                              const std::function<bool(TimeStamp&)>& prove_authority, TimeStamp& out) {
+  const std::string_view hash = bv::ossl::bytes_of(TS_MSG_IMPRINT_get_msg(TS_REQ_get_msg_imprint(request)));
+  const ASN1_INTEGER* nonce = TS_REQ_get_nonce(request);
   // The answer, checked before anything of it is used.
   const auto* cursor = reinterpret_cast<const unsigned char*>(body.data());
   UniquePtr<TS_RESP> response(d2i_TS_RESP(nullptr, &cursor, static_cast<long>(body.size())));
@@ -106,7 +112,7 @@ bool request_time_stamp(const std::string& url, const EVP_MD* md, std::string_vi
   const ASN1_INTEGER* stamped_nonce = TS_TST_INFO_get_nonce(info);
   if (stamped == nullptr || std::string_view(reinterpret_cast<const char*>(ASN1_STRING_get0_data(stamped)),
                                              static_cast<size_t>(ASN1_STRING_length(stamped))) != hash ||
-      stamped_nonce == nullptr || ASN1_INTEGER_cmp(stamped_nonce, nonce.get()) != 0)
+      stamped_nonce == nullptr || nonce == nullptr || ASN1_INTEGER_cmp(stamped_nonce, nonce) != 0)
     return fail(TRUST_E_TIME_STAMP);
 
   out.token = der_of(token, i2d_PKCS7);
@@ -118,7 +124,7 @@ bool request_time_stamp(const std::string& url, const EVP_MD* md, std::string_vi
   // signature (and its signing certificate attribute) against the authority
   // alone, and the imprint and nonce once more by its own rules.
   if (!prove_authority(out)) return false;
-  UniquePtr<TS_VERIFY_CTX> verify(TS_REQ_to_TS_VERIFY_CTX(request.get(), nullptr));
+  UniquePtr<TS_VERIFY_CTX> verify(TS_REQ_to_TS_VERIFY_CTX(request, nullptr));
   UniquePtr<X509_STORE> authority(X509_STORE_new());
   if (!verify || !authority || !X509_STORE_add_cert(authority.get(), out.authority.get()))
     return fail(static_cast<DWORD>(E_OUTOFMEMORY));

@@ -2,6 +2,7 @@
 
 #include <openssl/asn1.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace bv::platform::der {
@@ -64,6 +65,24 @@ bool signed_data_fields(std::string_view der, std::vector<Element>* content_info
   // SignedData ::= SEQUENCE { version, digestAlgorithms, encapContentInfo,
   //   certificates [0] IMPLICIT OPTIONAL, crls [1] IMPLICIT OPTIONAL, signerInfos }
   return children(der, level[0], fields) && fields->size() >= 4;
+}
+
+bool enveloped_content_algorithm(std::string_view der, std::vector<Element>* algorithm) {
+  std::vector<Element> outer, content_info, wrapper, fields, encrypted;
+  // ContentInfo ::= SEQUENCE { contentType, [0] EXPLICIT EnvelopedData }
+  if (!children(der, Element{0, 0, der.size(), 0, 0}, &outer) || outer.empty()) return false;
+  if (!children(der, outer[0], &content_info) || content_info.size() != 2) return false;
+  if (!children(der, content_info[1], &wrapper) || wrapper.size() != 1) return false;
+  // EnvelopedData ::= SEQUENCE { version, originatorInfo [0] IMPLICIT OPTIONAL,
+  //   recipientInfos SET, encryptedContentInfo SEQUENCE, ... }
+  if (!children(der, wrapper[0], &fields)) return false;
+  const auto recipients = std::find_if(fields.begin(), fields.end(), [](const Element& e) {
+    return e.tag == V_ASN1_SET && e.tag_class == V_ASN1_UNIVERSAL;
+  });
+  if (recipients == fields.end() || recipients + 1 == fields.end()) return false;
+  // EncryptedContentInfo ::= SEQUENCE { contentType, contentEncryptionAlgorithm, ... }
+  if (!children(der, recipients[1], &encrypted) || encrypted.size() < 2) return false;
+  return children(der, encrypted[1], algorithm) && !algorithm->empty();
 }
 
 }  // namespace bv::platform::der

@@ -49,4 +49,9 @@ bool children(std::string_view der, const Element& parent, std::vector<Element>*
 // anything else, or a BER encoding.
 bool signed_data_fields(std::string_view der, std::vector<Element>* content_info, std::vector<Element>* fields);
 
+// The contentEncryptionAlgorithm (an AlgorithmIdentifier's two fields) of
+// the EnvelopedData a ContentInfo holds.  False for anything else, or a BER
+// encoding.
+bool enveloped_content_algorithm(std::string_view der, std::vector<Element>* algorithm);
+
 }  // namespace bv::platform::der

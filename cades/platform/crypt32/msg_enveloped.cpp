@@ -9,6 +9,7 @@
 
 #include "advapi32/provider_handle.h"
 #include "crypt32/cert.h"
+#include "crypt32/der.h"
 #include "crypt32/msg_internal.h"
 #include "kernel32/kernel32.h"
 #include "output_space.h"
@@ -209,6 +210,29 @@ class EnvelopedDecoder final : public MessageKind {
   bool decrypted_ = false;
 };
 
+// The GOST engine takes the parameters of a GOST 28147-89 content cipher
+// as they come and crashes on a malformed one (a missing parameter set):
+// they must be an 8-byte IV and a parameter set OID before it sees them.
+// A BER message is walked in its DER form.
+bool gost_cipher_parameters_well_formed(const DecodedContent& content) {
+  std::string reencoded;
+  std::string_view der = content.der;
+  std::vector<der::Element> algorithm, parameters;
+  if (!der::enveloped_content_algorithm(der, &algorithm)) {
+    reencoded = der_of(content.cms.get(), i2d_CMS_ContentInfo);
+    der = reencoded;
+    if (!der::enveloped_content_algorithm(der, &algorithm)) return false;
+  }
+  const auto* cursor = reinterpret_cast<const unsigned char*>(der.data() + algorithm[0].offset);
+  UniquePtr<ASN1_OBJECT> cipher(d2i_ASN1_OBJECT(nullptr, &cursor, static_cast<long>(algorithm[0].end() - algorithm[0].offset)));
+  if (!cipher) return false;
+  if (OBJ_obj2nid(cipher.get()) != NID_id_Gost28147_89) return true;
+  return algorithm.size() == 2 && algorithm[1].tag == V_ASN1_SEQUENCE && der::children(der, algorithm[1], &parameters) &&
+         parameters.size() == 2 && parameters[0].tag == V_ASN1_OCTET_STRING && parameters[0].length == 8 &&
+         parameters[0].tag_class == V_ASN1_UNIVERSAL && parameters[1].tag == V_ASN1_OBJECT &&
+         parameters[1].tag_class == V_ASN1_UNIVERSAL;
+}
+
 }  // namespace
 
 // The recipients are taken over at the open, so the caller's encode
@@ -245,6 +269,10 @@ std::unique_ptr<MessageKind> open_enveloped_encoder(DWORD, const CMSG_ENVELOPED_
 }
 
 std::unique_ptr<MessageKind> open_enveloped_decoder(DWORD, DecodedContent content) {
+  if (!gost_cipher_parameters_well_formed(content)) {
+    fail(CRYPT_E_ASN1_BADTAG);
+    return nullptr;
+  }
   return std::make_unique<EnvelopedDecoder>(std::move(content));
 }
 

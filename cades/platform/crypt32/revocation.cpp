@@ -254,26 +254,10 @@ bool responder_is_authorised(OCSP_BASICRESP* basic, X509* issuer) {
 
 enum class Asked { answered, responder_unknown, failed };
 
-Asked ask_responder(const std::string& url, OCSP_CERTID* id, X509* issuer, std::chrono::milliseconds timeout,
-                    OcspAnswer& answer) {
-  UniquePtr<OCSP_REQUEST> request(OCSP_REQUEST_new());
-  UniquePtr<OCSP_CERTID> id_copy(OCSP_CERTID_dup(id));
-  if (!request || !id_copy || OCSP_request_add0_id(request.get(), id_copy.get()) == nullptr) return Asked::failed;
-  id_copy.release();
-  OCSP_request_add1_nonce(request.get(), nullptr, -1);
-  unsigned char* der = nullptr;
-  const int der_length = i2d_OCSP_REQUEST(request.get(), &der);
-  if (der_length <= 0) return Asked::failed;
-  http::Request http_request;
-  http_request.url = url;
-  http_request.content_type = "application/ocsp-request";
-  http_request.body.assign(reinterpret_cast<char*>(der), static_cast<size_t>(der_length));
-  http_request.timeout = timeout;
-  http_request.max_response = 1u << 20;
-  OPENSSL_free(der);
-  std::string body;
-  if (!http::fetch(http_request, body)) return Asked::failed;
-
+// What a responder's body says about `id`: a successful response to
+// `request`, signed by an authorised responder and current.
+Asked read_responder_body(const std::string& body, OCSP_REQUEST* request, OCSP_CERTID* id, X509* issuer,
+                          OcspAnswer& answer) {
   const auto* p = reinterpret_cast<const unsigned char*>(body.data());
   UniquePtr<OCSP_RESPONSE> response(d2i_OCSP_RESPONSE(nullptr, &p, static_cast<long>(body.size())));
   if (!response || OCSP_response_status(response.get()) != OCSP_RESPONSE_STATUS_SUCCESSFUL) {
@@ -284,7 +268,7 @@ Asked ask_responder(const std::string& url, OCSP_CERTID* id, X509* issuer, std::
   UniquePtr<OCSP_BASICRESP> basic(OCSP_response_get1_basic(response.get()));
   // A responder may leave the nonce out (it may answer from its own cache),
   // but one that answers with another nonce answers another request.
-  if (!basic || OCSP_check_nonce(request.get(), basic.get()) == 0 || !responder_is_authorised(basic.get(), issuer)) {
+  if (!basic || OCSP_check_nonce(request, basic.get()) == 0 || !responder_is_authorised(basic.get(), issuer)) {
     ERR_clear_error();
     SetLastError(TRUST_E_CERT_SIGNATURE);
     return Asked::failed;
@@ -309,7 +293,47 @@ Asked ask_responder(const std::string& url, OCSP_CERTID* id, X509* issuer, std::
   return status == V_OCSP_CERTSTATUS_UNKNOWN ? Asked::responder_unknown : Asked::answered;
 }
 
+Asked ask_responder(const std::string& url, OCSP_CERTID* id, X509* issuer, std::chrono::milliseconds timeout,
+                    OcspAnswer& answer) {
+  UniquePtr<OCSP_REQUEST> request(OCSP_REQUEST_new());
+  UniquePtr<OCSP_CERTID> id_copy(OCSP_CERTID_dup(id));
+  if (!request || !id_copy || OCSP_request_add0_id(request.get(), id_copy.get()) == nullptr) return Asked::failed;
+  id_copy.release();
+  OCSP_request_add1_nonce(request.get(), nullptr, -1);
+  unsigned char* der = nullptr;
+  const int der_length = i2d_OCSP_REQUEST(request.get(), &der);
+  if (der_length <= 0) return Asked::failed;
+  http::Request http_request;
+  http_request.url = url;
+  http_request.content_type = "application/ocsp-request";
+  http_request.body.assign(reinterpret_cast<char*>(der), static_cast<size_t>(der_length));
+  http_request.timeout = timeout;
+  http_request.max_response = 1u << 20;
+  OPENSSL_free(der);
+  std::string body;
+  if (!http::fetch(http_request, body)) return Asked::failed;
+  return read_responder_body(body, request.get(), id, issuer, answer);
+}
+
 }  // namespace
+
+Verdict read_ocsp_body(const std::string& body, OCSP_REQUEST* request, X509* cert, X509* issuer) {
+  UniquePtr<OCSP_CERTID> id(OCSP_cert_to_id(nullptr, cert, issuer));
+  OcspAnswer answer;
+  Result result;
+  if (!id || read_responder_body(body, request, id.get(), issuer, answer) != Asked::answered ||
+      !apply_ocsp(answer, std::time(nullptr), result, Source::ocsp, true))
+    return Verdict::unknown;
+  return result.verdict;
+}
+
+Verdict read_crl_body(const std::string& body, X509* cert, X509* issuer) {
+  UniquePtr<X509_CRL> crl = parse_crl(body);
+  Result result;
+  const time_t now = std::time(nullptr);
+  if (!crl || consult_crl(crl.get(), cert, issuer, now, now, result) == CrlSays::not_applicable) return Verdict::unknown;
+  return result.verdict;
+}
 
 std::chrono::milliseconds default_timeout() {
   if (const char* text = std::getenv("BV_PLATFORM_URL_TIMEOUT_MS")) {

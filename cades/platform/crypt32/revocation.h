@@ -64,6 +64,12 @@ Result check(X509* cert, X509* issuer, const Options& options);
 // above 0, else 15 seconds.
 std::chrono::milliseconds default_timeout();
 
+// How check() reads a body a source sent, without the download (the
+// fuzzers' way in): an OCSP responder's answer to `request` about `cert`,
+// and a distribution point's CRL.  Unknown when the body decides nothing.
+Verdict read_ocsp_body(const std::string& body, OCSP_REQUEST* request, X509* cert, X509* issuer);
+Verdict read_crl_body(const std::string& body, X509* cert, X509* issuer);
+
 // Forgets cached CRLs, OCSP answers and sources marked unreachable.
 void clear_cache();
 
