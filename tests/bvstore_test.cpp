@@ -24,11 +24,6 @@ const std::string kTools = BV_TOOLS_DIR "/";
 const std::string bvstore = kTools + "bvstore ";
 const std::string bvssf = kTools + "bvssf ";
 
-struct Streams {
-  int status = -1;
-  std::string out, err;
-};
-
 struct Step {
   std::string command;  // for the shell, in the PKI's folder with its environment
   int status;
@@ -65,13 +60,7 @@ class DemoPki {
            " BV_SSF_VERIFYCERTFLAGS_ONSIGN= BV_SSF_VERIFYCERTACCEPTABLESTATUS= BV_PLATFORM_ASKPASS= && ";
   }
   // Standard input is empty unless the command gives its own.
-  Streams run(const std::string& command) const {
-    Streams result;
-    result.out = run_command(shell_prefix() + "(" + command + ") 2>" + quoted(dir_ / "err") + " </dev/null",
-                             &result.status);
-    result.err = read_file(dir_ / "err");
-    return result;
-  }
+  Streams run(const std::string& command) const { return run_streams(shell_prefix() + "(" + command + ") </dev/null"); }
   // Runs the steps in order: each may depend on the ones before.
   void play(const std::vector<Step>& steps) const {
     for (const Step& step : steps) {
@@ -141,6 +130,43 @@ TEST(Bvstore, CrlsMissingStoresAndDeletingKeys) {
   EXPECT_FALSE(std::filesystem::exists(pki.store("local", "Mu")));
   EXPECT_FALSE(std::filesystem::exists(key_file));
   EXPECT_FALSE(contains(pki.run(bvstore + "list My").out, signer.hash));
+}
+
+// Imports an administrator gets wrong are refused and leave nothing; a key
+// is stored under its new PIN; files named by hand in upper case are found
+// and deleted by their hash.
+TEST(Bvstore, ImportsRefusedOrRekeyedAndHandNamedFiles) {
+  DemoPki pki;
+  const DemoPki::Party& signer = pki["signer-2012-256"];
+  const DemoPki::Party& other = pki["signer-2001"];
+  const std::string key = signer.file.substr(0, signer.file.size() - 4) + ".key";
+  const std::string other_key = other.file.substr(0, other.file.size() - 4) + ".key";
+  const std::string work = pki.store("local", "Work") + "/" + signer.hash;
+  write_file(pki.dir() / "garbage.cer", "no certificate here");
+  pki.play({
+      {bvstore + "create Work", 0, "", ""},
+      {bvstore + "import Work garbage.cer", 1, "", "is no certificate, CRL or PKCS #12 file"},
+      {bvstore + "import Work " + quoted(signer.file) + " --key " + quoted(other_key) + " --password pass:" + other.pin +
+           " --pin pass:1", 1, "", "not the certificate's"},
+      {bvstore + "import Work " + quoted(signer.file) + " --key " + quoted(key) + " --pin pass:1", 1, "", "give --password"},
+      {bvstore + "import Work " + quoted(signer.file) + " --key " + quoted(key) + " --password pass:wrong --pin pass:1", 1,
+       "", "wrong --password"},
+      {bvstore + "import ../Work " + quoted(signer.file), 1, "", "bad store name"},
+      {bvstore + "list Work", 0, "", ""},
+      // The key under a PIN of the administrator's choice.
+      {bvstore + "import Work " + quoted(signer.file) + " --key " + quoted(key) + " --password pass:" + signer.pin +
+           " --pin pass:new-pin", 0, signer.hash + "  with key", ""},
+      {bvssf + "sign PKCS7 pki/demo.txt w.p7s --signer " + signer.hash + ":Work:" + signer.pin, 1, "", ""},
+      {bvssf + "sign PKCS7 pki/demo.txt w.p7s --signer " + signer.hash + ":Work:new-pin", 0, "", ""},
+      {bvstore + "delete Work " + signer.hash + " --yes", 0, "", ""},
+      // As an older bvstore or a person named them: upper case.
+      {"cp " + quoted(signer.file) + " " + quoted(work + ".cer") + " && cp " + quoted(key) + " " + quoted(work + ".key"),
+       0, "", ""},
+      {bvstore + "list Work", 0, "[key]", ""},
+      {bvstore + "delete Work " + lower(signer.hash) + " --yes", 0, "deleted the private key " + work + ".key", ""},
+  });
+  EXPECT_FALSE(std::filesystem::exists(work + ".cer"));
+  pki.expect_signs(signer.hash + "::" + signer.pin);
 }
 
 // A PKCS #12 file made by openssl with the signer's key and the whole chain.

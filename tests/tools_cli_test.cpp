@@ -17,19 +17,7 @@ namespace {
 
 const std::string kTools = BV_TOOLS_DIR "/";
 
-struct Streams {
-  int status = -1;
-  std::string out, err;
-};
-
-// A shell command with its standard output and standard error apart.
-Streams run(const std::string& command) {
-  TempDir dir;
-  Streams result;
-  result.out = run_command("(" + command + ") 2>" + quoted(dir / "err"), &result.status);
-  result.err = read_file(dir / "err");
-  return result;
-}
+Streams run(const std::string& command) { return run_streams(command); }
 
 // The tools' environment: the test stores, nothing of this machine's.
 std::string environment() {

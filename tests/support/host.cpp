@@ -323,6 +323,14 @@ std::string run_checked(const std::string& command) {
   return output;
 }
 
+Streams run_streams(const std::string& command) {
+  TempDir dir;
+  Streams result;
+  result.out = run_command("(" + command + ") 2>" + quoted(dir / "err"), &result.status);
+  result.err = read_file(dir / "err");
+  return result;
+}
+
 std::string trace_registry_text(const std::vector<std::string>& value_lines) {
   std::string text = "Windows Registry Editor Version 5.00\r\n\r\n[HKEY_LOCAL_MACHINE\\SOFTWARE\\Brelvantec\\Trace]\r\n";
   for (const std::string& line : value_lines) text += line + "\r\n";

@@ -140,4 +140,11 @@ std::string run_command(const std::string& command, int* status = nullptr);
 // The same; a non-zero exit fails the calling test.
 std::string run_checked(const std::string& command);
 
+// A shell command's exit status and its two output streams apart.
+struct Streams {
+  int status = -1;
+  std::string out, err;
+};
+Streams run_streams(const std::string& command);
+
 }  // namespace bv::test
