@@ -19,32 +19,6 @@
 namespace bv::test {
 namespace {
 
-// A hash text cut to an odd number of digits, after a signer whose hash
-// was read: refused as no hash (22, "Invalid user's ID"), whatever the
-// earlier one left behind.
-TEST(HashIdentity, OddDigitsAfterAGoodHashAreRefused) {
-  const SigningWorld& w = SigningWorld::get();
-  TempDir traced;
-  const auto env = w.traced_env(traced, 2);
-  const std::string digits = "ABCDEFABCDEFABCDEFAB1ABCDEFABCDEFABCDEFAB";
-  struct Case {
-    std::string first;
-    int32_t first_result;
-  };
-  for (const Case& c : {Case{"AB", 22}, Case{w.alice.sha1_hex, 0}}) {
-    for (size_t length = 1; length <= digits.size(); length += 2) {
-      const std::string second = digits.substr(0, length);
-      SCOPED_TRACE(c.first + " then " + second);
-      SignRequest request;
-      request.signers = {{c.first, "", "1111"}, {second, "", ""}};
-      const SignOutcome outcome = sign_through_export(env, request);
-      EXPECT_EQ(outcome.rc, SSF_ERR_SIGNER);
-      EXPECT_EQ(outcome.results, (std::vector<int32_t>{c.first_result, 22}));
-      EXPECT_TRUE(contains(trace_log(traced), "#error#: Invalid user's ID (" + second + ")\r\n"));
-    }
-  }
-}
-
 // Every export, given a null where it would write or read: a code, never a
 // signal.  One child each, tracing at level 4 on the way.  A record built by
 // hand with a null field behind a positive length has that field absent.

@@ -99,7 +99,8 @@ int exit_code_of(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 
 
 // The PINs and passwords the tests give the library (SigningWorld's, the
 // demo PKI's, the wrong ones).
-const char* const kSecrets[] = {"1111",     "2222",     "5555",     "6666",     "7777",     "9731",
+const char* const kSecrets[] = {"1111",     "2222",     "4444",     "5555",     "6666",     "7777",     "9731",
+                                "1112",     "8888",
                                 "11111111", "22222222", "33333333", "44444444", "55555555", "66666666",
                                 "77777777", "88888888", "12121212"};
 
