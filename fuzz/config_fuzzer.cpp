@@ -1,7 +1,8 @@
 // The settings readers, each on the file it reads: ssf.ini through the
 // library's settings object, Trace.ini and cades.ini through the ini reader
 // (A and W forms, values and the lists of names), registry.reg through the
-// registry functions, a .trc file through the trace table.  The input's
+// registry functions and as the trace setting is read at load, a .trc file
+// through the trace table.  The input's
 // pieces are those five files in that order.
 #include "advapi32/registry.h"
 #include "cadesmsg/timestamp.h"
@@ -64,6 +65,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const Config settings;
   read_ini(trace_ini, "Trace", "libbvsapssf.so");
   read_registry();
+  // The load-time reading without its side effect: a log file named by the input is never opened.
+  bv::trace::describe_settings(u"libbvsapssf.so");
   bv::trace::apply_settings_file(bv::platform::utf16_from_utf8(trc.string()), u"/opt/sap/libbvsapssf.so");
   read_ini(cades_ini, "cades", "DefaultTSP");
   bv::cades::default_time_stamp_service();

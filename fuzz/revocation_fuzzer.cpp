@@ -1,8 +1,9 @@
 // What a revocation source sends, as the HTTP client hands it over: the
 // body read as an OCSP responder's answer about the world's signer (to a
 // request without a nonce, so a stored answer fits), and as a distribution
-// point's CRL of the world's root.
+// point's CRL of the world's root.  Mutations are signed again (resign.h).
 #include "crypt32/revocation.h"
+#include "resign.h"
 #include "world.h"
 
 using namespace bv::fuzz;
@@ -28,3 +29,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   revocation::read_crl_body(body, root, root);
   return 0;
 }
+
+#ifdef BV_LIBFUZZER
+extern "C" size_t LLVMFuzzerCustomMutator(uint8_t* data, size_t size, size_t max_size, unsigned int seed) {
+  return mutate_and_resign(data, size, max_size, seed, [](std::string_view body) {
+    std::string again = resigned_ocsp(body);
+    return again.empty() ? resigned_crl(body) : again;
+  });
+}
+#endif
