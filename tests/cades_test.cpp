@@ -3,14 +3,18 @@
 // order and failures of the time stamp services.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
+#include <latch>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "certs.h"
 #include "cadesmsg/cadesmsg.h"
+#include "cadesmsg/timestamp.h"
 #include "crypt32/msg.h"
 #include "crypt32/revocation.h"
 #include "crypt32/store.h"
@@ -127,9 +131,9 @@ std::string answer_to_another_request(TimeStampServer& tsa, const TempDir& dir) 
   request.url = tsa.url();
   request.content_type = "application/timestamp-query";
   request.body = read_file(dir / "other.tsq");
-  std::string answer;
+  bv::platform::http::Body answer;
   EXPECT_TRUE(bv::platform::http::fetch(request, answer));
-  return answer;
+  return answer ? std::string(answer->bytes()) : std::string();
 }
 
 struct ServiceCase {
@@ -216,6 +220,51 @@ TEST(CadesSign, TimeStampServicesInOrderAndTheirFailures) {
       EXPECT_EQ(good_b.requests() - b_before, 0);
     }
   }
+}
+
+// Sixteen threads asking a broken service at once each get its code within
+// the time-out, and the service sees one request (four with the redirects):
+// the others wait for that one and share its failure.
+TEST(CadesSign, SixteenThreadsAtOnceAtABrokenTimeStampService) {
+  HttpServer silent(/*silent=*/true);
+  const struct {
+    const char* name;
+    Misbehaviour how;  // ignored for the silent server
+    DWORD error;
+    int most_requests;
+  } cases[] = {
+      {"never answers", Misbehaviour::kDrip, ERROR_INTERNET_TIMEOUT, 0},
+      {"one byte a second", Misbehaviour::kDrip, ERROR_INTERNET_TIMEOUT, 1},
+      {"a body of 2 GiB", Misbehaviour::kHugeBody, ERROR_HTTP_INVALID_SERVER_RESPONSE, 1},
+      {"redirected to itself", Misbehaviour::kRedirectLoop, ERROR_HTTP_INVALID_SERVER_RESPONSE, 4},
+      {"reset in the middle", Misbehaviour::kResetMidway, ERROR_INTERNET_CONNECTION_ABORTED, 1},
+  };
+  setenv("BV_PLATFORM_URL_TIMEOUT_MS", "1000", 1);
+  const EVP_MD* md = bv::ossl::digest_by_nid(NID_id_GostR3411_2012_256);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    HttpServer broken;
+    misbehave(broken, "/tsa", c.how, std::chrono::milliseconds(150));  // every thread asks before the answer
+    const std::string url = c.most_requests == 0 ? silent.url("/tsa") : broken.url("/tsa");
+    std::atomic<int> right{0};
+    const auto started = std::chrono::steady_clock::now();
+    std::vector<std::thread> threads;
+    std::latch all_started(16);
+    for (int t = 0; t < 16; ++t)
+      threads.emplace_back([&] {
+        all_started.arrive_and_wait();
+        bv::cades::TimeStamp stamp;
+        if (!bv::cades::request_time_stamp(
+                url, md, "data", [](bv::cades::TimeStamp&) { return true; }, stamp) &&
+            GetLastError() == c.error)
+          ++right;
+      });
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(right, 16);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(3));
+    EXPECT_LE(broken.requests(), c.most_requests);
+  }
+  unsetenv("BV_PLATFORM_URL_TIMEOUT_MS");
 }
 
 // Revocation values come from where the status was learnt: an OCSP

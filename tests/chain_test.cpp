@@ -5,11 +5,16 @@
 // stores and from distribution points, OCSP from `openssl ocsp`, the cache,
 // time-outs and HTTP failures.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <fstream>
+#include <latch>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "certs.h"
@@ -487,6 +492,86 @@ TEST_F(Revocation, UnreachableSourcesAreOfflineAndFast) {
   }
 }
 
+// The largest resident size since `reset_peak_memory`, in bytes.
+size_t peak_memory() {
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.rfind("VmHWM:", 0) == 0) return std::stoul(line.substr(6)) << 10;
+  return 0;
+}
+void reset_peak_memory() { std::ofstream("/proc/self/clear_refs") << "5"; }
+
+// Sixteen threads of a work process asking one broken source at once: each
+// ends offline within its time-out, the source sees one request (three more
+// for the redirects), and the bodies read together stay within the budget.
+TEST_F(Revocation, SixteenThreadsAtOnceAskABrokenSourceOnce) {
+  constexpr int kThreads = 16;
+  const std::string down = "http://127.0.0.1:" + std::to_string(free_port()) + "/ca.crl";
+  const struct {
+    const char* name;
+    const char* path;  // on each server; none: `down`
+    bool ocsp;
+    int servers;
+    int most_requests;  // of each server
+  } cases[] = {
+      {"nobody listens", nullptr, false, 1, 0},
+      {"answers nothing", "/silent", false, 1, 0},
+      {"one byte a second", "/drip", false, 1, 1},
+      {"OCSP: one byte a second", "/drip", true, 1, 1},
+      {"reset in the middle", "/reset", true, 1, 1},
+      {"redirected to itself", "/loop", false, 1, 4},
+      {"not a CRL", "/garbage", false, 1, 1},
+      {"OCSP: not an answer", "/garbage-at-once", true, 1, kThreads},  // it answers: asked in parallel
+      {"bodies of 2 GiB from four servers", "/huge", false, 4, 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    revocation::clear_cache();
+    HttpServer silent(/*silent=*/true);
+    std::vector<std::unique_ptr<HttpServer>> servers;
+    std::vector<UniquePtr<X509>> certs;
+    for (int i = 0; i < c.servers; ++i) {
+      auto& server = *servers.emplace_back(std::make_unique<HttpServer>());
+      constexpr auto kOverlap = std::chrono::milliseconds(150);  // every thread asks before the answer comes
+      for (const auto& [path, how] : {std::pair{"/drip", Misbehaviour::kDrip},
+                                      {"/huge", Misbehaviour::kHugeBody},
+                                      {"/loop", Misbehaviour::kRedirectLoop},
+                                      {"/reset", Misbehaviour::kResetMidway}})
+        misbehave(server, path, how, kOverlap);
+      server.handle("/garbage", [kOverlap](const std::string&) {
+        std::this_thread::sleep_for(kOverlap);
+        return std::string("not a CRL");
+      });
+      server.put("/garbage-at-once", "not an OCSP answer");  // asked in parallel: no waiting in turn
+      const std::string url = c.path == nullptr                  ? down
+                              : std::string(c.path) == "/silent" ? silent.url("/ca.crl")
+                                                                 : server.url(c.path);
+      certs.push_back(leaf(0x40 + i, c.ocsp ? "" : url, c.ocsp ? url : ""));
+    }
+    revocation::Options options = quick();
+    options.timeout = std::chrono::milliseconds(1000);
+    reset_peak_memory();
+    const size_t before = peak_memory();
+    const auto started = std::chrono::steady_clock::now();
+    std::vector<std::thread> threads;
+    std::atomic<int> offline{0};
+    std::latch all_started(kThreads);
+    for (int t = 0; t < kThreads; ++t)
+      threads.emplace_back([&, t] {
+        all_started.arrive_and_wait();
+        const revocation::Result result = revocation::check(certs[t % certs.size()].get(), ca.get(), options);
+        if (result.verdict == Verdict::offline && result.error == CRYPT_E_REVOCATION_OFFLINE) ++offline;
+      });
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(offline, kThreads);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(3));
+    for (const auto& server : servers) EXPECT_LE(server->requests(), c.most_requests);
+#ifndef __SANITIZE_ADDRESS__  // its quarantine keeps what was freed
+    EXPECT_LT(peak_memory() - before, bv::platform::http::kAllBodiesBudget + (16u << 20));
+#endif
+  }
+}
+
 TEST_F(Revocation, FailedSourceIsNotAskedAgainAtOnceAndDeadlinesHold) {
   HttpServer server;  // has nothing: every CRL request gets 404
   UniquePtr<X509> cert = leaf(0x32, server.url("/ca.crl"));
@@ -563,11 +648,17 @@ TEST(Http, FailuresGiveWininetErrors) {
   HttpServer silent(/*silent=*/true);
   HttpServer server;
   server.put("/ok", "body");
+  // Refused on its declared length, before 2 GiB come (else: reset, 12030).
+  server.handle_raw("/declared-2GiB", [](int connection, const std::atomic<bool>&) {
+    const std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 2147483648\r\n\r\n" + std::string(1000, '0');
+    [[maybe_unused]] const ssize_t ignored = send(connection, head.data(), head.size(), MSG_NOSIGNAL);
+  });
   const struct {
     std::string url;
     DWORD error;  // 0: success
   } cases[] = {
       {server.url("/ok"), 0},
+      {server.url("/declared-2GiB"), ERROR_HTTP_INVALID_SERVER_RESPONSE},
       {server.url("/missing"), ERROR_HTTP_INVALID_SERVER_RESPONSE},
       {"http://127.0.0.1:" + std::to_string(free_port()) + "/", ERROR_INTERNET_CANNOT_CONNECT},
       {silent.url("/"), ERROR_INTERNET_TIMEOUT},
@@ -580,11 +671,11 @@ TEST(Http, FailuresGiveWininetErrors) {
     bv::platform::http::Request request;
     request.url = c.url;
     request.timeout = std::chrono::milliseconds(300);
-    std::string body;
+    bv::platform::http::Body body;
     SetLastError(0);
     EXPECT_EQ(bv::platform::http::fetch(request, body), c.error == 0);
     if (c.error == 0) {
-      EXPECT_EQ(body, "body");
+      EXPECT_EQ(body->bytes(), "body");
     } else {
       EXPECT_EQ(GetLastError(), c.error);
     }
@@ -592,7 +683,7 @@ TEST(Http, FailuresGiveWininetErrors) {
   bv::platform::http::Request large;
   large.url = server.url("/ok");
   large.max_response = 2;
-  std::string body;
+  bv::platform::http::Body body;
   EXPECT_FALSE(bv::platform::http::fetch(large, body));
   EXPECT_EQ(GetLastError(), ERROR_HTTP_INVALID_SERVER_RESPONSE);
 }

@@ -13,7 +13,6 @@
 #include <stdexcept>
 #include <thread>
 
-
 namespace bv::test {
 namespace {
 
@@ -123,9 +122,10 @@ bool send_bytes(int connection, const std::string& bytes) {
 }
 }  // namespace
 
-void misbehave(HttpServer& server, const std::string& path, Misbehaviour how) {
+void misbehave(HttpServer& server, const std::string& path, Misbehaviour how, std::chrono::milliseconds delay) {
   const std::string self = server.url(path);
-  server.handle_raw(path, [how, self](int connection, const std::atomic<bool>& stopping) {
+  server.handle_raw(path, [how, self, delay](int connection, const std::atomic<bool>& stopping) {
+    std::this_thread::sleep_for(delay);
     switch (how) {
       case Misbehaviour::kDrip:
         send_bytes(connection, "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n");
@@ -133,7 +133,8 @@ void misbehave(HttpServer& server, const std::string& path, Misbehaviour how) {
           std::this_thread::sleep_for(std::chrono::seconds(1));
         break;
       case Misbehaviour::kHugeBody: {
-        send_bytes(connection, "HTTP/1.1 200 OK\r\nContent-Length: 2147483648\r\n\r\n");
+        // No length declared: only what is read can stop it.
+        send_bytes(connection, "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n");
         const std::string block(1 << 16, '0');
         for (long sent = 0; sent < (2l << 30) && !stopping && send_bytes(connection, block); sent += 1 << 16) {
         }
@@ -183,8 +184,8 @@ OcspResponder::OcspResponder(const std::string& folder, X509* ca, EVP_PKEY* ca_k
 
 TimeStampServer::TimeStampServer(const std::string& folder, const std::string& cert_pem, const std::string& key_pem)
     : folder_(folder),
-      server_("--cert '" + cert_pem + "' --key '" + key_pem + "' --serial-file '" + folder + "/serial' --log '" + folder +
-                  "/tsa.log'",
+      server_("--cert '" + cert_pem + "' --key '" + key_pem + "' --serial-file '" + folder + "/serial' --log '" +
+                  folder + "/tsa.log'",
               folder + "/tsa.err") {}
 
 int TimeStampServer::requests() const {

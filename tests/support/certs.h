@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -62,10 +63,12 @@ class HttpServer {
   std::thread thread_;
 };
 
-// How `path` of a server misbehaves: one byte a second, a body of 2 GiB, a
-// redirect to itself, a reset after the first kilobyte.
+// How `path` of a server misbehaves: one byte a second, a body of 2 GiB
+// without a declared length, a redirect to itself, a reset after the first
+// kilobyte; after `delay`, so that clients asking at once overlap.
 enum class Misbehaviour { kDrip, kHugeBody, kRedirectLoop, kResetMidway };
-void misbehave(HttpServer& server, const std::string& path, Misbehaviour how);
+void misbehave(HttpServer& server, const std::string& path, Misbehaviour how,
+               std::chrono::milliseconds delay = std::chrono::milliseconds(0));
 
 // An OCSP responder for one CA, from an index in `openssl ca` form: each
 // request is answered by `openssl ocsp` on files, behind an HttpServer.

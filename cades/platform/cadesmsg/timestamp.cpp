@@ -90,12 +90,12 @@ bool request_time_stamp(const std::string& url, const EVP_MD* md, std::string_vi
   http_request.timeout = bv::platform::revocation::default_timeout();
   http_request.allow_https = true;
   http_request.max_response = 1u << 20;
-  std::string body;
+  bv::platform::http::Body body;
   if (!bv::platform::http::fetch(http_request, body)) return false;
-  return read_time_stamp_response(body, request.get(), prove_authority, out);
+  return read_time_stamp_response(body->bytes(), request.get(), prove_authority, out);
 }
 
-bool read_time_stamp_response(const std::string& body, TS_REQ* request,
+bool read_time_stamp_response(std::string_view body, TS_REQ* request,
                               const std::function<bool(TimeStamp&)>& prove_authority, TimeStamp& out) {
   const std::string_view hash = bv::ossl::bytes_of(TS_MSG_IMPRINT_get_msg(TS_REQ_get_msg_imprint(request)));
   const ASN1_INTEGER* nonce = TS_REQ_get_nonce(request);

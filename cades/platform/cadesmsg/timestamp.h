@@ -38,7 +38,7 @@ bool request_time_stamp(const std::string& url, const EVP_MD* md, std::string_vi
 // request_time_stamp's reading of the service's `body`, the answer to
 // `request`, without the download (the fuzzers' way in): the same checks
 // and results.
-bool read_time_stamp_response(const std::string& body, TS_REQ* request,
+bool read_time_stamp_response(std::string_view body, TS_REQ* request,
                               const std::function<bool(TimeStamp&)>& prove_authority, TimeStamp& out);
 
 // The certificates of a token and the one that signed it.

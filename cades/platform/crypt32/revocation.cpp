@@ -162,7 +162,7 @@ void mark_offline(const std::string& url) {
   cache().offline_until[url] = Clock::now() + kOfflineMemo;
 }
 
-UniquePtr<X509_CRL> parse_crl(const std::string& body) {
+UniquePtr<X509_CRL> parse_crl(std::string_view body) {
   const auto* p = reinterpret_cast<const unsigned char*>(body.data());
   UniquePtr<X509_CRL> crl(d2i_X509_CRL(nullptr, &p, static_cast<long>(body.size())));
   if (!crl) {
@@ -256,7 +256,7 @@ enum class Asked { answered, responder_unknown, failed };
 
 // What a responder's body says about `id`: a successful response to
 // `request`, signed by an authorised responder and current.
-Asked read_responder_body(const std::string& body, OCSP_REQUEST* request, OCSP_CERTID* id, X509* issuer,
+Asked read_responder_body(std::string_view body, OCSP_REQUEST* request, OCSP_CERTID* id, X509* issuer,
                           OcspAnswer& answer) {
   const auto* p = reinterpret_cast<const unsigned char*>(body.data());
   UniquePtr<OCSP_RESPONSE> response(d2i_OCSP_RESPONSE(nullptr, &p, static_cast<long>(body.size())));
@@ -310,14 +310,14 @@ Asked ask_responder(const std::string& url, OCSP_CERTID* id, X509* issuer, std::
   http_request.timeout = timeout;
   http_request.max_response = 1u << 20;
   OPENSSL_free(der);
-  std::string body;
+  http::Body body;
   if (!http::fetch(http_request, body)) return Asked::failed;
-  return read_responder_body(body, request.get(), id, issuer, answer);
+  return read_responder_body(body->bytes(), request.get(), id, issuer, answer);
 }
 
 }  // namespace
 
-Verdict read_ocsp_body(const std::string& body, OCSP_REQUEST* request, X509* cert, X509* issuer) {
+Verdict read_ocsp_body(std::string_view body, OCSP_REQUEST* request, X509* cert, X509* issuer) {
   UniquePtr<OCSP_CERTID> id(OCSP_cert_to_id(nullptr, cert, issuer));
   OcspAnswer answer;
   Result result;
@@ -327,7 +327,7 @@ Verdict read_ocsp_body(const std::string& body, OCSP_REQUEST* request, X509* cer
   return result.verdict;
 }
 
-Verdict read_crl_body(const std::string& body, X509* cert, X509* issuer) {
+Verdict read_crl_body(std::string_view body, X509* cert, X509* issuer) {
   UniquePtr<X509_CRL> crl = parse_crl(body);
   Result result;
   const time_t now = std::time(nullptr);
@@ -469,10 +469,10 @@ Result check(X509* cert, X509* issuer, const Options& options) {
       http::Request request;
       request.url = url;
       request.timeout = timeout;
-      std::string body;
+      http::Body body;
       UniquePtr<X509_CRL> crl;
       if (http::fetch(request, body)) {
-        crl = parse_crl(body);
+        crl = parse_crl(body->bytes());
         if (!crl) SetLastError(ERROR_HTTP_INVALID_SERVER_RESPONSE);
       }
       if (!crl) {

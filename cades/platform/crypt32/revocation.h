@@ -12,6 +12,7 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "wincrypt_types.h"
@@ -67,8 +68,8 @@ std::chrono::milliseconds default_timeout();
 // How check() reads a body a source sent, without the download (the
 // fuzzers' way in): an OCSP responder's answer to `request` about `cert`,
 // and a distribution point's CRL.  Unknown when the body decides nothing.
-Verdict read_ocsp_body(const std::string& body, OCSP_REQUEST* request, X509* cert, X509* issuer);
-Verdict read_crl_body(const std::string& body, X509* cert, X509* issuer);
+Verdict read_ocsp_body(std::string_view body, OCSP_REQUEST* request, X509* cert, X509* issuer);
+Verdict read_crl_body(std::string_view body, X509* cert, X509* issuer);
 
 // Forgets cached CRLs, OCSP answers and sources marked unreachable.
 void clear_cache();
