@@ -211,8 +211,9 @@ class EnvelopedDecoder final : public MessageKind {
 };
 
 // The GOST engine takes the parameters of a GOST 28147-89 content cipher
-// as they come and crashes on a malformed one (a missing parameter set):
-// they must be an 8-byte IV and a parameter set OID before it sees them.
+// as they come and crashes on a malformed one (a missing parameter set,
+// an IV in a constructed string): they must be an 8-byte IV and a
+// parameter set OID before it sees them.
 // A BER message is walked in its DER form.
 bool gost_cipher_parameters_well_formed(const DecodedContent& content) {
   std::string reencoded;
@@ -227,10 +228,12 @@ bool gost_cipher_parameters_well_formed(const DecodedContent& content) {
   UniquePtr<ASN1_OBJECT> cipher(d2i_ASN1_OBJECT(nullptr, &cursor, static_cast<long>(algorithm[0].end() - algorithm[0].offset)));
   if (!cipher) return false;
   if (OBJ_obj2nid(cipher.get()) != NID_id_Gost28147_89) return true;
-  return algorithm.size() == 2 && algorithm[1].tag == V_ASN1_SEQUENCE && der::children(der, algorithm[1], &parameters) &&
-         parameters.size() == 2 && parameters[0].tag == V_ASN1_OCTET_STRING && parameters[0].length == 8 &&
-         parameters[0].tag_class == V_ASN1_UNIVERSAL && parameters[1].tag == V_ASN1_OBJECT &&
-         parameters[1].tag_class == V_ASN1_UNIVERSAL;
+  // Identifier octets compared whole: a constructed OCTET STRING has the
+  // right tag number and crashed the engine too.
+  const auto identifier = [&](const der::Element& element) { return static_cast<unsigned char>(der[element.offset]); };
+  return algorithm.size() == 2 && identifier(algorithm[1]) == 0x30 && der::children(der, algorithm[1], &parameters) &&
+         parameters.size() == 2 && identifier(parameters[0]) == 0x04 && parameters[0].length == 8 &&
+         identifier(parameters[1]) == 0x06;
 }
 
 }  // namespace
