@@ -224,16 +224,31 @@ bool gost_cipher_parameters_well_formed(const DecodedContent& content) {
     der = reencoded;
     if (!der::enveloped_content_algorithm(der, &algorithm)) return false;
   }
-  const auto* cursor = reinterpret_cast<const unsigned char*>(der.data() + algorithm[0].offset);
-  UniquePtr<ASN1_OBJECT> cipher(d2i_ASN1_OBJECT(nullptr, &cursor, static_cast<long>(algorithm[0].end() - algorithm[0].offset)));
-  if (!cipher) return false;
-  if (OBJ_obj2nid(cipher.get()) != NID_id_Gost28147_89) return true;
+  const auto nid_of = [&](const der::Element& element) {
+    const auto* cursor = reinterpret_cast<const unsigned char*>(der.data() + element.offset);
+    UniquePtr<ASN1_OBJECT> oid(d2i_ASN1_OBJECT(nullptr, &cursor, static_cast<long>(element.end() - element.offset)));
+    return oid ? OBJ_obj2nid(oid.get()) : NID_undef;
+  };
+  if (nid_of(algorithm[0]) != NID_id_Gost28147_89) return true;
   // Identifier octets compared whole: a constructed OCTET STRING has the
-  // right tag number and crashed the engine too.
+  // right tag number and crashed the engine too, as did a parameter set it
+  // has no S-box for.
   const auto identifier = [&](const der::Element& element) { return static_cast<unsigned char>(der[element.offset]); };
-  return algorithm.size() == 2 && identifier(algorithm[1]) == 0x30 && der::children(der, algorithm[1], &parameters) &&
-         parameters.size() == 2 && identifier(parameters[0]) == 0x04 && parameters[0].length == 8 &&
-         identifier(parameters[1]) == 0x06;
+  if (algorithm.size() != 2 || identifier(algorithm[1]) != 0x30 || !der::children(der, algorithm[1], &parameters) ||
+      parameters.size() != 2 || identifier(parameters[0]) != 0x04 || parameters[0].length != 8 ||
+      identifier(parameters[1]) != 0x06)
+    return false;
+  switch (nid_of(parameters[1])) {
+    case NID_id_Gost28147_89_TestParamSet:
+    case NID_id_Gost28147_89_CryptoPro_A_ParamSet:
+    case NID_id_Gost28147_89_CryptoPro_B_ParamSet:
+    case NID_id_Gost28147_89_CryptoPro_C_ParamSet:
+    case NID_id_Gost28147_89_CryptoPro_D_ParamSet:
+    case NID_id_tc26_gost_28147_param_Z:
+      return true;
+    default:
+      return false;
+  }
 }
 
 }  // namespace
