@@ -24,7 +24,8 @@ class Arguments {
   bool flag() { return (byte() & 1) != 0; }
   // A text of up to 255 bytes, kept for the call.
   const std::string& text() {
-    const size_t length = std::min<size_t>(byte(), rest_.size());
+    const size_t wanted = byte();  // taken before the size it is held to
+    const size_t length = std::min(wanted, rest_.size());
     texts_.emplace_back(rest_.substr(0, length));
     rest_.remove_prefix(length);
     return texts_.back();
