@@ -538,7 +538,7 @@ TEST_F(Revocation, SixteenThreadsAtOnceAskABrokenSourceOnce) {
     revocation::Options options = quick();
     options.timeout = std::chrono::milliseconds(1000);
     reset_peak_memory();
-    const size_t before = peak_memory();
+    [[maybe_unused]] const size_t before = peak_memory();
     const auto started = std::chrono::steady_clock::now();
     std::vector<std::thread> threads;
     std::atomic<int> offline{0};

@@ -157,7 +157,9 @@ void sign_here(const SignRequest& request, const std::string& outcome_path, cons
     if (records[i] != nullptr) records[i]->PasswordL = static_cast<int32_t>(request.signers[i].pin.size());
   api.SsfDELSigRcpSsfInfoList(&list);
 #if defined(__SANITIZE_ADDRESS__)
-  if (request.check_leaks) EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
+  if (request.check_leaks) {
+    EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
+  }
 #endif
 }
 
