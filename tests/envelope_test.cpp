@@ -87,7 +87,6 @@ Opened develope_through_export(const std::map<std::string, std::string>& env, co
                                const SignerSpec* recipient, const std::string& format = "PKCS7") {
   TempDir exchange;
   const ChildResult child = run_isolated(env, [&] {
-    setsid();  // no terminal: nothing prompts
     const SsfApi& api = SsfApi::get();
     SsfInfo* info = nullptr;
     // A record without identity can only be made by hand: it is made with

@@ -122,7 +122,6 @@ TEST(KeyCache, FoundOnlyBySameFileAndPin) {
     auto env = stores.env();
     if (c.seconds != nullptr) env["BV_PLATFORM_KEY_CACHE_SECONDS"] = c.seconds;
     const ChildResult child = run_isolated(env, [&] {
-      setsid();  // no terminal: a missing PIN is not asked for
       for (size_t i = 0; i < c.steps.size(); ++i) {
         const Step& step = c.steps[i];
         if (step.before) step.before(key_file);
@@ -147,7 +146,6 @@ TEST(KeyCache, RenewedKeyReplacesTheKeptOne) {
   UniquePtr<X509> renewed = issue_certificate({.subject = {{"O", "Test Bank"}, {"CN", "Alice"}, {"C", "RU"}}, .serial = 77},
                                               renewed_key.get(), w.root.cert.get(), w.root.key.get());
   const ChildResult child = run_isolated(stores.env(), [&] {
-    setsid();
     ASSERT_EQ(sign_once("CN=Alice", "1111").rc, SSF_OK);
     write_file(my + "01-alice.cer.new", der_of(renewed.get()));
     write_file(my + "01-alice.key.new", bv::pki::pem_of(renewed_key.get(), "1111"));
@@ -169,7 +167,6 @@ TEST(KeyCache, ForkedChildStartsEmpty) {
   const OwnStores stores;
   const std::string key_file = stores.my("01-alice.key");
   const ChildResult child = run_isolated(stores.env(), [&] {
-    setsid();
     ASSERT_EQ(sign_once("CN=Alice", "1111").rc, SSF_OK);
     scribble_keeping_identity(key_file);
     const pid_t pid = fork();
@@ -187,7 +184,6 @@ TEST(KeyCache, ThreadsSignWithSharedKeys) {
   const SigningWorld& w = SigningWorld::get();
   TempDir exchange;
   const ChildResult child = run_isolated(w.env(), [&] {
-    setsid();
     const std::pair<const char*, const char*> signers[] = {{"CN=Alice", "1111"}, {"CN=Bob", "2222"}, {"CN=Carol", ""}};
     std::vector<std::thread> threads;
     std::vector<std::string> messages(8);
@@ -284,7 +280,6 @@ TEST(KeyCache, NoPinLeftInMemoryAfterKeptSignatures) {
   const OwnStores stores;
   const std::string key_file = stores.my("01-alice.key");
   const ChildResult child = run_isolated(stores.env(), [&] {
-    setsid();
     // PINs no other bytes of the process will equal by chance: the key's,
     // and a wrong one whose refusal must wipe what it copied too.
     const auto random_pin = [](std::string& pin, std::string& masked) {
@@ -335,9 +330,8 @@ TEST(KeyCache, KeptKeyOnlyInPagesLeftOutOfCoreDumps) {
   std::string digits(64 - std::min<size_t>(64, hex_end - hex_at), '0');
   digits.append(text, hex_at, hex_end - hex_at);
   OPENSSL_cleanse(text.data(), text.size());
-  std::string big_endian, little_endian;  // masked
-  for (size_t at = 0; at + 1 < digits.size(); at += 2)
-    big_endian += static_cast<char>(std::stoi(digits.substr(at, 2), nullptr, 16) ^ 0x5A);
+  std::string big_endian = bytes_of_hex(digits), little_endian;  // masked at once
+  for (char& byte : big_endian) byte ^= 0x5A;
   OPENSSL_cleanse(digits.data(), digits.size());
   ASSERT_EQ(big_endian.size(), 32u);
   little_endian.assign(big_endian.rbegin(), big_endian.rend());
@@ -353,7 +347,6 @@ TEST(KeyCache, KeptKeyOnlyInPagesLeftOutOfCoreDumps) {
                         .get()));
 
   const ChildResult child = run_isolated(stores.env(), [&] {
-    setsid();
     for (int i = 0; i < 3; ++i) ASSERT_EQ(sign_once("CN=Dumped", "dumped").rc, SSF_OK);
     bool kept = false;
     for (const std::string* scalar : {&big_endian, &little_endian})

@@ -89,7 +89,6 @@ TEST(AskPin, WithoutTerminalThroughTheHelperProgram) {
     const std::string helper =
         script ? write_script(dir, "askpass", "printf '%s' \"$1\" > '" + prompt_file + "'\n" + c.body) : c.body;
     const auto child = run_isolated({{"BV_PLATFORM_ASKPASS", helper}}, [&] {
-      setsid();  // no controlling terminal
       std::string pin;
       const bool answered = bv::platform::ask_pin("PIN for \"key\": ", pin);
       EXPECT_EQ(answered, c.answered);
@@ -211,7 +210,6 @@ TEST_F(Chooser, ThroughTheSelectProgram) {
     const std::string program =
         c.body.empty() ? "" : write_script(dir, "select", "cat > '" + list_file + "'\n" + c.body);
     const auto child = run_isolated({{"BV_PLATFORM_SELECT", program}}, [&] {
-      setsid();
       expect_choice(c.index, c.error);
     });
     EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
@@ -228,7 +226,6 @@ TEST_F(Chooser, EmptyStoreAsksNobody) {
   const std::string marker = dir / "asked";
   const std::string program = write_script(dir, "select", "touch '" + marker + "'; echo 1\n");
   const auto child = run_isolated({{"BV_PLATFORM_SELECT", program}}, [&] {
-    setsid();
     EXPECT_EQ(CryptUIDlgSelectCertificateFromStore(empty, nullptr, nullptr, nullptr, 0, 0, nullptr), nullptr);
     EXPECT_EQ(GetLastError(), CRYPT_E_NOT_FOUND);
   });

@@ -140,6 +140,7 @@ ChildResult run_isolated(const std::map<std::string, std::string>& env, const st
   if (pipe(pipe_fds) != 0) throw std::runtime_error("pipe failed");
   const pid_t pid = fork();
   if (pid == 0) {
+    setsid();  // no controlling terminal: nothing the library does may wait for a PIN typed in
     close(pipe_fds[0]);
     dup2(pipe_fds[1], STDERR_FILENO);
     close(pipe_fds[1]);

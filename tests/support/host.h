@@ -54,7 +54,8 @@ struct ChildResult {
   std::string stderr_text;  // what the child wrote to standard error
 };
 
-// Forks, applies `env` (an empty value unsets), runs `fn` and exits.  The
+// Forks into a session without a controlling terminal (nothing prompts),
+// applies `env` (an empty value unsets), runs `fn` and exits.  The
 // library is loaded only inside the child, so its load-time work sees `env`.
 // A failed gtest assertion in `fn` makes the exit code 1.
 ChildResult run_isolated(const std::map<std::string, std::string>& env, const std::function<void()>& fn);

@@ -183,8 +183,6 @@ SignOutcome read_outcome(const std::string& outcome_path, const std::string& sig
 SignOutcome sign_through_export(const std::map<std::string, std::string>& env, const SignRequest& request) {
   TempDir exchange;
   const ChildResult child = run_isolated(env, [&] {
-    // No controlling terminal: the provider and the chooser never prompt here.
-    setsid();
     sign_here(request, exchange / "outcome", exchange / "signed");
   });
   EXPECT_EQ(child.exit_code, 0) << child.stderr_text;
@@ -279,7 +277,6 @@ AddSigned add_sign_through_export(const std::map<std::string, std::string>& env,
                                   bool include_certs) {
   TempDir exchange;
   const ChildResult child = run_isolated(env, [&] {
-    setsid();  // no terminal: nothing prompts
     const SsfApi& api = SsfApi::get();
     SsfInfo* info = nullptr;
     ASSERT_EQ(api.SsfNEWSigRcpSsfInfo(signer.id.data(), static_cast<int32_t>(signer.id.size()), nullptr, 0,
