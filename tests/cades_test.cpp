@@ -52,13 +52,6 @@ std::string expect_x_long_type_1(const std::string& message, size_t signers) {
   return checked;
 }
 
-struct CadesCase {
-  const char* name;
-  const char* format;
-  std::vector<SignerSpec> signers;
-  bool detached, include_certs;
-};
-
 // BouncyCastle's reading (tests/tools/CadesCheck.java): each signature, both
 // time stamps of each signer, the references and values as its ESF types.
 void expect_bouncycastle_accepts(const std::string& message, const std::string* detached_content, size_t signers) {
@@ -81,19 +74,20 @@ TEST(CadesSign, MessagesPassIndependentChecks) {
   TempDir dir;
   TimeStampServer tsa(dir.path(), w.tsa.cert_pem, w.dir / "pki/tsa.key");
   const SignerSpec alice{"CN=Alice", "", "1111"}, bob{"CN=Bob", "", "2222"}, carol{"CN=Carol", "", ""};
-  const CadesCase cases[] = {
+  const struct {
+    const char* name;
+    const char* format;
+    std::vector<SignerSpec> signers;
+    bool detached, include_certs;
+  } cases[] = {
       {"one signer, attached", "CADES", {alice}, false, true},
       {"2012-512 and 2001, detached", "PKCS7_CADES", {bob, carol}, true, true},
       {"three, no certificates", "CADES", {alice, bob, carol}, false, false},
   };
-  for (const CadesCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    SignRequest request;
-    request.format = c.format;
-    request.signers = c.signers;
-    request.detached = c.detached;
-    request.include_certs = c.include_certs;
-    request.check_leaks = true;
+    const SignRequest request{.format = c.format, .signers = c.signers, .include_certs = c.include_certs,
+                              .detached = c.detached, .check_leaks = true};
     const SignOutcome outcome = sign_through_export(w.env({{"BV_CADES_DEFAULT_TSP", tsa.url()}}), request);
     ASSERT_EQ(outcome.rc, 0u) << outcome.child_stderr;
     std::string content, diagnostics;
@@ -105,6 +99,11 @@ TEST(CadesSign, MessagesPassIndependentChecks) {
     expect_x_long_type_1(outcome.signed_data, c.signers.size());
     expect_bouncycastle_accepts(outcome.signed_data, c.detached ? &request.data : nullptr, c.signers.size());
   }
+  // The plain formats ask the service nothing.
+  const int asked = tsa.requests();
+  for (const char* format : {"PKCS7", "PKCS7_ANY"})
+    EXPECT_FALSE(signed_by_library(format, false, false, {alice}, tsa.url()).empty()) << format;
+  EXPECT_EQ(tsa.requests(), asked);
 }
 
 // A TS response with the status "rejection" and nothing else.
@@ -136,31 +135,17 @@ std::string answer_to_another_request(TimeStampServer& tsa, const TempDir& dir) 
   return answer ? std::string(answer->bytes()) : std::string();
 }
 
-struct ServiceCase {
-  const char* name;
-  std::string default_tsp;
-  std::vector<std::string> additional;
-  uint32_t rc;
-  std::vector<std::string> traced, not_traced;
-};
-
 TEST(CadesSign, TimeStampServicesInOrderAndTheirFailures) {
   const SigningWorld& w = SigningWorld::get();
   TempDir dir;
-  std::filesystem::create_directories(dir / "a");
-  std::filesystem::create_directories(dir / "b");
-  std::filesystem::create_directories(dir / "c");
+  for (const char* folder : {"a", "b", "c"}) std::filesystem::create_directories(dir / folder);
   TimeStampServer good_a(dir / "a", w.tsa.cert_pem, w.dir / "pki/tsa.key");
   TimeStampServer good_b(dir / "b", w.tsa.cert_pem, w.dir / "pki/tsa.key");
   HttpServer down;
   down.stop();
   HttpServer silent(/*silent=*/true);
-  HttpServer garbage, refusing, replaying, broken;
+  HttpServer garbage, refusing, replaying;
   garbage.put("/tsa", "this is no time stamp response");
-  misbehave(broken, "/drip", Misbehaviour::kDrip);
-  misbehave(broken, "/huge", Misbehaviour::kHugeBody);
-  misbehave(broken, "/loop", Misbehaviour::kRedirectLoop);
-  misbehave(broken, "/reset", Misbehaviour::kResetMidway);
   refusing.put("/tsa", refusal());
   replaying.put("/tsa", answer_to_another_request(good_b, dir));
   // An authority that chains to nothing in the Root stores.
@@ -176,34 +161,33 @@ TEST(CadesSign, TimeStampServicesInOrderAndTheirFailures) {
 
   const std::string a = good_a.url(), b = good_b.url(), off = down.url("/tsa");
   const auto failed = [](const char* res) { return "#error#: Failed to enhance cades message. res = " + std::string(res); };
-  const ServiceCase cases[] = {
-      {"default works", a, {b, b}, 0, {"with default TSP"}, {"additional TSP", "#error#"}},
-      {"default down, first additional works", off, {a, b}, 0, {"additional TSP = " + a}, {"TSP = " + b, "#error#"}},
-      {"all down", off, {off}, SSF_ERR_ENCODE, {failed("0x2efd"), "#error#: 00002efd"}, {}},
-      {"no default, none additional", "", {}, SSF_ERR_ENCODE, {failed("0x2ee5")}, {}},
-      {"garbage", garbage.url("/tsa"), {}, SSF_ERR_ENCODE, {failed("0x2f78")}, {}},
-      {"refused", refusing.url("/tsa"), {}, SSF_ERR_ENCODE, {failed("0x80070005")}, {}},
-      {"another request's answer", replaying.url("/tsa"), {}, SSF_ERR_ENCODE, {failed("0x80096005")}, {}},
-      {"untrusted authority", untrusted.url(), {}, SSF_ERR_ENCODE, {failed("0x800b0109")}, {}},
-      {"never answers", silent.url("/tsa"), {}, SSF_ERR_ENCODE, {failed("0x2ee2")}, {}},
-      {"one byte a second", broken.url("/drip"), {}, SSF_ERR_ENCODE, {failed("0x2ee2")}, {}},
-      {"a body of 2 GiB", broken.url("/huge"), {}, SSF_ERR_ENCODE, {failed("0x2f78")}, {}},
-      {"redirected to itself", broken.url("/loop"), {}, SSF_ERR_ENCODE, {failed("0x2f78")}, {}},
-      {"reset in the middle", broken.url("/reset"), {}, SSF_ERR_ENCODE, {failed("0x2efe")}, {}},
+  // How each kind of broken HTTP answer fails is the sixteen-thread test's
+  // concern; here one stands for them all: the call still ends in time.
+  const struct {
+    const char* name;
+    std::string default_tsp, additional;  // BV_CADES_DEFAULT_TSP, BV_SSF_ADD_TSP
+    uint32_t rc;
+    std::vector<std::string> traced, not_traced;
+  } cases[] = {
+      {"default works", a, b + ";" + b, 0, {"with default TSP"}, {"additional TSP", "#error#"}},
+      {"default down, first additional works", off, a + ";" + b, 0, {"additional TSP = " + a},
+       {"TSP = " + b, "#error#"}},
+      {"all down", off, off, SSF_ERR_ENCODE, {failed("0x2efd"), "#error#: 00002efd"}, {}},
+      {"no default, none additional", "", "", SSF_ERR_ENCODE, {failed("0x2ee5")}, {}},
+      {"garbage", garbage.url("/tsa"), "", SSF_ERR_ENCODE, {failed("0x2f78")}, {}},
+      {"refused", refusing.url("/tsa"), "", SSF_ERR_ENCODE, {failed("0x80070005")}, {}},
+      {"another request's answer", replaying.url("/tsa"), "", SSF_ERR_ENCODE, {failed("0x80096005")}, {}},
+      {"untrusted authority", untrusted.url(), "", SSF_ERR_ENCODE, {failed("0x800b0109")}, {}},
+      {"never answers", silent.url("/tsa"), "", SSF_ERR_ENCODE, {failed("0x2ee2")}, {}},
   };
-  for (const ServiceCase& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     TempDir traced;
-    auto env = trace_env(traced);
-    env["BV_PLATFORM_LOCAL_APPDATA"] = w.local();
+    auto env = w.traced_env(traced);
     env["BV_CADES_DEFAULT_TSP"] = c.default_tsp;
     env["BV_PLATFORM_URL_TIMEOUT_MS"] = "1000";
-    std::string additional;
-    for (const std::string& address : c.additional) additional += (additional.empty() ? "" : ";") + address;
-    env["BV_SSF_ADD_TSP"] = additional;
-    SignRequest request;
-    request.format = "CADES";
-    request.signers = {{"CN=Alice", "", "1111"}};
+    env["BV_SSF_ADD_TSP"] = c.additional;
+    const SignRequest request{.format = "CADES", .signers = {{"CN=Alice", "", "1111"}}};
     const int a_before = good_a.requests(), b_before = good_b.requests();
     const auto started = std::chrono::steady_clock::now();
     const SignOutcome outcome = sign_through_export(env, request);
@@ -273,8 +257,7 @@ TEST(CadesSign, SixteenThreadsAtOnceAtABrokenTimeStampService) {
 TEST(CadesSign, RevocationValuesFromEachSource) {
   const SigningWorld& w = SigningWorld::get();
   TempDir dir;
-  std::filesystem::create_directories(dir / "ocsp");
-  std::filesystem::create_directories(dir / "tsa");
+  for (const char* folder : {"ocsp", "tsa", "common"}) std::filesystem::create_directories(dir / folder);
   TimeStampServer tsa(dir / "tsa", w.tsa.cert_pem, w.dir / "pki/tsa.key");
   const auto ca_key = generate_key();
   const auto ca = issue_certificate({.subject = {{"CN", "Revocation Root"}}, .serial = 1, .ca = true}, ca_key.get());
@@ -306,11 +289,6 @@ TEST(CadesSign, RevocationValuesFromEachSource) {
     entries.push_back({s.cert.get(), s.revoked});
   }
   OcspResponder responder(dir / "ocsp", ca.get(), ca_key.get(), entries);
-  for (Signer& s : signers)  // now that the responder has its address
-    if (s.ocsp_url == "ocsp")
-      s.cert = issue_certificate({.subject = {{"CN", s.name}}, .serial = X509_get0_serialNumber(s.cert.get())->data[0],
-                                  .ocsp_url = responder.url()},
-                                 s.key.get(), ca.get(), ca_key.get());
   crl_server.put("/ca.crl", der_of(issue_crl(ca.get(), ca_key.get(), {}).get()));
 
   // Stores: both roots (the test root for the time stamp authority), the
@@ -320,27 +298,26 @@ TEST(CadesSign, RevocationValuesFromEachSource) {
   std::filesystem::copy_file(w.local() + "/Brelvantec/Certificates/Root/root.crl", stores + "/Root/root.crl");
   write_file(stores + "/Root/revocation.cer", der_of(ca.get()));
   for (Signer& s : signers) {
+    if (s.ocsp_url == "ocsp")  // now that the responder has its address
+      s.cert = issue_certificate({.subject = {{"CN", s.name}}, .serial = X509_get0_serialNumber(s.cert.get())->data[0],
+                                  .ocsp_url = responder.url()},
+                                 s.key.get(), ca.get(), ca_key.get());
     write_file(stores + "/My/" + s.name + ".cer", der_of(s.cert.get()));
     write_file(stores + "/My/" + s.name + ".key", pem_of(s.key.get(), "1"));
   }
-  std::filesystem::create_directories(dir / "common");
   for (Signer& s : signers) {
     SCOPED_TRACE(s.name);
     if (std::string(s.name) == "Stored")
       write_file(stores + "/CA/revocation.crl", der_of(issue_crl(ca.get(), ca_key.get(), {}).get()));
-    SignRequest request;
-    request.format = "CADES";
-    request.include_certs = true;
-    request.signers = {{std::string("CN=") + s.name, "", "1"}};
+    const SignRequest request{.format = "CADES", .signers = {{std::string("CN=") + s.name, "", "1"}},
+                              .include_certs = true};
     const SignOutcome outcome = sign_through_export(
         {{"BV_PLATFORM_LOCAL_APPDATA", dir / "local"}, {"BV_PLATFORM_COMMON_APPDATA", dir / "common"},
          {"BV_CADES_DEFAULT_TSP", tsa.url()}, {"BV_PLATFORM_URL_TIMEOUT_MS", "1000"}, {"BV_SSF_ADD_TSP", ""},
          {"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "0"}},  // the CAdES layer, not the signing policy, judges here
         request);
     EXPECT_EQ(outcome.rc, s.rc) << outcome.child_stderr;
-    if (s.rc == 0) {
-      EXPECT_EQ(expect_x_long_type_1(outcome.signed_data, 1), std::string(s.values) + "\n");
-    }
+    if (s.rc == 0) { EXPECT_EQ(expect_x_long_type_1(outcome.signed_data, 1), std::string(s.values) + "\n"); }
     std::filesystem::remove(stores + "/CA/revocation.crl");
   }
 }
@@ -368,26 +345,44 @@ std::function<void(CMS_SignerInfo*, CMS_ContentInfo*)> flip_unsigned(int nid) {
 }
 
 // Every status the test PKI can produce, each from a real fault, through
-// the CAdES verifier on a decoded message and through SsfVerify.
+// the CAdES verifier on a decoded message and, for the faults in the
+// message, through SsfVerify.
 TEST(CadesVerify, StatusesFromRealFaults) {
   const SigningWorld& w = SigningWorld::get();
   TempDir dir;
   TimeStampServer tsa(dir.path(), w.tsa.cert_pem, w.dir / "pki/tsa.key");
-  SignRequest request;
-  request.format = "CADES";
-  request.signers = {{"CN=Alice", "", "1111"}};
-  const SignOutcome outcome = sign_through_export(w.env({{"BV_CADES_DEFAULT_TSP", tsa.url()}}), request);
-  ASSERT_EQ(outcome.rc, 0u) << outcome.child_stderr;
-  const std::string& good = outcome.signed_data;
+  const SignerSpec alice{"CN=Alice", "", "1111"};
+  const std::string good = signed_by_library("CADES", false, false, {alice}, tsa.url());
+  ASSERT_FALSE(good.empty());
 
-  struct Case {
+  // Plain messages judged with other stores: with no Root store (no path),
+  // with a CRL in the stores that revokes Alice, and from a signer under an
+  // intermediate CA the root has revoked.
+  const std::string plain = signed_by_library("PKCS7", false, true, {alice});
+  const std::string stores = dir / "stores";
+  std::filesystem::copy(w.local(), stores, std::filesystem::copy_options::recursive);
+  write_file(stores + "/Brelvantec/Certificates/Root/root.crl",
+             der_of(issue_crl(w.root.cert.get(), w.root.key.get(),
+                              {ASN1_INTEGER_get(X509_get0_serialNumber(w.alice.cert.get())), 0x700}).get()));
+  UniquePtr<EVP_PKEY> ca_key = generate_key(), leaf_key = generate_key();
+  UniquePtr<X509> ca = issue_certificate({.subject = {{"CN", "Revoked CA"}}, .serial = 0x700, .ca = true},
+                                         ca_key.get(), w.root.cert.get(), w.root.key.get());
+  UniquePtr<X509> leaf =
+      issue_certificate({.subject = {{"CN", "Under Revoked CA"}}, .serial = 2}, leaf_key.get(), ca.get(), ca_key.get());
+  write_file(stores + "/Brelvantec/Certificates/CA/revoked-ca.crl", der_of(issue_crl(ca.get(), ca_key.get(), {}).get()));
+  write_file(dir / "leaf.pem", pem_of(leaf.get()));
+  write_file(dir / "ca.pem", pem_of(ca.get()));
+  const std::string under_ca = signed_by_openssl({{dir / "leaf.pem", leaf_key.get()}}, "data to be signed",
+                                                 "-nodetach -noattr -certfile " + quoted(dir / "ca.pem"));
+
+  const struct {
     const char* name;
     std::string message;
     DWORD status;
-    int32_t result;  // the signer's record after SsfVerify
+    int32_t result;  // the signer's record after SsfVerify; -1: not asked
     bool plain_under_any = false;  // no longer X Long Type 1: PKCS7_ANY verifies it as a plain signature
-  };
-  const Case cases[] = {
+    std::string local = "";  // the current user's folder, if not the test world's
+  } cases[] = {
       {"as signed", good, CADES_VERIFY_SUCCESS, 0},
       {"signature value", tampered(good, [](CMS_SignerInfo* s, CMS_ContentInfo*) {
          flip_last_byte(CMS_SignerInfo_get0_signature(s));
@@ -412,60 +407,16 @@ TEST(CadesVerify, StatusesFromRealFaults) {
       {"revocation values gone", tampered(good, [](CMS_SignerInfo* s, CMS_ContentInfo*) {
          X509_ATTRIBUTE_free(CMS_unsigned_delete_attr(s, CMS_unsigned_get_attr_by_NID(s, NID_id_smime_aa_ets_revocationValues, -1)));
        }), CADES_VERIFY_INVALID_REFS_AND_VALUES, 28, true},
+      {"no anchor", plain, CADES_VERIFY_NO_CHAIN, -1, false, dir / "nowhere"},
+      {"signer revoked", plain, CADES_VERIFY_END_CERT_REVOCATION, -1, false, stores},
+      {"intermediate revoked", under_ca, CADES_VERIFY_CHAIN_CERT_REVOCATION, -1, false, stores},
   };
-  // Plain messages judged by the CAdES verifier: with no Root store (no
-  // path, 5), with a CRL in the stores that revokes Alice (6), and from a
-  // signer under an intermediate CA the root has revoked (7).
-  request.format = "PKCS7";
-  request.include_certs = true;
-  const std::string plain = sign_through_export(w.env(), request).signed_data;
-  const std::string stores = dir / "stores";
-  std::filesystem::copy(w.local(), stores, std::filesystem::copy_options::recursive);
-  const std::string root_crl = stores + "/Brelvantec/Certificates/Root/root.crl";
-  write_file(root_crl, der_of(issue_crl(w.root.cert.get(), w.root.key.get(),
-                                        {ASN1_INTEGER_get(X509_get0_serialNumber(w.alice.cert.get())), 0x700})
-                                  .get()));
-  UniquePtr<EVP_PKEY> ca_key = generate_key(), leaf_key = generate_key();
-  UniquePtr<X509> ca = issue_certificate({.subject = {{"CN", "Revoked CA"}}, .serial = 0x700, .ca = true},
-                                         ca_key.get(), w.root.cert.get(), w.root.key.get());
-  UniquePtr<X509> leaf =
-      issue_certificate({.subject = {{"CN", "Under Revoked CA"}}, .serial = 2}, leaf_key.get(), ca.get(), ca_key.get());
-  write_file(stores + "/Brelvantec/Certificates/CA/revoked-ca.crl", der_of(issue_crl(ca.get(), ca_key.get(), {}).get()));
-  STACK_OF(X509)* chain = sk_X509_new_null();
-  sk_X509_push(chain, ca.get());
-  UniquePtr<BIO> content(BIO_new_mem_buf(request.data.data(), static_cast<int>(request.data.size())));
-  UniquePtr<CMS_ContentInfo> under_ca(
-      CMS_sign(leaf.get(), leaf_key.get(), chain, content.get(), CMS_BINARY | CMS_NOATTR));
-  sk_X509_free(chain);
-  ASSERT_NE(under_ca, nullptr);
-  const std::string plain_under_ca = der_of(under_ca.get());
-  struct Elsewhere {
-    const char* name;
-    const std::string& message;
-    std::string local;
-    DWORD status;
-  };
-  const Elsewhere elsewhere[] = {{"no anchor", plain, dir / "nowhere", CADES_VERIFY_NO_CHAIN},
-                                 {"signer revoked", plain, stores, CADES_VERIFY_END_CERT_REVOCATION},
-                                 {"intermediate revoked", plain_under_ca, stores, CADES_VERIFY_CHAIN_CERT_REVOCATION}};
-  for (const Elsewhere& e : elsewhere) {
-    SCOPED_TRACE(e.name);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
     w.apply_environment();
-    setenv("BV_PLATFORM_LOCAL_APPDATA", e.local.c_str(), 1);
+    if (!c.local.empty()) setenv("BV_PLATFORM_LOCAL_APPDATA", c.local.c_str(), 1);
     bv::platform::forget_cached_stores();
     bv::platform::revocation::clear_cache();
-    bv::platform::MessageHandle message(CryptMsgOpenToDecode(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0, 0, 0, nullptr, nullptr));
-    ASSERT_TRUE(CryptMsgUpdate(message.get(), reinterpret_cast<const BYTE*>(e.message.data()),
-                               static_cast<DWORD>(e.message.size()), TRUE));
-    CadesVerificationInfo* info = nullptr;
-    EXPECT_FALSE(CadesMsgVerifySignature(message.get(), 0, nullptr, &info));
-    EXPECT_EQ(info->dwStatus, e.status);
-    CadesFreeVerificationInfo(info);
-  }
-
-  w.apply_environment();
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
     bv::platform::MessageHandle message(CryptMsgOpenToDecode(X509_ASN_ENCODING | PKCS_7_ASN_ENCODING, 0, 0, 0, nullptr, nullptr));
     ASSERT_TRUE(CryptMsgUpdate(message.get(), reinterpret_cast<const BYTE*>(c.message.data()),
                                static_cast<DWORD>(c.message.size()), TRUE));
@@ -487,28 +438,16 @@ TEST(CadesVerify, StatusesFromRealFaults) {
       CadesFreeBlobArray(values);
     }
     CadesFreeVerificationInfo(info);
+    if (c.result < 0) continue;
     // The same through SsfVerify, by either name that finds CAdES.
     for (const char* format : {"CADES", "PKCS7_ANY"}) {
       const Verified v = verify_through_export(w.env(), format, c.message, nullptr);
       ASSERT_EQ(v.records.size(), 1u) << format;
-      const bool plain = c.plain_under_any && std::string(format) == "PKCS7_ANY";
-      EXPECT_EQ(v.records[0].result, plain ? 0 : c.result) << format;
-      EXPECT_EQ(v.rc, plain || c.status == CADES_VERIFY_SUCCESS ? SSF_OK : SSF_ERR_SIGNER) << format;
+      const bool plain_any = c.plain_under_any && std::string(format) == "PKCS7_ANY";
+      EXPECT_EQ(v.records[0].result, plain_any ? 0 : c.result) << format;
+      EXPECT_EQ(v.rc, plain_any || c.status == CADES_VERIFY_SUCCESS ? SSF_OK : SSF_ERR_SIGNER) << format;
     }
   }
-}
-
-TEST(CadesSign, PlainFormatsAskNoService) {
-  const SigningWorld& w = SigningWorld::get();
-  TempDir dir;
-  TimeStampServer tsa(dir.path(), w.tsa.cert_pem, w.dir / "pki/tsa.key");
-  for (const char* format : {"PKCS7", "PKCS7_ANY"}) {
-    SignRequest request;
-    request.format = format;
-    request.signers = {{"CN=Alice", "", "1111"}};
-    EXPECT_EQ(sign_through_export(w.env({{"BV_CADES_DEFAULT_TSP", tsa.url()}}), request).rc, 0u) << format;
-  }
-  EXPECT_EQ(tsa.requests(), 0);
 }
 
 }  // namespace

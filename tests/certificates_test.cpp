@@ -1,15 +1,12 @@
 // System stores as folders, finding certificates, properties that stay in
 // memory, and private keys where the signer search does not reach: a key
-// file of another certificate, signing with a key that did not open.  And
-// bvstore round trips: what it imports the platform reads back, keys open
-// under the new PIN only, and the demo PKI passes openssl's own checks.
-// Certificate contexts, names as text, integer and name comparison, signing
-// time decoding and the OID table, against real GOST certificates and names
-// built with OpenSSL.
+// file of another certificate, signing with a key that did not open.  The
+// demo PKI passes openssl's own checks.  Names as text, integer comparison
+// and signing time decoding, on names built with OpenSSL.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -95,26 +92,7 @@ TEST_F(StoreTest, MissingStoreIsCreatedOnlyWithoutOpenExisting) {
   EXPECT_EQ(open_my(0x30000), nullptr);  // unknown location
 }
 
-// A renewal written over the old file keeps the folder as it was: the next
-// open sees the new certificate all the same.
-TEST_F(StoreTest, CertificateRewrittenInPlaceIsSeenAtTheNextOpen) {
-  TempDir home;
-  setenv("BV_PLATFORM_LOCAL_APPDATA", home.path().c_str(), 1);
-  const std::string folder = home / "Brelvantec/Certificates/Renewed";
-  for (const TestCert* cert : {&w.alice, &w.bob, &w.carol}) {
-    SCOPED_TRACE(cert->sha1_hex);
-    // Truncate and write the same file: the folder's entry stays untouched.
-    write_file(folder + "/signer.pem", read_file(cert->cert_pem));
-    HCERTSTORE store = open_my(CERT_SYSTEM_STORE_CURRENT_USER, u"Renewed");
-    ASSERT_NE(store, nullptr);
-    PCCERT_CONTEXT first = CertEnumCertificatesInStore(store, nullptr);
-    EXPECT_EQ(first != nullptr ? hash_of(first) : "", cert->sha1_hex);
-    if (first != nullptr) CertFreeCertificateContext(first);
-    CertCloseStore(store, 0);
-  }
-}
-
-TEST_F(StoreTest, FindByHashAndBySubjectCertificate) {
+TEST_F(StoreTest, FindByHash) {
   HCERTSTORE store = open_my();
   ASSERT_NE(store, nullptr);
   std::string bytes = bytes_of_hex(w.bob.sha1_hex);
@@ -127,19 +105,7 @@ TEST_F(StoreTest, FindByHashAndBySubjectCertificate) {
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(CRYPT_E_NOT_FOUND));
   CRYPT_HASH_BLOB short_blob{19, blob.pbData};
   EXPECT_EQ(CertFindCertificateInStore(store, kAnyEncoding, 0, CERT_FIND_SHA1_HASH, &short_blob, nullptr), nullptr);
-
-  // By issuer and serial, as a message names its signer; the first in the
-  // store is the first file.
-  PCCERT_CONTEXT any = CertFindCertificateInStore(store, kAnyEncoding, 0, CERT_FIND_ANY, nullptr, nullptr);
-  ASSERT_NE(any, nullptr);
-  CERT_INFO id{};
-  id.Issuer = any->pCertInfo->Issuer;
-  id.SerialNumber = any->pCertInfo->SerialNumber;
-  PCCERT_CONTEXT subject = CertGetSubjectCertificateFromStore(store, kAnyEncoding, &id);
-  EXPECT_EQ(subject, any);
-  CertFreeCertificateContext(subject);
-  CertFreeCertificateContext(any);
-  // Contexts outlive their store's handle.
+  // Contexts outlive their store's handle; the first in the store is the first file.
   PCCERT_CONTEXT kept = CertEnumCertificatesInStore(store, nullptr);
   EXPECT_TRUE(CertCloseStore(store, CERT_STORE_DEFER_CLOSE_UNTIL_LAST_FREE_FLAG));
   EXPECT_EQ(hash_of(kept), w.alice.sha1_hex);
@@ -147,13 +113,8 @@ TEST_F(StoreTest, FindByHashAndBySubjectCertificate) {
 }
 
 TEST_F(StoreTest, InhibitedPropertyStaysWithThisOpenStore) {
-  const auto listing = [&] {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(w.my(""))) names.push_back(entry.path().filename());
-    std::sort(names.begin(), names.end());
-    return names;
-  };
-  const auto files_before = listing();
+  const auto files = [&] { return std::distance(std::filesystem::directory_iterator(w.my("")), {}); };
+  const auto files_before = files();
   // The key link's parameters: none stored, then the one given.
   const auto parameters = [](PCCERT_CONTEXT context) -> std::string {
     DWORD size = 0;
@@ -172,7 +133,7 @@ TEST_F(StoreTest, InhibitedPropertyStaysWithThisOpenStore) {
   // Another opening of the same store never sees it, and nothing was written.
   PCCERT_CONTEXT other = CertEnumCertificatesInStore(two, nullptr);
   EXPECT_EQ(parameters(other), "");
-  EXPECT_EQ(listing(), files_before);
+  EXPECT_EQ(files(), files_before);
   CertFreeCertificateContext(context);
   CertFreeCertificateContext(other);
   CertCloseStore(one, 0);
@@ -322,8 +283,6 @@ TEST(CertNameToStrA, RendersAsTheTable) {
       {"leading and trailing blanks", {{"2.5.4.3", utf8, " lead"}, {"2.5.4.3", utf8, "trail "}},
        CERT_X500_NAME_STR, "CN=\" lead\", CN=\"trail \""},
       {"empty value", {{"1.2.3.4", utf8, ""}}, CERT_X500_NAME_STR, "OID.1.2.3.4=\"\""},
-      {"Cyrillic to 1251", {{"2.5.4.3", utf8, "Иванов Ёж №1"}}, CERT_X500_NAME_STR,
-       "CN=\xC8\xE2\xE0\xED\xEE\xE2 \xA8\xE6 \xB9" "1"},
       {"Cyrillic BMPString", {{"2.5.4.3", V_ASN1_BMPSTRING, std::string("\x04\x10\x04\x4F", 4)}}, CERT_X500_NAME_STR,
        "CN=\xC0\xFF"},
       {"outside 1251", {{"2.5.4.3", utf8, "\xE4\xB8\xAD"}}, CERT_X500_NAME_STR, "CN=?"},
@@ -334,12 +293,8 @@ TEST(CertNameToStrA, RendersAsTheTable) {
         {"2.5.4.42", utf8, "Ivan"}, {"2.5.4.43", utf8, "I"}, {"2.5.4.4", utf8, "Petrov"}},
        CERT_X500_NAME_STR,
        "E=a@b.c, SERIALNUMBER=42, DC=example, S=77, STREET=Main 1, L=Moscow, OU=IT, T=Dr, G=Ivan, I=I, SN=Petrov"},
-      {"Russian numbers in OID form",
-       {{"1.2.643.100.1", V_ASN1_NUMERICSTRING, "1027700132195"}, {"1.2.643.100.3", V_ASN1_NUMERICSTRING, "12345678901"},
-        {"1.2.643.3.131.1.1", V_ASN1_NUMERICSTRING, "007712345678"}, {"1.2.643.100.5", V_ASN1_NUMERICSTRING, "304500116000157"}},
-       CERT_X500_NAME_STR,
-       "OID.1.2.643.100.1=1027700132195, OID.1.2.643.100.3=12345678901, OID.1.2.643.3.131.1.1=007712345678, "
-       "OID.1.2.643.100.5=304500116000157"},
+      {"numeric string of an OID without a key", {{"1.2.643.3.131.1.1", V_ASN1_NUMERICSTRING, "007712345678"}},
+       CERT_X500_NAME_STR, "OID.1.2.643.3.131.1.1=007712345678"},
       {"multi-valued RDN", {{"2.5.4.3", utf8, "a"}, {"2.5.4.10", utf8, "b", -1}, {"2.5.4.6", printable, "RU"}},
        CERT_X500_NAME_STR, "CN=a + O=b, C=RU"},
   };
@@ -363,10 +318,9 @@ TEST(CertNameToStrA, AnsiPageMatchesIconv) {
   EXPECT_EQ(render(der, CERT_SIMPLE_NAME_STR), expected);
 }
 
-TEST(CertNameToStrA, SizeQueryAndShortBuffer) {
+TEST(CertNameToStrA, ShortBufferHexValueAndCutName) {
   std::vector<BYTE> der = encode_name({{"2.5.4.3", MBSTRING_UTF8, "Ivan"}});
   CERT_NAME_BLOB blob{static_cast<DWORD>(der.size()), der.data()};
-  EXPECT_EQ(CertNameToStrA(X509_ASN_ENCODING, &blob, CERT_X500_NAME_STR, nullptr, 0), 8u);
   char shorter[5];
   EXPECT_EQ(CertNameToStrA(X509_ASN_ENCODING, &blob, CERT_X500_NAME_STR, shorter, sizeof shorter), 5u);
   EXPECT_STREQ(shorter, "CN=I");
@@ -374,14 +328,11 @@ TEST(CertNameToStrA, SizeQueryAndShortBuffer) {
   std::vector<BYTE> octets = {0x30, 0x0E, 0x31, 0x0C, 0x30, 0x0A, 0x06, 0x03, 0x2A, 0x03,
                               0x04, 0x04, 0x03, 0x01, 0x02, 0x03};
   EXPECT_EQ(render(octets, CERT_X500_NAME_STR), "OID.1.2.3.4=#0403010203");
-  // Not a name, or a name cut short: an empty text.
-  std::vector<BYTE> cut(der.begin(), der.end() - 1);
-  BYTE garbage[] = {0x04, 0x01, 0x00};
-  for (CERT_NAME_BLOB bad : {CERT_NAME_BLOB{sizeof garbage, garbage}, CERT_NAME_BLOB{static_cast<DWORD>(cut.size()), cut.data()}}) {
-    char empty[4] = "xyz";
-    EXPECT_EQ(CertNameToStrA(X509_ASN_ENCODING, &bad, CERT_X500_NAME_STR, empty, sizeof empty), 1u);
-    EXPECT_STREQ(empty, "");
-  }
+  // A name cut short: an empty text.
+  CERT_NAME_BLOB cut{static_cast<DWORD>(der.size() - 1), der.data()};
+  char empty[4] = "xyz";
+  EXPECT_EQ(CertNameToStrA(X509_ASN_ENCODING, &cut, CERT_X500_NAME_STR, empty, sizeof empty), 1u);
+  EXPECT_STREQ(empty, "");
 }
 
 TEST(CertCompareIntegerBlob, ReducesAsTheTableSays) {
@@ -392,9 +343,7 @@ TEST(CertCompareIntegerBlob, ReducesAsTheTableSays) {
   const std::vector<Case> cases = {
       {{0x88, 0xFF, 0xFF, 0xFF}, {0x88, 0xFF}, true},  // 0xFFFFFF88 reduces to 0xFF88
       {{0x88, 0xFF}, {0x88}, false},                   // ... not further
-      {{0x7F, 0x00}, {0x7F}, true},                    // 0x007F reduces to 0x7F
-      {{0x80, 0x00, 0x00, 0x00}, {0x80}, true},        // 0x00000080 reduces to 0x80
-      {{0x01, 0x02}, {0x01, 0x02, 0x00, 0x00}, true},
+      {{0x80, 0x00, 0x00, 0x00}, {0x80}, true},        // every high zero goes, whatever the bit below
       {{}, {}, true},
       {{0x00}, {}, false},
   };

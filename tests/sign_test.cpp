@@ -4,9 +4,7 @@
 // command line against the test root.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cctype>
-#include <cstdlib>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -54,19 +52,14 @@ TEST(Lookup, OneSignerAgainstTheStores) {
       {"14 digits skipped", {"CN=Bob", "12345678901234Other", "2222"}, {}, 0},
       {"exactly 14 digits: the whole name", {"CN=Carol", "12345678901234", ""}, {}, 0},
       {"no such store", {"CN=Alice", "NoSuchStore", "1111"}, {}, 24},
-      {"hash", {w.bob.sha1_hex, "", "2222"}, {}, 0},
       {"hash, spaced and lower case", {"  " + spaced_lower + "\t", "", "2222"}, {}, 0},
       {"order of items doesn't matter", {"O=Test Bank, CN=Bob", "", "2222"}, {}, 0},
-      {"blanks around keys and values", {"CN = Bob , C=RU", "", "2222"}, {}, 0},
-      {"lower-case key meets no OID", {"cn=Bob", "", "2222"}, {}, 22},
       {"an item the subject lacks", {"CN=Bob, L=Moscow", "", "2222"}, {}, 22},
       {"blanks only", {"   ", "", "2222"}, {}, 22},
       {"value missing: identity refused", {"CN=Bob, O=", "", "2222"}, {}, 22},
-      {"no \"=\": identity refused", {"Bob", "", "2222"}, {}, 22},
       {"odd digit: no hash, identity refused", {w.bob.sha1_hex + "0", "", "2222"}, {}, 22},
       {"wrong PIN", {"CN=Alice", "", "0000"}, {}, 25},
       {"no PIN for a key that needs one", {"CN=Alice", "", ""}, {}, 25},
-      {"a key without PIN", {"CN=Carol", "", ""}, {}, 0},
       {"a key without PIN, PIN given anyway", {"CN=Carol", "", "whatever"}, {}, 0},
       {"no key link", {"CN=NoKey", "", ""}, {}, 22},
       // "!" to "!!!" leave the asking to the provider; four are a PIN.
@@ -100,12 +93,9 @@ TEST(Lookup, ListAndArgumentFailures) {
     std::vector<int32_t> results;
   };
   const SignerSpec alice{"CN=Alice", "", "1111"}, bob{"CN=Bob", "", "2222"};
-  const auto request = [](std::string format, std::vector<SignerSpec> signers, std::string data = "data") {
-    return SignRequest{.format = format, .signers = signers, .data = data};
-  };
-  const auto leak_checked = [](SignRequest r) {
-    r.check_leaks = true;
-    return r;
+  const auto request = [](std::string format, std::vector<SignerSpec> signers, std::string data = "data",
+                          bool check_leaks = false) {
+    return SignRequest{.format = format, .signers = signers, .data = data, .check_leaks = check_leaks};
   };
   SignerSpec negative_pin = alice;
   negative_pin.negative_pin_length = true;
@@ -118,7 +108,7 @@ TEST(Lookup, ListAndArgumentFailures) {
       {"raw with two signers: before any store", request("RAW_GOST", {alice, bob}), SSF_ERR_INTERNAL,
        {kUntouched, kUntouched}},
       // A PIN no text can have ends the call as an unexpected failure.
-      {"negative PIN length, nothing held left behind", leak_checked(request("PKCS7", {negative_pin})),
+      {"negative PIN length, nothing held left behind", request("PKCS7", {negative_pin}, "data", true),
        SSF_ERR_INTERNAL, {22}},
       {"node without record ends the call", request("PKCS7", {alice, {"", "", "", true}, bob}), SSF_ERR_INTERNAL,
        {0, -1, kUntouched}},
@@ -156,16 +146,14 @@ TEST(Lookup, SelectionThroughTheChooserProgram) {
   write_file(cancel, "#!/bin/sh\ncat > '" + offered + "'\necho\n");
   run_checked("chmod +x '" + choose_bob + "' '" + cancel + "'");
 
-  struct Case {
+  const std::string marker = "$SELECT_CERTIFICATE$";
+  const struct {
     const char* what;
-    std::string id;
-    std::string chooser;
+    std::string id, chooser;
     std::map<std::string, std::string> settings;
     int32_t result;
     bool chooser_runs;
-  };
-  const std::string marker = "$SELECT_CERTIFICATE$";
-  const std::vector<Case> cases = {
+  } cases[] = {
       {"chosen", marker, choose_bob, {}, 0, true},
       {"text behind the marker is lost", marker + "CN=Alice", choose_bob, {}, 0, true},
       {"policy still filters with the check off", marker, choose_bob, {{"BV_SSF_VERIFYCERTFLAGS_ONSIGN", "0"}}, 0,
@@ -173,7 +161,7 @@ TEST(Lookup, SelectionThroughTheChooserProgram) {
       {"cancelled: the marker stays and is refused", marker, cancel, {}, 22, true},
       {"19 bytes are no marker", marker.substr(0, 19), choose_bob, {}, 22, false},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
     std::filesystem::remove(offered);
     auto settings = c.settings;
@@ -311,8 +299,6 @@ TEST(SignMessages, AcceptedByOpenssl) {
   } cases[] = {
       {"PKCS7", {alice}, true, false, {kGost12_256}},
       {"PKCS7", {alice}, false, false, {kGost12_256}},
-      {"PKCS7", {alice}, true, true, {kGost12_256}},
-      {"PKCS7", {bob}, false, true, {kGost12_512}},
       {"PKCS7_ANY", {carol}, true, false, {kGost94}},
       {"PKCS7", {carol, alice, bob}, true, false, {kGost94, kGost12_256, kGost12_512}},
       {"PKCS7", {bob, carol}, false, true, {kGost12_512, kGost94}},
@@ -363,23 +349,20 @@ TEST(SignRaw, ReversedValueVerifies) {
                   &status);
       return status == 0;
     };
+    // Certificates and detached change nothing in a bare value.
     for (const bool certs_and_detached : {false, true}) {
-      SignRequest request;
-      request.signers = {c.signer};
-      request.data = data;
-      request.include_certs = request.detached = certs_and_detached;
-      request.format = "RAW_GOST";
-      const SignOutcome raw = sign_through_export(w.env(), request);
-      request.format = "RAW_GOST_INVERTED";
-      const SignOutcome inverted = sign_through_export(w.env(), request);
-      ASSERT_EQ(raw.rc, SSF_OK) << raw.child_stderr;
-      ASSERT_EQ(inverted.rc, SSF_OK) << inverted.child_stderr;
-      EXPECT_EQ(raw.signed_data.size(), c.length);
-      EXPECT_EQ(inverted.signed_data.size(), c.length);
-      std::string reversed(raw.signed_data.rbegin(), raw.signed_data.rend());
-      EXPECT_TRUE(verifies(reversed));
-      EXPECT_TRUE(verifies(inverted.signed_data));
-      EXPECT_FALSE(verifies(raw.signed_data));
+      const auto signed_as = [&](const char* format) {
+        const SignOutcome o = sign_through_export(w.env(), {.format = format, .signers = {c.signer},
+                                                            .include_certs = certs_and_detached,
+                                                            .detached = certs_and_detached, .data = data});
+        EXPECT_EQ(o.rc, SSF_OK) << o.child_stderr;
+        EXPECT_EQ(o.signed_data.size(), c.length);
+        return o.signed_data;
+      };
+      const std::string raw = signed_as("RAW_GOST");
+      EXPECT_TRUE(verifies(std::string(raw.rbegin(), raw.rend())));
+      EXPECT_TRUE(verifies(signed_as("RAW_GOST_INVERTED")));
+      EXPECT_FALSE(verifies(raw));
     }
   }
 }
